@@ -1,0 +1,122 @@
+#include "KAxis.h"
+
+#include <cmath>
+
+#include "KDenseMatrix.h"
+#include "KThreads.h"
+
+namespace Kavrin {
+
+namespace {
+
+KMatrix3d axesMatrix(const KAxis& a) {
+    KMatrix3d m;
+    for (int r = 0; r < 3; ++r) {
+        m(r, 0) = a.xAxis[r];
+        m(r, 1) = a.yAxis[r];
+        m(r, 2) = a.zAxis[r];
+    }
+    return m;
+}
+
+// Any unit vector perpendicular to n, for frames whose reference edge runs along the normal.
+KVector anyPerpendicular(const KVector& n) {
+    const KVector helper = std::fabs(n.x) < 0.57f ? KVector(1, 0, 0) : KVector(0, 1, 0);
+    return helper.cross(n).normalized();
+}
+
+}  // namespace
+
+KVector KAxis::worldToLocal(const KVector& v, bool asVector, bool projectOnly) const {
+    const KVector d = asVector ? v : v - origin;
+    if (projectOnly) return KVector(d.dot(xAxis), d.dot(yAxis), d.dot(zAxis));
+    KMatrix3d inv = axesMatrix(*this);
+    inv.inverse();
+    KVector r;
+    for (int i = 0; i < 3; ++i)
+        r[i] = static_cast<float>(inv(i, 0) * d.x + inv(i, 1) * d.y + inv(i, 2) * d.z);
+    return r;
+}
+
+KVector KAxis::localToWorld(const KVector& v, bool asVector, bool /*projectOnly*/) const {
+    const KVector w = xAxis * v.x + yAxis * v.y + zAxis * v.z;
+    return asVector ? w : w + origin;
+}
+
+void GetTangentSpace(const KTriMesh& mesh, KAxisArray& frames, bool /*orthonormal*/, bool /*atVertex*/,
+                     int threads) {
+    KTangentSpaceBuilder builder;
+    builder.compute(mesh.points.data(), mesh.numVertices(), mesh.triangles, frames, threads);
+}
+
+void KTangentSpaceBuilder::_setTopology(int nv, const KInt3Array& triangles) {
+    _numPoints = nv;
+    _triangles = triangles;
+    const int nt = triangles.length();
+    _v2tOffsets.setLength(nv + 1, true);
+    for (const KInt3& t : triangles)
+        for (int k = 0; k < 3; ++k) ++_v2tOffsets[t[k] + 1];
+    for (int v = 0; v < nv; ++v) _v2tOffsets[v + 1] += _v2tOffsets[v];
+    _v2tIndices.setLength(_v2tOffsets[nv], false);
+    _reference.setLengthWithValue(nv, -1);
+    KIntArray fill(_v2tOffsets);
+    for (int t = 0; t < nt; ++t)
+        for (int k = 0; k < 3; ++k) {
+            const int v = triangles[t][k];
+            _v2tIndices[fill[v]++] = t;
+            if (_reference[v] < 0) _reference[v] = triangles[t][(k + 1) % 3];
+        }
+}
+
+void KTangentSpaceBuilder::compute(const KVector* p, int nv, const KInt3Array& triangles, KAxisArray& frames,
+                                   int threads) {
+    if (nv != _numPoints || triangles != _triangles) _setTopology(nv, triangles);
+    const int nt = triangles.length();
+    if (frames.length() != nv) frames.setLength(nv, false);
+    if (nv == 0) return;
+    _faceNormals.setLength(nt, false);
+
+    const KInt3* tri = triangles.data();
+    KVector* faceNormals = _faceNormals.data();
+    const int* offsets = _v2tOffsets.data();
+    const int* around = _v2tIndices.data();
+    const int* ref = _reference.data();
+    KAxis* f = frames.data();
+#pragma omp parallel num_threads(ResolveThreads(threads))
+    {
+        // Area-weighted face normals, then per vertex their sum in increasing triangle order.
+#pragma omp for schedule(static)
+        for (int t = 0; t < nt; ++t)
+            faceNormals[t] = (p[tri[t][1]] - p[tri[t][0]]).cross(p[tri[t][2]] - p[tri[t][0]]);
+
+#pragma omp for schedule(static)
+        for (int v = 0; v < nv; ++v) {
+            KAxis& a = f[v];
+            a.origin = p[v];
+            if (ref[v] < 0) {
+                // A vertex in no triangle has no surface around it: its frame is the world axes.
+                a.xAxis = KVector(1, 0, 0);
+                a.yAxis = KVector(0, 1, 0);
+                a.zAxis = KVector(0, 0, 1);
+                continue;
+            }
+            KVector n;
+            for (int j = offsets[v]; j < offsets[v + 1]; ++j) n += faceNormals[around[j]];
+            n.normalize();
+            const KVector e = p[ref[v]] - p[v];
+            KVector t = e - n * n.dot(e);
+            const float len = t.length();
+            if (len > 1e-12f * e.length() && len > 0.0f)
+                t /= len;
+            else if (n.squaredLength() > 0.0f)
+                t = anyPerpendicular(n);
+            else
+                t = e.normalized();
+            a.xAxis = t;
+            a.yAxis = n.cross(t);
+            a.zAxis = n;
+        }
+    }
+}
+
+}  // namespace Kavrin

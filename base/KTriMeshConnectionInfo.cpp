@@ -1,0 +1,39 @@
+#include "KTriMeshConnectionInfo.h"
+
+namespace Kavrin {
+
+KTriMeshConnectionInfo::KTriMeshConnectionInfo(const KTriMesh& mesh) : _triangles(mesh.triangles) {
+    const int nv = mesh.numVertices();
+    const int nt = mesh.numTriangles();
+    v2tOffsets.setLength(nv + 1, true);
+    for (const KInt3& t : _triangles)
+        for (int k = 0; k < 3; ++k) ++v2tOffsets[t[k] + 1];
+    for (int v = 0; v < nv; ++v) v2tOffsets[v + 1] += v2tOffsets[v];
+    v2tIndices.setLength(v2tOffsets[nv], false);
+    KIntArray fill(v2tOffsets);
+    for (int t = 0; t < nt; ++t)
+        for (int k = 0; k < 3; ++k) v2tIndices[fill[_triangles[t][k]]++] = t;
+}
+
+void KTriMeshConnectionInfo::calculate_t2t() {
+    const int nt = _triangles.length();
+    t2t.setLengthWithValue(nt, KInt3{-1, -1, -1});
+    for (int t = 0; t < nt; ++t) {
+        const KInt3& tri = _triangles[t];
+        for (int s = 0; s < 3; ++s) {
+            const int a = tri[s];
+            const int b = tri[(s + 1) % 3];
+            for (int j = v2tOffsets[a]; j < v2tOffsets[a + 1]; ++j) {
+                const int u = v2tIndices[j];
+                if (u == t) continue;
+                const KInt3& other = _triangles[u];
+                if (other[0] == b || other[1] == b || other[2] == b) {
+                    t2t[t][s] = u;
+                    break;
+                }
+            }
+        }
+    }
+}
+
+}  // namespace Kavrin

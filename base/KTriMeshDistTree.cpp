@@ -1,0 +1,443 @@
+// Four-wide bounding-volume hierarchy over a mesh's triangles with an exact, pruned nearest search.
+#include "KTriMeshDistTree.h"
+
+#include <algorithm>
+#include <cfloat>
+#include <climits>
+#include <cmath>
+#include <limits>
+
+namespace Kavrin {
+
+namespace {
+
+// Levels past this are never reached: every level quarters the triangle count.
+const int kDepthLimit = 20;
+// Pending entries of a search: each inner node visited replaces its entry by at most four.
+const int kStackSize = 3 * kDepthLimit + 8;
+
+inline double Dot(const double a[3], const double b[3]) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
+inline void Sub(const double a[3], const double b[3], double r[3]) {
+    r[0] = a[0] - b[0];
+    r[1] = a[1] - b[1];
+    r[2] = a[2] - b[2];
+}
+inline void Cross(const double a[3], const double b[3], double r[3]) {
+    r[0] = a[1] * b[2] - a[2] * b[1];
+    r[1] = a[2] * b[0] - a[0] * b[2];
+    r[2] = a[0] * b[1] - a[1] * b[0];
+}
+
+// Lexicographic order of two points; fixes the direction in which a shared edge is evaluated so
+// that both triangles of the edge compute bit-identical closest points and distances.
+inline bool LexLess(const double a[3], const double b[3]) {
+    if (a[0] != b[0]) return a[0] < b[0];
+    if (a[1] != b[1]) return a[1] < b[1];
+    return a[2] < b[2];
+}
+
+// Closest point to p on the segment e0-e1 as the weight t of e1 (1 - t of e0). Zero-length
+// segments give t = 0.
+inline double SegmentParameter(const double p[3], const double e0[3], const double e1[3]) {
+    double d[3], ep[3];
+    Sub(e1, e0, d);
+    Sub(p, e0, ep);
+    const double len2 = Dot(d, d);
+    if (!(len2 > 0.0)) return 0.0;
+    const double t = Dot(ep, d) / len2;
+    return t <= 0.0 ? 0.0 : (t >= 1.0 ? 1.0 : t);
+}
+
+// Closest point of one triangle (corners P[0..2]).
+struct TriangleHit {
+    double w[3];  // barycentric weights of the three corners, each in [0, 1], summing to 1
+    double q[3];  // the closest point
+    double d2;    // its squared distance to the query
+};
+
+// Puts the closest point of edge (i, j) into hit, the edge taken in lexicographic direction.
+inline void EdgeHit(const double p[3], const double P[3][3], int i, int j, TriangleHit& hit) {
+    if (LexLess(P[j], P[i])) std::swap(i, j);
+    const double t = SegmentParameter(p, P[i], P[j]);
+    hit.w[0] = hit.w[1] = hit.w[2] = 0.0;
+    hit.w[i] = 1.0 - t;
+    hit.w[j] = t;
+    for (int k = 0; k < 3; ++k) hit.q[k] = P[i][k] + t * (P[j][k] - P[i][k]);
+}
+
+inline void VertexHit(const double P[3][3], int i, TriangleHit& hit) {
+    hit.w[0] = hit.w[1] = hit.w[2] = 0.0;
+    hit.w[i] = 1.0;
+    hit.q[0] = P[i][0];
+    hit.q[1] = P[i][1];
+    hit.q[2] = P[i][2];
+}
+
+inline double Distance2(const double p[3], const double q[3]) {
+    double d[3];
+    Sub(p, q, d);
+    return Dot(d, d);
+}
+
+// Region-based closest point on a triangle: the vertex regions first (valid for any triangle,
+// degenerate or not), then the edge regions, then the interior. Triangles whose area vanishes
+// against their edge lengths are treated as the union of their three edges. Never produces NaN
+// for finite input.
+void ClosestOnTriangle(const double p[3], const double P[3][3], TriangleHit& hit) {
+    double ab[3], ac[3], ap[3], bp[3], cp[3];
+    Sub(P[1], P[0], ab);
+    Sub(P[2], P[0], ac);
+    Sub(p, P[0], ap);
+    const double d1 = Dot(ab, ap), d2 = Dot(ac, ap);
+    if (d1 <= 0.0 && d2 <= 0.0) {
+        VertexHit(P, 0, hit);
+        hit.d2 = Distance2(p, hit.q);
+        return;
+    }
+    Sub(p, P[1], bp);
+    const double d3 = Dot(ab, bp), d4 = Dot(ac, bp);
+    if (d3 >= 0.0 && d4 <= d3) {
+        VertexHit(P, 1, hit);
+        hit.d2 = Distance2(p, hit.q);
+        return;
+    }
+    Sub(p, P[2], cp);
+    const double d5 = Dot(ab, cp), d6 = Dot(ac, cp);
+    if (d6 >= 0.0 && d5 <= d6) {
+        VertexHit(P, 2, hit);
+        hit.d2 = Distance2(p, hit.q);
+        return;
+    }
+
+    double n[3];
+    Cross(ab, ac, n);
+    const double area2 = Dot(n, n);
+    const double scale = Dot(ab, ab) * Dot(ac, ac);
+    if (!(area2 > 1e-20 * scale)) {
+        // Zero-area or needle triangle: the nearest of its three edges.
+        TriangleHit best, cur;
+        EdgeHit(p, P, 0, 1, best);
+        best.d2 = Distance2(p, best.q);
+        EdgeHit(p, P, 1, 2, cur);
+        cur.d2 = Distance2(p, cur.q);
+        if (cur.d2 < best.d2) best = cur;
+        EdgeHit(p, P, 2, 0, cur);
+        cur.d2 = Distance2(p, cur.q);
+        if (cur.d2 < best.d2) best = cur;
+        hit = best;
+        return;
+    }
+
+    // Unnormalised barycentric weights of the plane projection, from triple products (no
+    // cancellation of large dot-product terms).
+    double t[3], bc[3];
+    Cross(ab, ap, t);
+    const double wc = Dot(n, t);
+    if (wc <= 0.0 && d1 >= 0.0 && d3 <= 0.0) {
+        EdgeHit(p, P, 0, 1, hit);
+        hit.d2 = Distance2(p, hit.q);
+        return;
+    }
+    Cross(ap, ac, t);
+    const double wb = Dot(n, t);
+    if (wb <= 0.0 && d2 >= 0.0 && d6 <= 0.0) {
+        EdgeHit(p, P, 0, 2, hit);
+        hit.d2 = Distance2(p, hit.q);
+        return;
+    }
+    Sub(P[2], P[1], bc);
+    Cross(bc, bp, t);
+    const double wa = Dot(n, t);
+    if (wa <= 0.0 && d4 - d3 >= 0.0 && d5 - d6 >= 0.0) {
+        EdgeHit(p, P, 1, 2, hit);
+        hit.d2 = Distance2(p, hit.q);
+        return;
+    }
+
+    // Interior. Rounding may leave a weight marginally negative; clamp onto the triangle.
+    double v = std::max(wb / area2, 0.0), w = std::max(wc / area2, 0.0);
+    if (v + w > 1.0) {
+        const double s = v + w;
+        v /= s;
+        w /= s;
+    }
+    hit.w[0] = 1.0 - v - w;
+    hit.w[1] = v;
+    hit.w[2] = w;
+    for (int k = 0; k < 3; ++k) hit.q[k] = P[0][k] + v * ab[k] + w * ac[k];
+    hit.d2 = Distance2(p, hit.q);
+}
+
+// Starts loading a child's data while nearer children are searched; the random order of the
+// queries makes the leaves' corner data the main cache cost.
+inline void Prefetch(const void* data, size_t bytes) {
+#if defined(__GNUC__)
+    const char* p = static_cast<const char*>(data);
+    const size_t limit = std::min(bytes, static_cast<size_t>(512));  // leaves past the depth cap can be large
+    for (size_t off = 0; off < limit; off += 64) __builtin_prefetch(p + off);
+#else
+    (void)data;
+    (void)bytes;
+#endif
+}
+
+inline bool Finite(const KVector& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
+
+// Squared box distances of the search are single precision; widen the double bound by a small
+// relative margin so that rounding never prunes a box holding an equally near triangle.
+inline float PruneBound(double best) {
+    const double b = best * (1.0 + 1e-6) + 1e-37;
+    return b >= static_cast<double>(FLT_MAX) ? std::numeric_limits<float>::infinity() : static_cast<float>(b);
+}
+
+}  // namespace
+
+struct KTriMeshDistTree::Prim {
+    float c[3];  // twice the centre of the triangle's box
+    int tri;
+};
+
+KTriMeshDistTree::KTriMeshDistTree(int leafSize, int maxDepth)
+    : _leafSize(leafSize < 1 ? 10 : leafSize), _maxDepth(maxDepth < 1 ? 32 : maxDepth) {}
+
+KTriMeshDistTree::KTriMeshDistTree(const KTriMesh& mesh, int leafSize, int maxDepth)
+    : KTriMeshDistTree(leafSize, maxDepth) {
+    set(mesh);
+}
+
+void KTriMeshDistTree::set(const KTriMesh& mesh) {
+    _corners.clear();
+    _order.clear();
+    _nodes.clear();
+
+    // One centre (twice the box centre, to spare the halving) per usable triangle, and the
+    // boxes of all triangles by triangle index.
+    const int nv = mesh.numVertices();
+    const int nt = mesh.numTriangles();
+    std::vector<Prim> prims;
+    prims.reserve(static_cast<size_t>(nt));
+    std::vector<float> boxes(6 * static_cast<size_t>(nt));
+    for (int i = 0; i < nt; ++i) {
+        const KInt3& t = mesh.triangles[i];
+        bool ok = true;
+        for (int k = 0; k < 3 && ok; ++k) ok = t[k] >= 0 && t[k] < nv && Finite(mesh.points[t[k]]);
+        if (!ok) continue;
+        Prim prim;
+        float* box = &boxes[6 * static_cast<size_t>(i)];
+        for (int a = 0; a < 3; ++a) {
+            const float c0 = mesh.points[t[0]][a], c1 = mesh.points[t[1]][a], c2 = mesh.points[t[2]][a];
+            box[a] = std::min(c0, std::min(c1, c2));
+            box[3 + a] = std::max(c0, std::max(c1, c2));
+            prim.c[a] = box[a] + box[3 + a];
+        }
+        prim.tri = i;
+        prims.push_back(prim);
+    }
+    if (prims.empty()) return;
+
+    const int count = static_cast<int>(prims.size());
+    _nodes.reserve(static_cast<size_t>(count / _leafSize + 1));
+    float rootBox[6];
+    _build(prims.data(), boxes.data(), 0, count, 0, rootBox);
+
+    // The build only permutes prims inside each node's range, so the final order is leaf order.
+    _order.resize(prims.size());
+    _corners.resize(3 * prims.size());
+    for (int s = 0; s < count; ++s) {
+        const KInt3& t = mesh.triangles[prims[s].tri];
+        _order[s] = prims[s].tri;
+        for (int k = 0; k < 3; ++k) _corners[3 * s + k] = mesh.points[t[k]];
+    }
+}
+
+int KTriMeshDistTree::_build(Prim* prims, const float* boxes, int begin, int end, int depth, float* box) {
+    // Splits [b, e) in two at the median centre along the longest side of the centres' bounds.
+    struct Range {
+        int begin, end;
+    };
+    auto split = [prims](const Range& r, Range& left, Range& right) {
+        float lo[3] = {FLT_MAX, FLT_MAX, FLT_MAX}, hi[3] = {-FLT_MAX, -FLT_MAX, -FLT_MAX};
+        for (int i = r.begin; i < r.end; ++i)
+            for (int a = 0; a < 3; ++a) {
+                lo[a] = std::min(lo[a], prims[i].c[a]);
+                hi[a] = std::max(hi[a], prims[i].c[a]);
+            }
+        int axis = 0;
+        for (int a = 1; a < 3; ++a)
+            if (hi[a] - lo[a] > hi[axis] - lo[axis]) axis = a;
+        const int mid = r.begin + (r.end - r.begin) / 2;
+        std::nth_element(prims + r.begin, prims + mid, prims + r.end,
+                         [axis](const Prim& x, const Prim& y) { return x.c[axis] < y.c[axis]; });
+        left.begin = r.begin;
+        left.end = right.begin = mid;
+        right.end = r.end;
+    };
+
+    const int index = static_cast<int>(_nodes.size());
+    _nodes.push_back(Node());
+
+    // Up to four child ranges: one when the whole range fits a leaf (a small root), else the two
+    // halves, each halved again when it is still larger than a leaf.
+    const Range whole = {begin, end};
+    Range parts[4];
+    int count = 0;
+    if (end - begin <= _leafSize) {
+        parts[count++] = whole;
+    } else {
+        Range halves[2];
+        split(whole, halves[0], halves[1]);
+        for (const Range& h : halves) {
+            if (h.end - h.begin > _leafSize) {
+                split(h, parts[count], parts[count + 1]);
+                count += 2;
+            } else {
+                parts[count++] = h;
+            }
+        }
+    }
+
+    Node node;
+    for (int c = 0; c < 4; ++c) {
+        for (int a = 0; a < 3; ++a) {
+            node.lo[a][c] = std::numeric_limits<float>::infinity();
+            node.hi[a][c] = -std::numeric_limits<float>::infinity();
+        }
+        node.first[c] = 0;
+        node.count[c] = -1;
+    }
+    for (int c = 0; c < count; ++c) {
+        const Range& r = parts[c];
+        float childBox[6];
+        if (r.end - r.begin <= _leafSize || depth + 1 >= std::min(_maxDepth, kDepthLimit)) {
+            for (int a = 0; a < 3; ++a) {
+                childBox[a] = std::numeric_limits<float>::infinity();
+                childBox[3 + a] = -std::numeric_limits<float>::infinity();
+            }
+            for (int i = r.begin; i < r.end; ++i) {
+                const float* b = boxes + 6 * static_cast<size_t>(prims[i].tri);
+                for (int a = 0; a < 3; ++a) {
+                    childBox[a] = std::min(childBox[a], b[a]);
+                    childBox[3 + a] = std::max(childBox[3 + a], b[3 + a]);
+                }
+            }
+            node.first[c] = r.begin;
+            node.count[c] = r.end - r.begin;
+        } else {
+            node.first[c] = _build(prims, boxes, r.begin, r.end, depth + 1, childBox);
+            node.count[c] = 0;
+        }
+        for (int a = 0; a < 3; ++a) {
+            node.lo[a][c] = childBox[a];
+            node.hi[a][c] = childBox[3 + a];
+        }
+    }
+    for (int a = 0; a < 3; ++a) {
+        box[a] = std::min(std::min(node.lo[a][0], node.lo[a][1]), std::min(node.lo[a][2], node.lo[a][3]));
+        box[3 + a] = std::max(std::max(node.hi[a][0], node.hi[a][1]), std::max(node.hi[a][2], node.hi[a][3]));
+    }
+    _nodes[index] = node;
+    return index;
+}
+
+bool KTriMeshDistTree::empty() const { return _nodes.empty(); }
+
+bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int& triangle, float& u, float& v,
+                               KVector& closest) const {
+    triangle = -1;
+    if (_nodes.empty() || !Finite(p) || !(maxDistance >= 0.0f)) return false;
+
+    const double q[3] = {p.x, p.y, p.z};
+    double best = static_cast<double>(maxDistance) * maxDistance;  // inclusive limit until a hit
+    int bestTri = INT_MAX;
+    TriangleHit bestHit = {{1.0, 0.0, 0.0}, {0.0, 0.0, 0.0}, 0.0};
+    float bound = PruneBound(best);
+
+    struct Entry {
+        int first;
+        int count;
+        float dist;
+    };
+    Entry stack[kStackSize];
+    int top = 0;
+    stack[top++] = Entry{0, 0, 0.0f};
+
+    while (top > 0) {
+        const Entry e = stack[--top];
+        if (e.dist > bound) continue;
+
+        if (e.count > 0) {
+            for (int s = e.first, last = e.first + e.count; s < last; ++s) {
+                const KVector* c = &_corners[3 * static_cast<size_t>(s)];
+                // The triangle's own box first: most triangles of a leaf are rejected by it.
+                float boxDist = 0.0f;
+                for (int a = 0; a < 3; ++a) {
+                    const float lo = std::min(c[0][a], std::min(c[1][a], c[2][a]));
+                    const float hi = std::max(c[0][a], std::max(c[1][a], c[2][a]));
+                    const float d = std::max(std::max(lo - p[a], p[a] - hi), 0.0f);
+                    boxDist += d * d;
+                }
+                if (boxDist > bound) continue;
+                const double P[3][3] = {{c[0].x, c[0].y, c[0].z}, {c[1].x, c[1].y, c[1].z}, {c[2].x, c[2].y, c[2].z}};
+                TriangleHit hit;
+                ClosestOnTriangle(q, P, hit);
+                const int tri = _order[s];
+                if (hit.d2 < best || (hit.d2 == best && tri < bestTri)) {
+                    best = hit.d2;
+                    bestTri = tri;
+                    bestHit = hit;
+                    bound = PruneBound(best);
+                }
+            }
+            continue;
+        }
+
+        const Node& node = _nodes[e.first];
+        float dist[4];
+        for (int c = 0; c < 4; ++c) {
+            const float dx = std::max(std::max(node.lo[0][c] - p.x, p.x - node.hi[0][c]), 0.0f);
+            const float dy = std::max(std::max(node.lo[1][c] - p.y, p.y - node.hi[1][c]), 0.0f);
+            const float dz = std::max(std::max(node.lo[2][c] - p.z, p.z - node.hi[2][c]), 0.0f);
+            dist[c] = dx * dx + dy * dy + dz * dz;
+        }
+        // Children within the bound, nearest first; pushed farthest first so the nearest is
+        // popped next.
+        int order[4];
+        int n = 0;
+        for (int c = 0; c < 4; ++c) {
+            if (node.count[c] < 0 || dist[c] > bound) continue;
+            int k = n++;
+            while (k > 0 && dist[order[k - 1]] > dist[c]) {
+                order[k] = order[k - 1];
+                --k;
+            }
+            order[k] = c;
+        }
+        for (int k = n - 1; k >= 0; --k) {
+            const int c = order[k];
+            Prefetch(node.count[c] > 0 ? static_cast<const void*>(&_corners[3 * static_cast<size_t>(node.first[c])])
+                                       : static_cast<const void*>(&_nodes[node.first[c]]),
+                     node.count[c] > 0 ? 3 * sizeof(KVector) * static_cast<size_t>(node.count[c]) : sizeof(Node));
+            stack[top++] = Entry{node.first[c], node.count[c], dist[c]};
+        }
+    }
+
+    if (bestTri == INT_MAX) return false;
+    triangle = bestTri;
+    u = static_cast<float>(bestHit.w[0]);
+    v = static_cast<float>(bestHit.w[1]);
+    closest = KVector(static_cast<float>(bestHit.q[0]), static_cast<float>(bestHit.q[1]),
+                      static_cast<float>(bestHit.q[2]));
+    return true;
+}
+
+bool KTriMeshDistTree::getClosestPoint(const KVector& p, KVector& closest, int& triangle, float maxDistance) const {
+    float u, v;
+    return _search(p, maxDistance, triangle, u, v, closest);
+}
+
+bool KTriMeshDistTree::getClosestPoint(const KVector& p, int& triangle, float& a, float& b, float maxDistance) const {
+    KVector c;
+    return _search(p, maxDistance, triangle, a, b, c);
+}
+
+}  // namespace Kavrin

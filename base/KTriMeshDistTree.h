@@ -1,0 +1,69 @@
+#pragma once
+// Exact closest point on a triangle mesh, through a bounding-volume hierarchy over its triangles.
+// The tree keeps its own copy of the geometry, so the mesh may change after set(). Queries are
+// const and use only their own stack, so they may run concurrently.
+//
+// The hierarchy is four wide: every inner node holds the boxes of up to four children side by
+// side. A node's triangles are split twice at the median of their box centres, each time along
+// the longest extent of those centres, so each level quarters the triangle count; a child becomes
+// a leaf when it holds at most leafSize triangles or lies at maxDepth. Leaves therefore hold at
+// most leafSize triangles for meshes of up to leafSize * 4^maxDepth triangles. Building costs
+// O(n log n) and reuses the tree's storage.
+//
+// Closest points are exact (computed in double precision from the stored float corners);
+// degenerate triangles are handled as the union of their edges. Triangles with a vertex index out
+// of range or a non-finite corner are left out of the tree and never returned. Among triangles at
+// exactly the same computed distance the lowest triangle index wins, so a query at a vertex
+// position returns that vertex on the lowest-indexed triangle using it.
+
+#include <vector>
+
+#include "KTriMesh.h"
+
+namespace Kavrin {
+
+class KTriMeshDistTree {
+public:
+    // leafSize: most triangles kept in a leaf; maxDepth: deepest level the hierarchy splits to
+    // (values below 1 fall back to 10 and 32; levels past 20 are never needed).
+    KTriMeshDistTree(int leafSize, int maxDepth);
+    KTriMeshDistTree(const KTriMesh& mesh, int leafSize, int maxDepth);
+
+    void set(const KTriMesh& mesh);
+    bool empty() const;
+
+    // Closest point of the surface to p within maxDistance (inclusive), and its triangle. Returns
+    // false and sets triangle to -1 (leaving closest unchanged) when no triangle lies within
+    // maxDistance, when the tree is empty, or when p or maxDistance is NaN, infinite or negative
+    // (an infinite maxDistance is allowed).
+    bool getClosestPoint(const KVector& p, KVector& closest, int& triangle, float maxDistance) const;
+
+    // The same search; a weights the triangle's first vertex, b its second and 1 - a - b its third,
+    // so that a*P0 + b*P1 + (1 - a - b)*P2 is the closest point. a, b and 1 - a - b lie in [0, 1].
+    // On failure triangle is -1 and a, b are left unchanged.
+    bool getClosestPoint(const KVector& p, int& triangle, float& a, float& b, float maxDistance) const;
+
+private:
+    // One inner node: the boxes of its up to four children, stored per axis so that the four box
+    // distances are computed together.
+    struct Node {
+        float lo[3][4];
+        float hi[3][4];
+        int first[4];  // child node index, or the first slot of a leaf
+        int count[4];  // 0: inner node; > 0: leaf of that many slots; -1: no child
+    };
+    struct Prim;  // build-time centre of one triangle
+
+    bool _search(const KVector& p, float maxDistance, int& triangle, float& u, float& v, KVector& closest) const;
+    // Builds the node over prims[begin, end) (boxes: six floats per triangle index); returns its
+    // index and puts its bounds (lo then hi) into box.
+    int _build(Prim* prims, const float* boxes, int begin, int end, int depth, float* box);
+
+    int _leafSize;
+    int _maxDepth;
+    std::vector<KVector> _corners;  // three per slot, in leaf order
+    std::vector<int> _order;        // triangle index of each slot, grouped by leaf
+    std::vector<Node> _nodes;       // node 0 is the root
+};
+
+}  // namespace Kavrin
