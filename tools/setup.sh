@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# Fresh-machine set-up: installs the packages, builds in Release and runs the demo.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash tools/install-deps.sh
+cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build build -j"$(nproc)"
+./build/apps/kavrin/kavrin demo
