@@ -1,0 +1,100 @@
+#include "KPluginRegistration.h"
+
+#include <cstddef>
+
+namespace Kavrin {
+
+const KNodeType kDeformationTransferNode = {"KDeformationTransfer", 0x82002, KNodeKind::kDependNode, nullptr};
+const KNodeType kDTPointNode = {"KDTPoint", 0x82006, KNodeKind::kLocatorNode, "drawdb/geometry/KDTPoint"};
+const KNodeType kDeltaMushNode = {"KDeltaMush", 0x82008, KNodeKind::kDeformerNode, nullptr};
+const KNodeType kWrapMeshDeformerNode = {"KWrapMeshDeformer", 0x82005, KNodeKind::kDeformerNode, nullptr};
+const KNodeType kOffsetMeshDeformerNode = {"KOffsetMeshDeformer", 0x90012, KNodeKind::kDeformerNode, nullptr};
+const KNodeType kJiggleMeshDeformerNode = {"KJiggleMeshDeformer", 0x82001, KNodeKind::kDeformerNode, nullptr};
+const KNodeType kRelaxationMeshDeformerNode = {"KRelaxationMeshDeformer", 0x90014, KNodeKind::kDeformerNode,
+                                               nullptr};
+const KDrawOverrideType kDTPointDrawOverride = {&kDTPointNode, "KDTPointNodePlugin"};
+const KContextType kDTMarkContext = {"KDTMarkCtx", "KDTMarkCtxToolCmd"};
+
+const char* const kPluginVendor = "Kavrin";
+const char* const kPluginVersion = "1.0";
+const char* const kPluginApiVersion = "Any";
+const char* const kUnloadVendor = "Unknown";
+const char* const kUnloadVersion = "Unknown";
+
+const char* const kPluginScripts[kPluginScriptCount] = {
+    "KavrinUtils.mel",          "KavrinMenu.mel",          "KDTMarkCtx.mel",
+    "KOffsetMeshDeformer.mel",  "KJiggleMeshDeformer.mel", "KRelaxationMeshDeformer.mel",
+    "KDeformationTransfer.mel", "KWrapMeshDeformer.mel",   "KDeltaMush.mel"};
+const char* const kCreateMenuProcedure = "CreateKavrinMenu";
+const char* const kDeleteMenuProcedure = "DeleteKavrinMenu";
+
+namespace {
+
+// One line per step of this build. Types join these tables as their classes are built, at
+// their place in the full order:
+//   load:   KDeformationTransfer, KDTPoint, KDTPoint draw override, KDeltaMush, KWrapMeshDeformer,
+//           KOffsetMeshDeformer, KJiggleMeshDeformer, KRelaxationMeshDeformer, KDTMarkCtx context
+//   unload: KDTPoint draw override, KDTPoint, KDeltaMush, KWrapMeshDeformer, KOffsetMeshDeformer,
+//           KJiggleMeshDeformer, KDeformationTransfer, KRelaxationMeshDeformer, KDTMarkCtx context
+const KPluginStep kLoadSteps[] = {
+    NodeStep(kDeformationTransferNode),
+    NodeStep(kDeltaMushNode),
+};
+const KPluginStep kUnloadSteps[] = {
+    NodeStep(kDeltaMushNode),
+    NodeStep(kDeformationTransferNode),
+};
+
+template <std::size_t N>
+KPluginSteps Steps(const KPluginStep (&steps)[N]) {
+    return KPluginSteps{steps, static_cast<int>(N)};
+}
+
+}  // namespace
+
+KPluginSteps LoadSteps() { return Steps(kLoadSteps); }
+KPluginSteps UnloadSteps() { return Steps(kUnloadSteps); }
+
+bool LoadPlugin(KPluginHost& host, KPluginSteps steps) {
+    for (int i = 0; i < steps.count; ++i) {
+        const KPluginStep& step = steps.steps[i];
+        if (step.node) {
+            if (!host.registerNode(*step.node)) {
+                host.reportFailure(std::string("Failed to register: ") + step.node->name);
+                return false;
+            }
+        } else if (step.drawOverride) {
+            if (!host.registerDrawOverride(*step.drawOverride)) {
+                host.reportFailure(std::string("Failed to register: ") + step.drawOverride->registrantId);
+                return false;
+            }
+        } else if (step.context) {
+            host.registerContext(*step.context);
+        }
+    }
+    for (const char* script : kPluginScripts) host.sourceScript(script);
+    host.registerMenu(kCreateMenuProcedure, kDeleteMenuProcedure);
+    return true;
+}
+
+bool UnloadPlugin(KPluginHost& host, KPluginSteps steps) {
+    for (int i = 0; i < steps.count; ++i) {
+        const KPluginStep& step = steps.steps[i];
+        if (step.node) {
+            if (!host.deregisterNode(*step.node)) {
+                host.reportFailure(std::string("Failed to deregister: ") + step.node->name);
+                return false;
+            }
+        } else if (step.drawOverride) {
+            if (!host.deregisterDrawOverride(*step.drawOverride)) {
+                host.reportFailure(std::string("Failed to deregister: ") + step.drawOverride->locator->name);
+                return false;
+            }
+        } else if (step.context) {
+            host.deregisterContext(*step.context);
+        }
+    }
+    return true;
+}
+
+}  // namespace Kavrin

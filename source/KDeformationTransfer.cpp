@@ -1,0 +1,199 @@
+#include "KDeformationTransfer.h"
+
+#include <string>
+
+#include <maya/MFnDependencyNode.h>
+#include <maya/MFnIntArrayData.h>
+#include <maya/MFnMesh.h>
+#include <maya/MFnMeshData.h>
+#include <maya/MIntArray.h>
+#include <maya/MPoint.h>
+#include <maya/MPointArray.h>
+#include <maya/MThreadUtils.h>
+#include <maya/MVector.h>
+#include <maya/MVectorArray.h>
+
+#include "KMayaBase.h"
+#include "KMayaMessageSink.h"
+#include "KPluginRegistration.h"
+
+const MString KDeformationTransfer::name(Kavrin::kDeformationTransferNode.name);
+const MTypeId KDeformationTransfer::id(Kavrin::kDeformationTransferNode.id);
+
+MObject KDeformationTransfer::sourceMeshObj;
+MObject KDeformationTransfer::targetMeshObj;
+MObject KDeformationTransfer::outputMeshObj;
+MObject KDeformationTransfer::vertCorresObj;
+MObject KDeformationTransfer::reCalculateObj;
+MObject KDeformationTransfer::calcModeObj;
+MObject KDeformationTransfer::iterCountObj;
+MObject KDeformationTransfer::aimObj;
+MObject KDeformationTransfer::srcFixPNumObj;
+MObject KDeformationTransfer::trgFixPNumObj;
+
+namespace {
+
+typedef Kavrin::KDeformationTransferResult Result;
+
+const char* const kSource = "source/KDeformationTransfer";
+
+// The int-array attribute attr; empty when it holds no data.
+void ReadIntArray(MDataBlock& block, const MObject& attr, Kavrin::KIntArray& to) {
+    to.clear();
+    const MObject data = block.inputValue(attr).data();
+    if (data.isNull()) return;
+    MStatus status;
+    MFnIntArrayData fn(data, &status);
+    if (status) Kavrin::Copy(to, fn.array());
+}
+
+MPointArray ToPoints(const Kavrin::KArray<Kavrin::KDouble4>& from) {
+    MPointArray to(static_cast<unsigned int>(from.length()));
+    for (int i = 0; i < from.length(); ++i)
+        to.set(static_cast<unsigned int>(i), from[i][0], from[i][1], from[i][2], from[i][3]);
+    return to;
+}
+
+MVectorArray ToVectors(const Kavrin::KArray<Kavrin::KDouble3>& from) {
+    MVectorArray to(static_cast<unsigned int>(from.length()));
+    for (int i = 0; i < from.length(); ++i)
+        to.set(MVector(from[i][0], from[i][1], from[i][2]), static_cast<unsigned int>(i));
+    return to;
+}
+
+MIntArray ToInts(const Kavrin::KIntArray& from) {
+    return from.empty() ? MIntArray() : MIntArray(from.data(), static_cast<unsigned int>(from.length()));
+}
+
+}  // namespace
+
+void* KDeformationTransfer::creator() { return new KDeformationTransfer(); }
+
+MStatus KDeformationTransfer::initialize() {
+    MFnTypedAttribute tAttr;
+    MFnNumericAttribute nAttr;
+    MFnEnumAttribute eAttr;
+    MStatus status;
+
+    Kavrin::CreateMeshAttr(tAttr, sourceMeshObj, "sourceMesh", "sourceMesh");
+    tAttr.setHidden(true);
+    status = addAttribute(sourceMeshObj);
+    K_CHECK_API(status, kSource);
+
+    Kavrin::CreateMeshAttr(tAttr, targetMeshObj, "targetMesh", "targetMesh");
+    tAttr.setHidden(true);
+    status = addAttribute(targetMeshObj);
+    K_CHECK_API(status, kSource);
+
+    Kavrin::CreateMeshAttr(tAttr, outputMeshObj, "outputMesh", "outputMesh");
+    tAttr.setHidden(true);
+    status = addAttribute(outputMeshObj);
+    K_CHECK_API(status, kSource);
+
+    Kavrin::CreateIArrayAttr(tAttr, vertCorresObj, "vertCorres", "vertCorres");
+    tAttr.setHidden(true);
+    status = addAttribute(vertCorresObj);
+    K_CHECK_API(status, kSource);
+
+    Kavrin::CreateBoolAttr(nAttr, reCalculateObj, "reCalculate", "reCalculate", false);
+    status = addAttribute(reCalculateObj);
+    K_CHECK_API(status, kSource);
+
+    Kavrin::CreateEnumAttr(eAttr, calcModeObj, "calcMode", "calcMode", 1);
+    eAttr.addField("Same Topology", 1);
+    eAttr.addField("Different Topology", 2);
+    status = addAttribute(calcModeObj);
+    K_CHECK_API(status, kSource);
+
+    Kavrin::CreateIntAttr(nAttr, iterCountObj, "iterCount", "iterCount", 5);
+    status = addAttribute(iterCountObj);
+    K_CHECK_API(status, kSource);
+
+    Kavrin::CreateEnumAttr(eAttr, aimObj, "aim", "aim", 1);
+    eAttr.addField("Source To Target", 1);
+    eAttr.addField("Transfer", 2);
+    eAttr.addField("Wrap Deformer", 3);
+    status = addAttribute(aimObj);
+    K_CHECK_API(status, kSource);
+
+    Kavrin::CreateIArrayAttr(tAttr, srcFixPNumObj, "srcFixPNum", "srcFixPNum");
+    tAttr.setHidden(true);
+    status = addAttribute(srcFixPNumObj);
+    K_CHECK_API(status, kSource);
+
+    Kavrin::CreateIArrayAttr(tAttr, trgFixPNumObj, "trgFixPNum", "trgFixPNum");
+    tAttr.setHidden(true);
+    status = addAttribute(trgFixPNumObj);
+    K_CHECK_API(status, kSource);
+
+    // "targetMesh", "vertCorres" and the fixed points do not dirty the output: they take effect
+    // at the next evaluation, normally the one "reCalculate" triggers.
+    attributeAffects(sourceMeshObj, outputMeshObj);
+    attributeAffects(reCalculateObj, outputMeshObj);
+    attributeAffects(calcModeObj, outputMeshObj);
+    attributeAffects(iterCountObj, outputMeshObj);
+    attributeAffects(aimObj, outputMeshObj);
+    return MS::kSuccess;
+}
+
+void KDeformationTransfer::postConstructor() {
+    MPxNode::postConstructor();
+    _self = thisMObject();
+    MFnDependencyNode(_self).setName("KDeformationTransfer#");
+}
+
+MStatus KDeformationTransfer::compute(const MPlug& plug, MDataBlock& block) {
+    if (plug != outputMeshObj) return MS::kUnknownParameter;
+
+    _input.threads = MThreadUtils::getNumThreads();
+    _input.reCalculate = block.inputValue(reCalculateObj).asBool();
+    _input.aim = block.inputValue(aimObj).asShort();
+    _input.calcMode = block.inputValue(calcModeObj).asShort();
+    _input.iterCount = block.inputValue(iterCountObj).asShort();  // 16 bits: larger counts wrap
+    Kavrin::Convert(_input.sourceMesh, block.inputValue(sourceMeshObj).asMesh(), false, "currentUVSet");
+    Kavrin::Convert(_input.targetMesh, block.inputValue(targetMeshObj).asMesh(), false, "currentUVSet");
+    ReadIntArray(block, vertCorresObj, _input.vertCorres);
+    ReadIntArray(block, srcFixPNumObj, _input.srcFixPNum);
+    ReadIntArray(block, trgFixPNumObj, _input.trgFixPNum);
+
+    Kavrin::KMayaMessageSink sink;
+    const Result result = _solver.compute(_input, sink);
+
+    if (result.writeReCalculate) block.outputValue(reCalculateObj).set(result.reCalculate);
+    if (result.output != Result::kNoOutput && !_writeOutputMesh(block, result)) {
+        sink.error(std::string("KDeformationTransfer: the output mesh could not be made from the ") +
+                   (result.output == Result::kFromSource ? "source" : "target") +
+                   " mesh; the output was left untouched.");
+        return MS::kFailure;
+    }
+    if (result.status != Result::kSuccess) return MS::kFailure;
+    // Only a written output is marked clean: an evaluation that writes nothing leaves the plug
+    // dirty, so the next request evaluates (and reports) again.
+    if (result.output != Result::kNoOutput) block.setClean(plug);
+    return MS::kSuccess;
+}
+
+MStatus KDeformationTransfer::_writeOutputMesh(MDataBlock& block, const Result& result) {
+    const MObject& input = result.output == Result::kFromSource ? sourceMeshObj : targetMeshObj;
+    const MObject copied = block.inputValue(input).asMeshTransformed();
+    MStatus status;
+    MFnMeshData data;
+    MObject outData = data.create(&status);
+    if (!status) return status;
+    MFnMesh mesh;
+    const MObject outMesh = mesh.copy(copied, outData, &status);
+    if (!status) return status;
+    status = mesh.setObject(outMesh);
+    if (!status) return status;
+
+    if (result.setPoints) {
+        MPointArray points = ToPoints(_solver.outPoints());
+        mesh.setPoints(points, MSpace::kObject);
+    }
+    if (result.setNormals) {
+        MVectorArray normals = ToVectors(_solver.outNormals());
+        MIntArray vertices = ToInts(_solver.outNormalVerts());
+        mesh.setVertexNormals(normals, vertices, MSpace::kTransform);
+    }
+    return block.outputValue(outputMeshObj).set(outData);
+}

@@ -1,0 +1,16 @@
+#include "KMayaMessageSink.h"
+
+#include <iostream>
+
+#include <maya/MGlobal.h>
+#include <maya/MString.h>
+
+namespace Kavrin {
+
+void KMayaMessageSink::error(const std::string& message) { MGlobal::displayError(MString(message.c_str())); }
+
+void KMayaMessageSink::warning(const std::string& message) { MGlobal::displayWarning(MString(message.c_str())); }
+
+void KMayaMessageSink::output(const std::string& text) { std::cout << text << std::flush; }
+
+}  // namespace Kavrin

@@ -1,0 +1,16 @@
+#pragma once
+// Engine messages into Maya: errors and warnings through the script editor's message calls,
+// other text to standard output as given.
+
+#include "KMessageSink.h"
+
+namespace Kavrin {
+
+class KMayaMessageSink : public KMessageSink {
+public:
+    void error(const std::string& message) override;
+    void warning(const std::string& message) override;
+    void output(const std::string& text) override;
+};
+
+}  // namespace Kavrin
