@@ -8,10 +8,11 @@
 using namespace Kavrin;
 
 int main(int argc, char** argv) {
-    CLI::App app("kavrin: mesh deformation on OBJ files", "kavrin");
+    CLI::App app("kavrin: mesh deformation on OBJ files (delta mush, deformation transfer)", "kavrin");
     app.require_subcommand(1);
     std::vector<Command> commands;
     AddDeltaMushCommand(app, commands);
+    AddTransferCommand(app, commands);
     AddDemoCommand(app, commands);
 
     try {

@@ -139,8 +139,58 @@ TEST_F(KavrinCli, FailedRunExitsWithStatusOne) {
     EXPECT_EQ(lines(r.err), 1) << r.err;
 }
 
+TEST_F(KavrinCli, TransferPlacesTheTargetOnTheSourcePosesFixedVertex) {
+    KPolyMesh source = MakeUVSphere(8, 12);
+    ScalePoints(source, 2.0f, 0.5f, 0.5f);
+    KPolyMesh target = MakeIcosphere(2);
+    ScalePoints(target, 2.0f, 0.6f, 0.4f);
+    // Tips, belly and back: vertex 0 of the UV sphere is its +z pole.
+    std::ofstream(path("markers.txt")) << "# source target\n"
+                                       << "0 " << 0 << "\n\n"
+                                       << source.numVertices() - 1 << " 3\n";
+    KPolyMesh moved = source;
+    for (KVector& p : moved.points) p += KVector(1.0f, 2.0f, 3.0f);
+    const std::string args = "transfer --source-rest " + save("s.obj", source) + " --target " + save("t.obj", target) +
+                             " --markers " + path("markers.txt") + " --iterations 1 ";
+
+    Outcome r = run(args + save("moved.obj", moved) + " -o " + path("out.obj"));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("0KDeformationTransfer: Coefficient Matrix Created!"), std::string::npos) << r.out;
+    const KPolyMesh out = ReadObj(path("out.obj"));
+    ASSERT_EQ(out.numVertices(), target.numVertices());
+    EXPECT_EQ(out.faceVertices, target.faceVertices);
+    EXPECT_NEAR((out.points[0] - moved.points[0]).length(), 0.0f, 1e-4f) << "fixed vertex on the pose's";
+
+    r = run(args + "--aim source-to-target -o " + path("fit.obj"));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(ReadObj(path("fit.obj")).numVertices(), source.numVertices());
+
+    std::ofstream(path("bad.txt")) << "0 0\n1 two\n";
+    std::ofstream(path("far.txt")) << "0 0\n5 9999\n";
+    const std::string common = " --source-rest " + path("s.obj") + " --target " + path("t.obj") + " ";
+    struct Case {
+        std::string args, expected;
+    } cases[] = {
+        {"--markers " + path("bad.txt") + " " + path("moved.obj") + " -o " + path("x.obj"),
+         path("bad.txt") + ":2: expected a source and a target vertex index"},
+        {"--markers " + path("far.txt") + " " + path("moved.obj") + " -o " + path("x.obj"),
+         path("far.txt") + ":2: target vertex 9999 is outside the target mesh (162 vertices)"},
+        {"--markers " + path("markers.txt") + " --mode same " + path("moved.obj") + " -o " + path("x.obj"),
+         "--mode same needs meshes with the same vertices; the source has 98, the target 162"},
+        {"--markers " + path("markers.txt") + " --fixed 0 500 " + path("moved.obj") + " -o " + path("x.obj"),
+         "--fixed: target vertex 500 is outside the target mesh"},
+        {"--markers " + path("markers.txt") + " " + path("s.obj") + " " + path("t.obj") + " -o " + path("x"),
+         path("t.obj") + ": 162 vertices, but " + path("s.obj") + " has 98"},
+    };
+    for (const Case& c : cases) {
+        r = run("transfer" + common + c.args);
+        EXPECT_EQ(r.status, 2) << c.args;
+        EXPECT_EQ(r.err, "kavrin transfer: " + c.expected + "\n");
+    }
+}
+
 TEST_F(KavrinCli, HelpOnEveryCommand) {
-    for (const std::string command : {"", "deltamush ", "demo "}) {
+    for (const std::string command : {"", "deltamush ", "transfer ", "demo "}) {
         const Outcome r = run(command + "--help");
         EXPECT_EQ(r.status, 0) << command;
         EXPECT_NE(r.out.find("Usage"), std::string::npos) << command << r.out;
@@ -152,5 +202,6 @@ TEST_F(KavrinCli, DemoWritesItsResults) {
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(fs::exists(path("demo/deltamush-rest.obj")));
     EXPECT_TRUE(fs::exists(path("demo/deltamush-bend90-result.obj")));
+    EXPECT_TRUE(fs::exists(path("demo/transfer-target-bend90.obj")));
     EXPECT_NE(r.out.find("rest pose reproduced"), std::string::npos) << r.out;
 }

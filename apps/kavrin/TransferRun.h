@@ -1,0 +1,46 @@
+#pragma once
+// Deformation transfer driven the way the node is driven in Maya: one recalculation on the rest
+// source, then one evaluation per source pose.
+
+#include <string>
+
+#include "KDeformationTransferSolver.h"
+#include "KPolyMesh.h"
+
+namespace Kavrin {
+
+struct TransferSettings {
+    KIntArray markers;  // source index, target index, source index, ... (the "vertCorres" order)
+    int fixedSource = 0;
+    int fixedTarget = 0;
+    short mode = KDeformationTransferSolver::kDifferentTopology;
+    short iterations = 5;
+    int threads = 0;
+};
+
+// Reads marker pairs: one pair a line, source index then target index, zero-based; blank lines
+// and lines starting with # are skipped. Throws UsageError naming the line on anything else or
+// on an index outside its mesh.
+KIntArray ReadMarkers(const std::string& path, int sourceVertices, int targetVertices);
+
+class TransferRun {
+public:
+    // Fits the source onto the target, pairs their triangles and factors the transfer system.
+    // Throws RunError when the engine reports an error.
+    TransferRun(const KPolyMesh& sourceRest, const KPolyMesh& target, const TransferSettings& settings,
+                KMessageSink& sink);
+
+    // The target deformed as the source is in pose (same vertices and faces as the rest source).
+    KVectorArray transfer(const KPolyMesh& pose);
+
+    // The source as fitted onto the target by the correspondence search ("Source To Target").
+    static KVectorArray FitSource(const KPolyMesh& sourceRest, const KPolyMesh& target,
+                                  const TransferSettings& settings, KMessageSink& sink);
+
+private:
+    KDeformationTransferInput _input;
+    KDeformationTransferSolver _solver;
+    KMessageSink& _sink;
+};
+
+}  // namespace Kavrin

@@ -1,0 +1,107 @@
+// kavrin transfer: carries source poses onto a target mesh of the same or another topology.
+
+#include <chrono>
+#include <cstdio>
+
+#include "CommandSupport.h"
+#include "TransferRun.h"
+
+namespace Kavrin {
+
+void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
+    struct Options {
+        std::string sourceRest, target, markers, mode = "different", aim = "transfer", out;
+        std::pair<int, int> fixed{0, 0};
+        int iterations = 5;
+        int threads = 0;
+        std::vector<std::string> poses;
+    };
+    auto options = std::make_shared<Options>();
+    CLI::App* sub = app.add_subcommand(
+        "transfer",
+        "Transfer the deformation of source poses onto a target mesh. The correspondence and the factorisation run "
+        "once; each pose is one solve.");
+    sub->add_option("--source-rest", options->sourceRest, "source mesh in its rest pose (OBJ)")
+        ->required()
+        ->check(CLI::ExistingFile);
+    sub->add_option("--target", options->target, "target mesh in its rest pose (OBJ)")
+        ->required()
+        ->check(CLI::ExistingFile);
+    sub->add_option("--markers", options->markers,
+                    "marker pairs: one 'source-index target-index' pair a line, zero-based")
+        ->required()
+        ->check(CLI::ExistingFile);
+    CLI::Option* fixed =
+        sub->add_option("--fixed", options->fixed, "fixed source and target vertex (default: the first marker pair)");
+    sub->add_option("--mode", options->mode, "'same' or 'different' topology")
+        ->check(CLI::IsMember({"same", "different"}))
+        ->capture_default_str();
+    sub->add_option("--iterations", options->iterations, "closest-point iterations of the fitting")
+        ->check(CLI::Range(0, 32767))
+        ->capture_default_str();
+    sub->add_option("--aim", options->aim,
+                    "'transfer' the poses, or write the source fitted onto the target ('source-to-target')")
+        ->check(CLI::IsMember({"transfer", "source-to-target"}))
+        ->capture_default_str();
+    sub->add_option("--threads", options->threads, "worker threads (0: all cores)")->capture_default_str();
+    sub->add_option("poses", options->poses, "source poses (OBJ), same vertices and faces as the rest source")
+        ->check(CLI::ExistingFile);
+    sub->add_option("-o,--output", options->out, "output file for one result, else output folder")->required();
+
+    commands.push_back(Command{sub, [options, fixed]() {
+        const KPolyMesh source = LoadMesh(options->sourceRest);
+        const KPolyMesh target = LoadMesh(options->target);
+        TransferSettings settings;
+        settings.markers = ReadMarkers(options->markers, source.numVertices(), target.numVertices());
+        settings.fixedSource = fixed->count() == 0 ? settings.markers[0] : options->fixed.first;
+        settings.fixedTarget = fixed->count() == 0 ? settings.markers[1] : options->fixed.second;
+        if (settings.fixedSource < 0 || settings.fixedSource >= source.numVertices())
+            throw UsageError("--fixed: source vertex " + std::to_string(settings.fixedSource) +
+                             " is outside the source mesh");
+        if (settings.fixedTarget < 0 || settings.fixedTarget >= target.numVertices())
+            throw UsageError("--fixed: target vertex " + std::to_string(settings.fixedTarget) +
+                             " is outside the target mesh");
+        settings.mode = options->mode == "same" ? KDeformationTransferSolver::kSameTopology
+                                                : KDeformationTransferSolver::kDifferentTopology;
+        if (settings.mode == KDeformationTransferSolver::kSameTopology && source.numVertices() != target.numVertices())
+            throw UsageError("--mode same needs meshes with the same vertices; the source has " +
+                             std::to_string(source.numVertices()) + ", the target " +
+                             std::to_string(target.numVertices()));
+        settings.iterations = static_cast<short>(options->iterations);
+        settings.threads = options->threads;
+        ConsoleSink sink("kavrin transfer");
+
+        if (options->aim == "source-to-target") {
+            if (!options->poses.empty()) throw UsageError("--aim source-to-target takes no poses");
+            KPolyMesh fitted = source;
+            fitted.points = TransferRun::FitSource(source, target, settings, sink);
+            SaveMesh(options->out, fitted);
+            std::printf("fitted source -> %s\n", options->out.c_str());
+            return;
+        }
+        if (options->poses.empty()) throw UsageError("no poses to transfer");
+        std::vector<KPolyMesh> poses;
+        for (const std::string& path : options->poses) {
+            poses.push_back(LoadMesh(path));
+            RequireSameTopology(source, options->sourceRest, poses.back(), path);
+        }
+        const std::vector<std::string> outputs = OutputPaths(options->out, options->poses);
+
+        const auto start = std::chrono::steady_clock::now();
+        TransferRun run(source, target, settings, sink);
+        std::printf("built in %.2f s\n",
+                    std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+        for (size_t i = 0; i < poses.size(); ++i) {
+            const auto t0 = std::chrono::steady_clock::now();
+            KPolyMesh result = target;
+            result.points = run.transfer(poses[i]);
+            const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+            SaveMesh(outputs[i], result);
+            std::printf("[%zu/%zu] %s -> %s (%.1f ms)\n", i + 1, poses.size(), options->poses[i].c_str(),
+                        outputs[i].c_str(), ms);
+            std::fflush(stdout);
+        }
+    }});
+}
+
+}  // namespace Kavrin
