@@ -1,6 +1,7 @@
 #include "KAxis.h"
 
 #include <cmath>
+#include <cstring>
 
 #include "KDenseMatrix.h"
 #include "KThreads.h"
@@ -70,7 +71,11 @@ void KTangentSpaceBuilder::_setTopology(int nv, const KInt3Array& triangles) {
 
 void KTangentSpaceBuilder::compute(const KVector* p, int nv, const KInt3Array& triangles, KAxisArray& frames,
                                    int threads) {
-    if (nv != _numPoints || triangles != _triangles) _setTopology(nv, triangles);
+    // KInt3 is three packed ints, so the triangle lists compare as plain memory.
+    const bool sameTriangles =
+        triangles.size() == _triangles.size() &&
+        (triangles.empty() || std::memcmp(triangles.data(), _triangles.data(), triangles.size() * sizeof(KInt3)) == 0);
+    if (nv != _numPoints || !sameTriangles) _setTopology(nv, triangles);
     const int nt = triangles.length();
     if (frames.length() != nv) frames.setLength(nv, false);
     if (nv == 0) return;
