@@ -5,6 +5,7 @@
 
 #include "KDenseMatrix.h"
 #include "KThreads.h"
+#include "KTriMeshConnectionInfo.h"
 
 namespace Kavrin {
 
@@ -53,20 +54,15 @@ void GetTangentSpace(const KTriMesh& mesh, KAxisArray& frames, bool /*orthonorma
 void KTangentSpaceBuilder::_setTopology(int nv, const KInt3Array& triangles) {
     _numPoints = nv;
     _triangles = triangles;
-    const int nt = triangles.length();
-    _v2tOffsets.setLength(nv + 1, true);
-    for (const KInt3& t : triangles)
-        for (int k = 0; k < 3; ++k) ++_v2tOffsets[t[k] + 1];
-    for (int v = 0; v < nv; ++v) _v2tOffsets[v + 1] += _v2tOffsets[v];
-    _v2tIndices.setLength(_v2tOffsets[nv], false);
+    BuildVertexTriangles(nv, triangles, _v2tOffsets, _v2tIndices);
+    // The reference neighbour: the next corner, in winding order, of the vertex's first triangle.
     _reference.setLengthWithValue(nv, -1);
-    KIntArray fill(_v2tOffsets);
-    for (int t = 0; t < nt; ++t)
-        for (int k = 0; k < 3; ++k) {
-            const int v = triangles[t][k];
-            _v2tIndices[fill[v]++] = t;
-            if (_reference[v] < 0) _reference[v] = triangles[t][(k + 1) % 3];
-        }
+    for (int v = 0; v < nv; ++v) {
+        if (_v2tOffsets[v] == _v2tOffsets[v + 1]) continue;
+        const KInt3& t = triangles[_v2tIndices[_v2tOffsets[v]]];
+        const int k = t[0] == v ? 0 : (t[1] == v ? 1 : 2);
+        _reference[v] = t[(k + 1) % 3];
+    }
 }
 
 void KTangentSpaceBuilder::compute(const KVector* p, int nv, const KInt3Array& triangles, KAxisArray& frames,

@@ -2,17 +2,20 @@
 
 namespace Kavrin {
 
-KTriMeshConnectionInfo::KTriMeshConnectionInfo(const KTriMesh& mesh) : _triangles(mesh.triangles) {
-    const int nv = mesh.numVertices();
-    const int nt = mesh.numTriangles();
-    v2tOffsets.setLength(nv + 1, true);
-    for (const KInt3& t : _triangles)
-        for (int k = 0; k < 3; ++k) ++v2tOffsets[t[k] + 1];
-    for (int v = 0; v < nv; ++v) v2tOffsets[v + 1] += v2tOffsets[v];
-    v2tIndices.setLength(v2tOffsets[nv], false);
-    KIntArray fill(v2tOffsets);
+void BuildVertexTriangles(int nv, const KInt3Array& triangles, KIntArray& offsets, KIntArray& indices) {
+    const int nt = triangles.length();
+    offsets.setLength(nv + 1, true);
+    for (const KInt3& t : triangles)
+        for (int k = 0; k < 3; ++k) ++offsets[t[k] + 1];
+    for (int v = 0; v < nv; ++v) offsets[v + 1] += offsets[v];
+    indices.setLength(offsets[nv], false);
+    KIntArray fill(offsets);
     for (int t = 0; t < nt; ++t)
-        for (int k = 0; k < 3; ++k) v2tIndices[fill[_triangles[t][k]]++] = t;
+        for (int k = 0; k < 3; ++k) indices[fill[triangles[t][k]]++] = t;
+}
+
+KTriMeshConnectionInfo::KTriMeshConnectionInfo(const KTriMesh& mesh) : _triangles(mesh.triangles) {
+    BuildVertexTriangles(mesh.numVertices(), _triangles, v2tOffsets, v2tIndices);
 }
 
 void KTriMeshConnectionInfo::calculate_t2t() {

@@ -5,6 +5,11 @@
 
 namespace Kavrin {
 
+// The triangles around each of numVertices vertices in compressed form: those of vertex v are
+// indices[offsets[v] .. offsets[v + 1]), in increasing triangle order. Every triangle index must
+// lie in [0, numVertices).
+void BuildVertexTriangles(int numVertices, const KInt3Array& triangles, KIntArray& offsets, KIntArray& indices);
+
 class KTriMeshConnectionInfo {
 public:
     explicit KTriMeshConnectionInfo(const KTriMesh& mesh);
