@@ -83,7 +83,7 @@ void KTangentSpaceBuilder::compute(const KVector* p, int nv, const KInt3Array& t
     const int* around = _v2tIndices.data();
     const int* ref = _reference.data();
     KAxis* f = frames.data();
-#pragma omp parallel num_threads(ResolveThreads(threads))
+#pragma omp parallel num_threads(TeamFor(threads, nv))
     {
         // Area-weighted face normals, then per vertex their sum in increasing triangle order.
 #pragma omp for schedule(static)

@@ -18,4 +18,31 @@ inline int ResolveThreads(int threads) {
 #endif
 }
 
+// The team size for a loop over `items` independent items: the requested count, but no more
+// threads than give each at least minPerThread items (starting and meeting threads costs more
+// than small loops save). At least 1.
+inline int TeamFor(int threads, int items, int minPerThread = 2048) {
+    const int byWork = items / (minPerThread > 0 ? minPerThread : 1);
+    const int team = ResolveThreads(threads);
+    return team < byWork ? team : (byWork > 1 ? byWork : 1);
+}
+
+// The calling thread's number in its team, and the team's size (0 and 1 outside a parallel region
+// or without OpenMP).
+inline int OmpThreadNum() {
+#ifdef _OPENMP
+    return omp_get_thread_num();
+#else
+    return 0;
+#endif
+}
+
+inline int OmpNumThreads() {
+#ifdef _OPENMP
+    return omp_get_num_threads();
+#else
+    return 1;
+#endif
+}
+
 }  // namespace Kavrin

@@ -35,70 +35,8 @@ void narrowPoints(const std::vector<double>& in, KVectorArray& out) {
 }  // namespace
 
 void KDeltaMushSolver::Smooth(std::vector<double>& points, const KVertexNeighbours& neighbours, int k,
-                              int threads, SmoothWork* work) {
-    const int n = static_cast<int>(points.size() / 3);
-    if (k < 1) {
-        std::fill(points.begin(), points.end(), 0.0);
-        return;
-    }
-    // Dividing by a power of two equals multiplying by its exact reciprocal, bit for bit, and
-    // costs far less; most vertices of a quad mesh have four neighbours. Other counts divide.
-    SmoothWork local;
-    if (!work) work = &local;
-    std::vector<double>& scale = work->scale;
-    scale.resize(static_cast<size_t>(n));
-    for (int v = 0; v < n; ++v) {
-        const int c = neighbours.count(v);
-        scale[v] = (c > 0 && (c & (c - 1)) == 0) ? 1.0 / static_cast<double>(c) : 0.0;
-    }
-    std::vector<double>& next = work->next;
-    next.resize(points.size());
-    double* bufferA = points.data();
-    double* bufferB = next.data();
-    const int* offsets = neighbours.offsets.data();
-    const int* indices = neighbours.indices.data();
-    const double* s = scale.data();
-    // Every average reads only the previous sweep, so the vertices of a sweep are independent
-    // and the parallel sweeps give the same bits as serial ones.
-#pragma omp parallel num_threads(ResolveThreads(threads))
-    for (int sweep = 0; sweep < k; ++sweep) {
-        const double* p = (sweep % 2 == 0) ? bufferA : bufferB;
-        double* q = (sweep % 2 == 0) ? bufferB : bufferA;
-#pragma omp for schedule(static)
-        for (int v = 0; v < n; ++v) {
-            const int begin = offsets[v];
-            const int count = offsets[v + 1] - begin;
-            double sx = 0.0, sy = 0.0, sz = 0.0;
-            if (count == 4) {
-                // The common case of a quad mesh, unrolled; the sum keeps the neighbour order.
-                const double* a = p + 3 * static_cast<size_t>(indices[begin]);
-                const double* b = p + 3 * static_cast<size_t>(indices[begin + 1]);
-                const double* c = p + 3 * static_cast<size_t>(indices[begin + 2]);
-                const double* d = p + 3 * static_cast<size_t>(indices[begin + 3]);
-                sx = (((0.0 + a[0]) + b[0]) + c[0]) + d[0];
-                sy = (((0.0 + a[1]) + b[1]) + c[1]) + d[1];
-                sz = (((0.0 + a[2]) + b[2]) + c[2]) + d[2];
-            } else {
-                for (int j = begin; j < begin + count; ++j) {
-                    const double* a = p + 3 * static_cast<size_t>(indices[j]);
-                    sx += a[0];
-                    sy += a[1];
-                    sz += a[2];
-                }
-            }
-            if (s[v] != 0.0) {
-                q[3 * v] = sx * s[v];
-                q[3 * v + 1] = sy * s[v];
-                q[3 * v + 2] = sz * s[v];
-            } else {
-                const double c = static_cast<double>(count);
-                q[3 * v] = sx / c;
-                q[3 * v + 1] = sy / c;
-                q[3 * v + 2] = sz / c;
-            }
-        }
-    }
-    if (k % 2 == 1) points.swap(next);
+                              int threads) {
+    KJacobiSmoother().smooth(points, neighbours, k, threads);
 }
 
 bool KDeltaMushSolver::_bind(int pointCount, KDeltaMushStore& store, KMessageSink& sink) {
@@ -116,7 +54,7 @@ bool KDeltaMushSolver::_bind(int pointCount, KDeltaMushStore& store, KMessageSin
     _numIter = store.numIter();
 
     loadPoints(rest.points, _work);
-    Smooth(_work, restNeighbours, _numIter, _threads, &_smoothWork);
+    _restSmoother.smooth(_work, restNeighbours, _numIter, _threads);
     KVectorArray smoothRest;
     narrowPoints(_work, smoothRest);
     _restTangents.compute(smoothRest.data(), smoothRest.length(), rest.triangles, _frames, _threads);
@@ -125,7 +63,7 @@ bool KDeltaMushSolver::_bind(int pointCount, KDeltaMushStore& store, KMessageSin
     deltas.setLength(pointCount, false);
     const KAxis* frames = _frames.data();
     const KVector* restPoints = rest.points.data();
-#pragma omp parallel for schedule(static) num_threads(ResolveThreads(_threads))
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, pointCount))
     for (int i = 0; i < pointCount; ++i) {
         const KVector d = frames[i].worldToLocal(restPoints[i], false, true);
         deltas[i] = KDouble3{d.x, d.y, d.z};
@@ -158,7 +96,7 @@ KDeltaMushSolver::Result KDeltaMushSolver::deform(const KTriMesh& mesh, const KV
         return kUntouched;
     }
     loadPoints(mesh.points, _work);
-    Smooth(_work, neighbours, _numIter, _threads, &_smoothWork);
+    _smoother.smooth(_work, neighbours, _numIter, _threads);
     narrowPoints(_work, _smoothPoints);
     _tangents.compute(_smoothPoints.data(), nv, mesh.triangles, _frames, _threads);
 
@@ -180,8 +118,7 @@ KDeltaMushSolver::Result KDeltaMushSolver::deform(const KTriMesh& mesh, const KV
     KVector* deltas = _deltas.data();
     const KAxis* frames = _frames.data();
     KVector* out = _smoothPoints.data();
-    const int team = ResolveThreads(_threads);
-#pragma omp parallel for schedule(static) num_threads(team)
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, pointCount))
     for (int i = 0; i < pointCount; ++i) {
         deltas[i] = KVector(static_cast<float>(stored[i][0]), static_cast<float>(stored[i][1]),
                             static_cast<float>(stored[i][2]));

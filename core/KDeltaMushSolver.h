@@ -7,6 +7,7 @@
 // reached through KDeltaMushStore, so the host layer only moves data.
 
 #include "KAxis.h"
+#include "KJacobiSmoother.h"
 #include "KMessageSink.h"
 #include "KPolyMesh.h"
 
@@ -63,13 +64,7 @@ public:
     // Jacobi smoothing: k sweeps, each moving every vertex to the plain mean of its neighbours
     // (sums in double, divided by the count). points holds x, y, z per vertex and is replaced by
     // the result; with k < 1 the result is all zero. A vertex without neighbours becomes NaN.
-    // work, when given, keeps the scratch buffers between calls.
-    struct SmoothWork {
-        std::vector<double> next;
-        std::vector<double> scale;
-    };
-    static void Smooth(std::vector<double>& points, const KVertexNeighbours& neighbours, int k, int threads,
-                       SmoothWork* work = nullptr);
+    static void Smooth(std::vector<double>& points, const KVertexNeighbours& neighbours, int k, int threads);
 
 private:
     bool _bind(int pointCount, KDeltaMushStore& store, KMessageSink& sink);
@@ -79,7 +74,8 @@ private:
     KAxisArray _frames;
     KTangentSpaceBuilder _restTangents;
     KTangentSpaceBuilder _tangents;
-    SmoothWork _smoothWork;
+    KJacobiSmoother _restSmoother;
+    KJacobiSmoother _smoother;
     KVectorArray _smoothPoints;
     KArray<KDouble3> _storedDeltas;
     KVectorArray _deltas;
