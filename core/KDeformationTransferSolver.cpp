@@ -308,7 +308,7 @@ void KDeformationTransferSolver::_setOutPoints() {
     KDouble4* out = _outPoints.data();
     KDouble3* outNormals = _outNormals.data();
     int* ids = _outNormalVerts.data();
-#pragma omp parallel for schedule(static) num_threads(ResolveThreads(_threads))
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nv))
     for (int i = 0; i < nv; ++i) {
         const KVector p = points[i] - offset;
         out[i] = KDouble4{p.x, p.y, p.z, 1.0};
@@ -336,7 +336,7 @@ void KDeformationTransferSolver::_setOutDeformedSource() {
     const KVector offset = _offset;
     const KVector* points = _srcMesh.points.data();
     KDouble4* out = _outPoints.data();
-#pragma omp parallel for schedule(static) num_threads(ResolveThreads(_threads))
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nv))
     for (int i = 0; i < nv; ++i) {
         const KVector p = points[i] - offset;
         out[i] = KDouble4{p.x, p.y, p.z, 1.0};

@@ -209,7 +209,7 @@ void KDeformationTransferSolver::_createElementaryMatrix(const int& nTris, const
     const KVector* fixedPos = _fixedPos.data();
     KMatrix94d* mats = _elemMats.data();
     KDouble9* consts = _elemConsts.data();
-#pragma omp parallel for schedule(static) num_threads(ResolveThreads(_threads))
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nTris))
     for (int t = 0; t < nTris; ++t) {
         const KInt3& tri = tris[t];
         const KMatrix3d vi = FrameInverse(p[tri[0]], p[tri[1]], p[tri[2]], kFittingFrame);
@@ -379,7 +379,7 @@ int KDeformationTransferSolver::_createCoefficientMatrix() {
     _trgCols.setLengthWithValue(nTV + nTT, KInt3{-1, -1, -1});
     for (int i = 0; i < nTV; ++i) _trgCols[i] = KInt3{3 * i, 3 * i + 1, 3 * i + 2};
     KInt3* cols = _trgCols.data();
-#pragma omp parallel for schedule(static) num_threads(ResolveThreads(_threads))
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nTT))
     for (int t = 0; t < nTT; ++t)
         for (int k = 0; k < 3; ++k) cols[nTV + t][k] = 3 * (nTV + t) + k;
 
@@ -389,7 +389,7 @@ int KDeformationTransferSolver::_createCoefficientMatrix() {
     const KVector* p = _trgMesh.points.data();
     const KInt3* tris = _trgMesh.triangles.data();
     KMatrix3d* vi = inverses.data();
-#pragma omp parallel for schedule(static) num_threads(ResolveThreads(_threads))
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nTT))
     for (int t = 0; t < nTT; ++t) vi[t] = FrameInverse(p[tris[t][0]], p[tris[t][1]], p[tris[t][2]], kUnitNormalFrame);
 
     long rows = 0;
@@ -491,7 +491,7 @@ int KDeformationTransferSolver::_deformationTransfer() {
         }
         const KInt4* corres = _triCorres.data();
         const long* start = first.data();
-#pragma omp parallel for schedule(static) num_threads(ResolveThreads(_threads))
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nTT))
         for (int t = 0; t < nTT; ++t) {
             const KInt4& tc = corres[t];
             long row = start[t];
@@ -533,7 +533,7 @@ int KDeformationTransferSolver::_deformationTransfer() {
         if (_umfpackOk(solved, "transfer system", "the output was not written.")) {
             const double* xs = static_cast<const double*>(x->x);
             KVector* out = _trgMesh.points.data();
-#pragma omp parallel for schedule(static) num_threads(ResolveThreads(_threads))
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nTV))
             for (int i = 0; i < nTV; ++i)
                 out[i] = KVector(static_cast<float>(xs[3 * i]), static_cast<float>(xs[3 * i + 1]),
                                  static_cast<float>(xs[3 * i + 2]));
