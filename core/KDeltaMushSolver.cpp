@@ -34,11 +34,6 @@ void narrowPoints(const std::vector<double>& in, KVectorArray& out) {
 
 }  // namespace
 
-void KDeltaMushSolver::Smooth(std::vector<double>& points, const KVertexNeighbours& neighbours, int k,
-                              int threads) {
-    KJacobiSmoother().smooth(points, neighbours, k, threads);
-}
-
 bool KDeltaMushSolver::_bind(int pointCount, KDeltaMushStore& store, KMessageSink& sink) {
     KTriMesh rest;
     KVertexNeighbours restNeighbours;

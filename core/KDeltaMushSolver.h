@@ -61,11 +61,6 @@ public:
 
     void setThreads(int threads) { _threads = threads; }
 
-    // Jacobi smoothing: k sweeps, each moving every vertex to the plain mean of its neighbours
-    // (sums in double, divided by the count). points holds x, y, z per vertex and is replaced by
-    // the result; with k < 1 the result is all zero. A vertex without neighbours becomes NaN.
-    static void Smooth(std::vector<double>& points, const KVertexNeighbours& neighbours, int k, int threads);
-
 private:
     bool _bind(int pointCount, KDeltaMushStore& store, KMessageSink& sink);
 

@@ -3,12 +3,12 @@
 // solver's private stages.
 
 #include <cmath>
-#include <map>
 #include <utility>
 #include <vector>
 
 #include "KDeformationTransferInternal.h"
 #include "KMessageSink.h"
+#include "MeshGenerators.h"
 
 namespace Kavrin {
 
@@ -119,33 +119,8 @@ namespace dttest {
 // Unit icosphere: the icosahedron split `levels` times. Closed, manifold, wound outward; the
 // twelve corners keep indices 0-11 at every level.
 inline KTriMesh Icosphere(int levels) {
-    const float t = (1.0f + std::sqrt(5.0f)) / 2.0f;
-    const float v[12][3] = {{-1, t, 0},  {1, t, 0},  {-1, -t, 0}, {1, -t, 0}, {0, -1, t},  {0, 1, t},
-                            {0, -1, -t}, {0, 1, -t}, {t, 0, -1},  {t, 0, 1},  {-t, 0, -1}, {-t, 0, 1}};
-    const int f[20][3] = {{0, 11, 5},  {0, 5, 1},  {0, 1, 7},  {0, 7, 10}, {0, 10, 11}, {1, 5, 9}, {5, 11, 4},
-                          {11, 10, 2}, {10, 7, 6}, {7, 1, 8},  {3, 9, 4},  {3, 4, 2},   {3, 2, 6}, {3, 6, 8},
-                          {3, 8, 9},   {4, 9, 5},  {2, 4, 11}, {6, 2, 10}, {8, 6, 7},   {9, 8, 1}};
     KTriMesh m;
-    for (const auto& p : v) m.points.push_back(KVector(p[0], p[1], p[2]).normalized());
-    for (const auto& tri : f) m.triangles.push_back(KInt3{tri[0], tri[1], tri[2]});
-    for (int l = 0; l < levels; ++l) {
-        std::map<std::pair<int, int>, int> mid;
-        auto middle = [&](int a, int b) {
-            const auto key = std::make_pair(std::min(a, b), std::max(a, b));
-            if (!mid.count(key)) {
-                m.points.push_back(((m.points[a] + m.points[b]) * 0.5f).normalized());
-                mid[key] = m.points.length() - 1;
-            }
-            return mid[key];
-        };
-        KInt3Array next;
-        for (const KInt3& tri : m.triangles) {
-            const int a = middle(tri[0], tri[1]), b = middle(tri[1], tri[2]), c = middle(tri[2], tri[0]);
-            for (const KInt3& n : {KInt3{tri[0], a, c}, KInt3{tri[1], b, a}, KInt3{tri[2], c, b}, KInt3{a, b, c}})
-                next.push_back(n);
-        }
-        m.triangles = next;
-    }
+    MakeIcosphere(levels).triangulate(m);
     return m;
 }
 

@@ -49,26 +49,6 @@ struct Evaluation {
 
 }  // namespace
 
-TEST(DeltaMushSmooth, JacobiSweepsMatchHandWorkedValues) {
-    // Path 0 - 1 - 2 with x = 0, 3, 9; every average reads the previous sweep, not updated vertices.
-    KVertexNeighbours n;
-    n.assign({{1}, {0, 2}, {1}});
-    std::vector<double> p = {0, 0, 0, 3, 0, 0, 9, 0, 0};
-    KDeltaMushSolver::Smooth(p, n, 1, 1);
-    EXPECT_EQ(p, (std::vector<double>{3, 0, 0, 4.5, 0, 0, 3, 0, 0}));
-    KDeltaMushSolver::Smooth(p, n, 1, 1);
-    EXPECT_EQ(p, (std::vector<double>{4.5, 0, 0, 3, 0, 0, 4.5, 0, 0}));
-    KDeltaMushSolver::Smooth(p, n, 0, 1);
-    EXPECT_EQ(p, std::vector<double>(9, 0.0)) << "no sweep leaves the smoothed points at the origin";
-
-    KVertexNeighbours isolated;
-    isolated.assign({{}, {0}});
-    std::vector<double> q = {1, 1, 1, 2, 2, 2};
-    KDeltaMushSolver::Smooth(q, isolated, 1, 1);
-    EXPECT_TRUE(std::isnan(q[0])) << "a vertex without neighbours divides zero by zero";
-    EXPECT_EQ(q[3], 1.0);
-}
-
 TEST(DeltaMush, CapturesRestReproducesItAndFollowsRigidMotion) {
     const Sheet sheet;
     Evaluation run;

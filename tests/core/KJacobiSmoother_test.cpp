@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <numeric>
 #include <random>
@@ -40,6 +41,26 @@ void ExpectSameBits(const std::vector<double>& a, const std::vector<double>& b) 
 }
 
 }  // namespace
+
+TEST(KJacobiSmoother, SweepsMatchHandWorkedValues) {
+    // Path 0 - 1 - 2 with x = 0, 3, 9; every average reads the previous sweep, not updated vertices.
+    KVertexNeighbours n;
+    n.assign({{1}, {0, 2}, {1}});
+    std::vector<double> p = {0, 0, 0, 3, 0, 0, 9, 0, 0};
+    KJacobiSmoother().smooth(p, n, 1, 1);
+    EXPECT_EQ(p, (std::vector<double>{3, 0, 0, 4.5, 0, 0, 3, 0, 0}));
+    KJacobiSmoother().smooth(p, n, 1, 1);
+    EXPECT_EQ(p, (std::vector<double>{4.5, 0, 0, 3, 0, 0, 4.5, 0, 0}));
+    KJacobiSmoother().smooth(p, n, 0, 1);
+    EXPECT_EQ(p, std::vector<double>(9, 0.0)) << "no sweep leaves the smoothed points at the origin";
+
+    KVertexNeighbours isolated;
+    isolated.assign({{}, {0}});
+    std::vector<double> q = {1, 1, 1, 2, 2, 2};
+    KJacobiSmoother().smooth(q, isolated, 1, 1);
+    EXPECT_TRUE(std::isnan(q[0])) << "a vertex without neighbours divides zero by zero";
+    EXPECT_EQ(q[3], 1.0);
+}
 
 TEST(KJacobiSmoother, EveryThreadCountGivesTheSerialBits) {
     // Large enough for four threads to take part (2,048 vertices each at least).
