@@ -7,16 +7,13 @@
 
 #include <benchmark/benchmark.h>
 
-#include <fstream>
 #include <memory>
 #include <string>
 #include <sys/stat.h>
 
 #include "../tests/core/DeformationTransferTestSupport.h"
-#if __has_include("ObjIO.h")
+#include "MarkerFile.h"
 #include "ObjIO.h"
-#define KAVRIN_BENCH_HAS_OBJ 1
-#endif
 
 using namespace Kavrin;
 
@@ -35,22 +32,15 @@ bool Exists(const std::string& path) {
 
 TransferData LoadData() {
     TransferData d;
-#ifdef KAVRIN_BENCH_HAS_OBJ
     const std::string dir = std::string(KAVRIN_DATA_DIR) + "/cat-lion/";
     if (Exists(dir + "markers.txt")) {
         ReadObj(dir + "cat-reference.obj").triangulate(d.source);
         ReadObj(dir + "lion-reference.obj").triangulate(d.target);
         ReadObj(dir + "cat-05.obj").triangulate(d.pose);
-        std::ifstream in(dir + "markers.txt");
-        int s, t;
-        while (in >> s >> t) {
-            d.markers.push_back(s);
-            d.markers.push_back(t);
-        }
+        d.markers = ReadMarkers(dir + "markers.txt", d.source.numVertices(), d.target.numVertices());
         d.origin = "cat-lion";
         return d;
     }
-#endif
     // Generated: a bumpy sphere of 10,242 vertices onto a stretched sphere of 2,562 vertices,
     // the same order of size as the cat and the lion.
     d.source = dttest::Icosphere(5);

@@ -10,18 +10,12 @@ namespace fs = std::filesystem;
 
 namespace Kavrin {
 
-KPolyMesh LoadMesh(const std::string& path) {
-    try {
-        return ReadObj(path);
-    } catch (const KObjError& e) {
-        throw UsageError(e.what());
-    }
-}
+KPolyMesh LoadMesh(const std::string& path) { return ReadObj(path); }
 
 void SaveMesh(const std::string& path, const KPolyMesh& mesh) {
     try {
         WriteObj(path, mesh);
-    } catch (const KObjError& e) {
+    } catch (const KFileError& e) {
         throw RunError(e.what());
     }
 }

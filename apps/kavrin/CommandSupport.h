@@ -38,7 +38,7 @@ void AddDeltaMushCommand(CLI::App& app, std::vector<Command>& commands);
 void AddTransferCommand(CLI::App& app, std::vector<Command>& commands);
 void AddDemoCommand(CLI::App& app, std::vector<Command>& commands);
 
-// Reads an OBJ file; any problem is a UsageError.
+// Reads an OBJ file; any problem is a KFileError, which the tool reports as bad input.
 KPolyMesh LoadMesh(const std::string& path);
 // Writes an OBJ file; a failure is a RunError.
 void SaveMesh(const std::string& path, const KPolyMesh& mesh);

@@ -1,8 +1,5 @@
 #include "TransferRun.h"
 
-#include <fstream>
-#include <sstream>
-
 #include "CommandSupport.h"
 
 namespace Kavrin {
@@ -49,34 +46,6 @@ void fillInput(KDeformationTransferInput& input, const KPolyMesh& source, const 
 }
 
 }  // namespace
-
-KIntArray ReadMarkers(const std::string& path, int sourceVertices, int targetVertices) {
-    std::ifstream in(path);
-    if (!in) throw UsageError(path + ": cannot open the file");
-    KIntArray pairs;
-    std::string line;
-    for (int number = 1; std::getline(in, line); ++number) {
-        std::istringstream words(line);
-        std::string first;
-        if (!(words >> first) || first[0] == '#') continue;
-        std::istringstream values(line);
-        long long source, target;
-        std::string rest;
-        const std::string where = path + ":" + std::to_string(number) + ": ";
-        if (!(values >> source >> target) || (values >> rest))
-            throw UsageError(where + "expected a source and a target vertex index");
-        if (source < 0 || source >= sourceVertices)
-            throw UsageError(where + "source vertex " + std::to_string(source) + " is outside the source mesh (" +
-                             std::to_string(sourceVertices) + " vertices)");
-        if (target < 0 || target >= targetVertices)
-            throw UsageError(where + "target vertex " + std::to_string(target) + " is outside the target mesh (" +
-                             std::to_string(targetVertices) + " vertices)");
-        pairs.push_back(static_cast<int>(source));
-        pairs.push_back(static_cast<int>(target));
-    }
-    if (pairs.empty()) throw UsageError(path + ": no marker pairs");
-    return pairs;
-}
 
 TransferRun::TransferRun(const KPolyMesh& sourceRest, const KPolyMesh& target, const TransferSettings& settings,
                          KMessageSink& sink)

@@ -18,11 +18,6 @@ struct TransferSettings {
     int threads = 0;
 };
 
-// Reads marker pairs: one pair a line, source index then target index, zero-based; blank lines
-// and lines starting with # are skipped. Throws UsageError naming the line on anything else or
-// on an index outside its mesh.
-KIntArray ReadMarkers(const std::string& path, int sourceVertices, int targetVertices);
-
 class TransferRun {
 public:
     // Fits the source onto the target, pairs their triangles and factors the transfer system.

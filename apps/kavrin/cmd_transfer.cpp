@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "CommandSupport.h"
+#include "MarkerFile.h"
 #include "TransferRun.h"
 
 namespace Kavrin {

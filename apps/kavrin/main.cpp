@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "CommandSupport.h"
+#include "FileError.h"
 
 using namespace Kavrin;
 
@@ -32,6 +33,9 @@ int main(int argc, char** argv) {
         try {
             command.run();
             return kExitSuccess;
+        } catch (const KFileError& e) {
+            std::fprintf(stderr, "%s: %s\n", name.c_str(), e.what());
+            return kExitBadInput;
         } catch (const UsageError& e) {
             std::fprintf(stderr, "%s: %s\n", name.c_str(), e.what());
             return kExitBadInput;

@@ -11,15 +11,12 @@
 
 #include <cmath>
 #include <cstdio>
-#include <fstream>
 #include <string>
 #include <sys/stat.h>
 
 #include "KDeformationTransferSolver.h"
-#if __has_include("ObjIO.h")
+#include "MarkerFile.h"
 #include "ObjIO.h"
-#define KAVRIN_HAS_OBJ_READER 1
-#endif
 
 using namespace Kavrin;
 
@@ -32,13 +29,11 @@ bool DataPresent() {
     return stat((kDir + "markers.txt").c_str(), &st) == 0;
 }
 
-#ifdef KAVRIN_HAS_OBJ_READER
 KTriMesh Load(const std::string& name) {
     KTriMesh mesh;
     ReadObj(kDir + name).triangulate(mesh);
     return mesh;
 }
-#endif
 
 double BoxDiagonal(const KVectorArray& points) {
     double lo[3] = {1e30, 1e30, 1e30}, hi[3] = {-1e30, -1e30, -1e30};
@@ -78,20 +73,12 @@ Distances Compare(const KArray<KDouble4>& ours, const KVectorArray& reference, c
 
 TEST(CatLionValidation, NinePosesMatchThePublishedLionPoses) {
     if (!DataPresent()) GTEST_SKIP() << "no cat-lion data in " << kDir;
-#ifndef KAVRIN_HAS_OBJ_READER
-    GTEST_SKIP() << "the OBJ reader (KavrinTools) is not built";
-#else
     KDeformationTransferInput in;
     in.sourceMesh = Load("cat-reference.obj");
     in.targetMesh = Load("lion-reference.obj");
     ASSERT_EQ(in.sourceMesh.numVertices(), 7207);
     ASSERT_EQ(in.targetMesh.numVertices(), 5000);
-    std::ifstream markers(kDir + "markers.txt");
-    int s, t;
-    while (markers >> s >> t) {
-        in.vertCorres.push_back(s);
-        in.vertCorres.push_back(t);
-    }
+    in.vertCorres = ReadMarkers(kDir + "markers.txt", 7207, 5000);
     ASSERT_EQ(in.vertCorres.length(), 110);
     in.srcFixPNum = KIntArray{in.vertCorres[0]};
     in.trgFixPNum = KIntArray{in.vertCorres[1]};
@@ -141,5 +128,4 @@ TEST(CatLionValidation, NinePosesMatchThePublishedLionPoses) {
         EXPECT_LT(aligned.mean / diagonal, 0.025) << "pose " << pose;
         EXPECT_LT(aligned.max / diagonal, 0.12) << "pose " << pose;
     }
-#endif
 }

@@ -65,9 +65,9 @@ TEST(ObjIO, BadFilesAreOneLineErrors) {
         try {
             ReadObj(file);
             ADD_FAILURE() << file << " was read";
-        } catch (const KObjError& e) {
+        } catch (const KFileError& e) {
             EXPECT_EQ(std::string(e.what()), file + expected);
         }
     }
-    EXPECT_THROW(WriteObj((dir.path / "no-such-dir" / "x.obj").string(), KPolyMesh()), KObjError);
+    EXPECT_THROW(WriteObj((dir.path / "no-such-dir" / "x.obj").string(), KPolyMesh()), KFileError);
 }

@@ -21,7 +21,7 @@ std::string firstLine(const std::string& text) {
 KPolyMesh ReadObj(const std::string& path) {
     {
         std::ifstream probe(path);
-        if (!probe) throw KObjError(path + ": cannot open the file");
+        if (!probe) throw KFileError(path + ": cannot open the file");
     }
     tinyobj::ObjReaderConfig config;
     config.triangulate = false;
@@ -29,15 +29,15 @@ KPolyMesh ReadObj(const std::string& path) {
     tinyobj::ObjReader reader;
     if (!reader.ParseFromFile(path, config)) {
         const std::string why = firstLine(reader.Error());
-        throw KObjError(path + ": not a readable OBJ file" + (why.empty() ? "" : " (" + why + ")"));
+        throw KFileError(path + ": not a readable OBJ file" + (why.empty() ? "" : " (" + why + ")"));
     }
     if (reader.Warning().find("invalid vertex index") != std::string::npos)
-        throw KObjError(path + ": a face refers to a vertex that does not exist");
+        throw KFileError(path + ": a face refers to a vertex that does not exist");
 
     const tinyobj::attrib_t& attrib = reader.GetAttrib();
     KPolyMesh mesh;
     const int nv = static_cast<int>(attrib.vertices.size() / 3);
-    if (nv == 0) throw KObjError(path + ": no vertices");
+    if (nv == 0) throw KFileError(path + ": no vertices");
     mesh.points.setLength(nv, false);
     for (int i = 0; i < nv; ++i)
         mesh.points[i] = KVector(attrib.vertices[3 * i], attrib.vertices[3 * i + 1], attrib.vertices[3 * i + 2]);
@@ -49,20 +49,20 @@ KPolyMesh ReadObj(const std::string& path) {
             if (count < 3) {
                 std::ostringstream s;
                 s << path << ": face " << mesh.numFaces() + 1 << " has fewer than three vertices";
-                throw KObjError(s.str());
+                throw KFileError(s.str());
             }
             mesh.faceCounts.push_back(count);
             for (int k = 0; k < count; ++k) mesh.faceVertices.push_back(shape.mesh.indices[at + k].vertex_index);
             at += static_cast<size_t>(count);
         }
     }
-    if (!mesh.valid()) throw KObjError(path + ": a face refers to a vertex that does not exist");
+    if (!mesh.valid()) throw KFileError(path + ": a face refers to a vertex that does not exist");
     return mesh;
 }
 
 void WriteObj(const std::string& path, const KPolyMesh& mesh) {
     std::FILE* file = std::fopen(path.c_str(), "w");
-    if (!file) throw KObjError(path + ": cannot write the file");
+    if (!file) throw KFileError(path + ": cannot write the file");
     // Nine significant digits give every float back exactly.
     for (const KVector& p : mesh.points) std::fprintf(file, "v %.9g %.9g %.9g\n", p.x, p.y, p.z);
     int at = 0;
@@ -73,7 +73,7 @@ void WriteObj(const std::string& path, const KPolyMesh& mesh) {
         at += count;
     }
     const bool failed = std::ferror(file) != 0;
-    if (std::fclose(file) != 0 || failed) throw KObjError(path + ": cannot write the file");
+    if (std::fclose(file) != 0 || failed) throw KFileError(path + ": cannot write the file");
 }
 
 }  // namespace Kavrin
