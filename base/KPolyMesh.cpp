@@ -1,6 +1,7 @@
 #include "KPolyMesh.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace Kavrin {
 
@@ -38,14 +39,18 @@ bool KPolyMesh::valid() const {
 void KPolyMesh::triangulate(KTriMesh& mesh) const {
     mesh.points = points;
     mesh.uvs.clear();
-    mesh.triangles.clear();
-    int total = 0;
-    for (int c : faceCounts) total += c - 2;
-    mesh.triangles.reserve(static_cast<size_t>(std::max(total, 0)));
+    fanTriangles(mesh.triangles);
+}
+
+void KPolyMesh::fanTriangles(KInt3Array& triangles) const {
+    triangles.clear();
+    long long total = 0;
+    for (int c : faceCounts) total += std::max(c - 2, 0);
+    triangles.reserve(static_cast<size_t>(total));
     int start = 0;
     for (int c : faceCounts) {
         for (int k = 1; k + 1 < c; ++k)
-            mesh.triangles.push_back(KInt3{faceVertices[start], faceVertices[start + k], faceVertices[start + k + 1]});
+            triangles.push_back(KInt3{faceVertices[start], faceVertices[start + k], faceVertices[start + k + 1]});
         start += c;
     }
 }
@@ -68,6 +73,32 @@ void KPolyMesh::edgeNeighbours(KVertexNeighbours& neighbours) const {
         start += c;
     }
     neighbours.assign(lists);
+}
+
+namespace {
+
+bool SameInts(const KIntArray& a, const KIntArray& b) {
+    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(int)) == 0);
+}
+
+}  // namespace
+
+bool KPolyTopology::update(const KPolyMesh& mesh) {
+    if (_valid && mesh.numVertices() == _numVertices && SameInts(mesh.faceCounts, _faceCounts) &&
+        SameInts(mesh.faceVertices, _faceVertices))
+        return true;
+    _numVertices = mesh.numVertices();
+    _faceCounts = mesh.faceCounts;
+    _faceVertices = mesh.faceVertices;
+    _valid = mesh.valid();
+    if (!_valid) {
+        _triangles.clear();
+        _neighbours = KVertexNeighbours();
+        return false;
+    }
+    mesh.fanTriangles(_triangles);
+    mesh.edgeNeighbours(_neighbours);
+    return true;
 }
 
 }  // namespace Kavrin

@@ -39,10 +39,34 @@ public:
 
     // Splits every face into a fan of triangles around its first vertex, keeping the winding.
     void triangulate(KTriMesh& mesh) const;
+    // The same triangles alone.
+    void fanTriangles(KInt3Array& triangles) const;
 
     // For every vertex, the vertices joined to it by a polygon edge (quad diagonals are not
     // edges), each once, in the order the faces first reach them.
     void edgeNeighbours(KVertexNeighbours& neighbours) const;
+};
+
+// The triangles (fan split) and polygon-edge neighbours of a polygon mesh's faces, kept between
+// calls: update() rebuilds them only when the vertex count or the faces differ from the last
+// call's, so a host that evaluates the same mesh again and again pays one comparison of the face
+// arrays instead of a rebuild.
+class KPolyTopology {
+public:
+    // Makes the tables those of mesh. Returns false, leaving the tables empty, when the faces are
+    // not valid for the mesh's points (KPolyMesh::valid()).
+    bool update(const KPolyMesh& mesh);
+
+    const KInt3Array& triangles() const { return _triangles; }
+    const KVertexNeighbours& neighbours() const { return _neighbours; }
+
+private:
+    bool _valid = false;
+    int _numVertices = -1;
+    KIntArray _faceCounts;
+    KIntArray _faceVertices;
+    KInt3Array _triangles;
+    KVertexNeighbours _neighbours;
 };
 
 }  // namespace Kavrin

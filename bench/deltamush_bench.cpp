@@ -2,7 +2,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "KDeltaMushMemoryStore.h"
+#include "KDeltaMushSolver.h"
 #include "MeshGenerators.h"
 
 using namespace Kavrin;
@@ -12,24 +12,18 @@ static void BM_DeltaMushEvaluate(benchmark::State& state) {
     const KPolyMesh rest = MakeDetailedGrid(n, 10.0f);
     const KPolyMesh pose = BendAroundY(rest, 1.2f);
 
-    KDeltaMushMemoryStore store;
-    store.onlyOnceValue = false;
-    store.numIterValue = 15;
-    rest.triangulate(store.restMesh);
-    rest.edgeNeighbours(store.restNeighbours);
-    KTriMesh current = store.restMesh;
-    current.points = pose.points;
-
+    KDeltaMushAttributes attributes;
+    attributes.onlyOnce = false;
+    attributes.numIter = 15;
+    attributes.restMesh = rest;
+    attributes.hasRestMesh = true;
     KDeltaMushSolver solver;
-    solver.setThreads(0);
-    KRecordingSink sink;
-    solver.deform(current, store.restNeighbours, current.numVertices(), 1.0f, store, sink);  // bind
+    attributes.evaluate(solver, pose, 1.0f, 0);  // bind
     for (auto _ : state) {
-        const KDeltaMushSolver::Result r =
-            solver.deform(current, store.restNeighbours, current.numVertices(), 1.0f, store, sink);
-        benchmark::DoNotOptimize(r);
-        benchmark::DoNotOptimize(solver.result().data());
+        const KDeltaMushResult r = attributes.evaluate(solver, pose, 1.0f, 0);
+        benchmark::DoNotOptimize(r.outcome.status);
+        benchmark::DoNotOptimize(solver.points().data());
     }
-    state.counters["vertices"] = current.numVertices();
+    state.counters["vertices"] = pose.numVertices();
 }
 BENCHMARK(BM_DeltaMushEvaluate)->Arg(316)->Unit(benchmark::kMillisecond)->UseRealTime();

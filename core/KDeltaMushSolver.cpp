@@ -5,16 +5,19 @@
 
 namespace Kavrin {
 
+const char* const kDeltaMushNoDelta = "No delta found.";
+const char* const kDeltaMushWrongDeltaSize = "Wrong size of the delta array.";
 const char* const kDeltaMushRestTooSmall =
     "KDeltaMush: the rest mesh has fewer vertices than the deformed geometry; nothing was bound.";
+const char* const kDeltaMushNoRestMesh = "KDeltaMush: no rest mesh is stored; nothing was bound.";
 const char* const kDeltaMushMeshTooSmall =
     "KDeltaMush: the input mesh has fewer vertices than the deformed geometry; the points were left untouched.";
-const char* const kDeltaMushBadNeighbours =
-    "KDeltaMush: the mesh's edge connectivity does not match its vertices; the points were left untouched.";
+const char* const kDeltaMushBadFaces =
+    "KDeltaMush: the mesh's faces name vertices it does not have; the points were left untouched.";
 
 namespace {
 
-void loadPoints(const KVectorArray& points, std::vector<double>& out) {
+void LoadPoints(const KVectorArray& points, std::vector<double>& out) {
     const int n = points.length();
     out.resize(3 * static_cast<size_t>(n));
     for (int i = 0; i < n; ++i) {
@@ -24,7 +27,7 @@ void loadPoints(const KVectorArray& points, std::vector<double>& out) {
     }
 }
 
-void narrowPoints(const std::vector<double>& in, KVectorArray& out) {
+void NarrowPoints(const std::vector<double>& in, KVectorArray& out) {
     const int n = static_cast<int>(in.size() / 3);
     out.setLength(n, false);
     for (int i = 0; i < n; ++i)
@@ -34,98 +37,126 @@ void narrowPoints(const std::vector<double>& in, KVectorArray& out) {
 
 }  // namespace
 
-bool KDeltaMushSolver::_bind(int pointCount, KDeltaMushStore& store, KMessageSink& sink) {
-    KTriMesh rest;
-    KVertexNeighbours restNeighbours;
-    store.readRestMesh(rest, restNeighbours);
-    if (rest.numVertices() < pointCount) {
-        sink.error(kDeltaMushRestTooSmall);
-        return false;
-    }
-    if (!restNeighbours.validFor(rest.numVertices()) || !rest.indicesValid()) {
-        sink.error(kDeltaMushBadNeighbours);
-        return false;
-    }
-    _numIter = store.numIter();
+bool KDeltaMushSolver::_bindDue(const KDeltaMushInput& in) const { return _numIter != in.numIter || !in.gotDelta; }
 
-    loadPoints(rest.points, _work);
-    _restSmoother.smooth(_work, restNeighbours, _numIter, _threads);
+bool KDeltaMushSolver::restMeshNeeded(const KDeltaMushInput& in) const {
+    return Active(in.envelope) && !in.onlyOnce && _bindDue(in);
+}
+
+KOutcome KDeltaMushSolver::_bind(const KPolyMesh& rest, const KDeltaMushInput& in) {
+    // Guard: the bind reads a rest point and a frame at every geometry index.
+    if (!_restTopology.update(rest)) return KOutcome::Failed(kDeltaMushBadFaces);
+    if (rest.numVertices() < in.pointCount) return KOutcome::Failed(kDeltaMushRestTooSmall);
+    _numIter = in.numIter;
+
+    LoadPoints(rest.points, _work);
+    _restSmoother.smooth(_work, _restTopology.neighbours(), _numIter, in.threads);
     KVectorArray smoothRest;
-    narrowPoints(_work, smoothRest);
-    _restTangents.compute(smoothRest.data(), smoothRest.length(), rest.triangles, _frames, _threads);
+    NarrowPoints(_work, smoothRest);
+    _restTangents.compute(smoothRest.data(), smoothRest.length(), _restTopology.triangles(), _frames, in.threads);
 
-    KArray<KDouble3> deltas;
-    deltas.setLength(pointCount, false);
+    const int count = in.pointCount;
+    _boundDelta.setLength(count, false);
+    KDouble3* deltas = _boundDelta.data();
     const KAxis* frames = _frames.data();
     const KVector* restPoints = rest.points.data();
-#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, pointCount))
-    for (int i = 0; i < pointCount; ++i) {
+#pragma omp parallel for schedule(static) num_threads(TeamFor(in.threads, count))
+    for (int i = 0; i < count; ++i) {
         const KVector d = frames[i].worldToLocal(restPoints[i], false, true);
         deltas[i] = KDouble3{d.x, d.y, d.z};
     }
-    store.writeDelta(deltas);
-    return true;
+    return KOutcome::Deformed();
 }
 
-KDeltaMushSolver::Result KDeltaMushSolver::deform(const KTriMesh& mesh, const KVertexNeighbours& neighbours,
-                                                  int pointCount, float envelope, KDeltaMushStore& store,
-                                                  KMessageSink& sink) {
-    // The envelope only switches the deformer on or off: any value from 1e-30 up gives the
-    // full result.
-    if (!Active(envelope)) return kUntouched;
+KDeltaMushResult KDeltaMushSolver::evaluate(const KDeltaMushInput& in) {
+    KDeltaMushResult result;
+    // The envelope only switches the deformer on or off: any value from 1e-30 up gives the full
+    // result (behaviour note "Delta mush: envelope is an on/off switch").
+    if (!Active(in.envelope) || !in.mesh) return result;
 
-    if (store.onlyOnce()) {
-        store.captureRestMesh();
-        store.setOnlyOnce(false);
+    // "onlyOnce" makes the input mesh the rest shape; it is bound only if a bind is due anyway
+    // (behaviour note "Delta mush: onlyOnce does not rebind").
+    result.captureRestMesh = in.onlyOnce;
+    const KPolyMesh* rest = in.onlyOnce ? in.mesh : in.restMesh;
+    const bool bound = _bindDue(in);
+    if (bound) {
+        // Guard: a failed bind writes nothing and is retried at the next evaluation.
+        if (!rest) return KDeltaMushResult{KOutcome::Failed(kDeltaMushNoRestMesh), false, false, false};
+        const KOutcome bind = _bind(*rest, in);
+        if (bind.failed()) return KDeltaMushResult{bind, false, false, false};
+        result.writeDelta = true;
     }
-    if (_numIter != store.numIter() || !store.gotDelta()) {
-        if (!_bind(pointCount, store, sink)) return kUntouched;
-    }
-    store.setGotDelta(true);
-    if (!store.gotDelta()) return kUntouched;
-    _numIter = store.numIter();
+    result.writeGotDelta = true;
+    _numIter = in.numIter;
 
+    const KPolyMesh& mesh = *in.mesh;
+    // Guard: the smoothing reads every neighbour a face names.
+    if (!_topology.update(mesh)) return KDeltaMushResult{KOutcome::Failed(kDeltaMushBadFaces), false, false, false};
     const int nv = mesh.numVertices();
-    if (neighbours.offsets.length() != nv + 1 || neighbours.indices.length() != neighbours.offsets[nv]) {
-        sink.error(kDeltaMushBadNeighbours);
-        return kUntouched;
-    }
-    loadPoints(mesh.points, _work);
-    _smoother.smooth(_work, neighbours, _numIter, _threads);
-    narrowPoints(_work, _smoothPoints);
-    _tangents.compute(_smoothPoints.data(), nv, mesh.triangles, _frames, _threads);
+    LoadPoints(mesh.points, _work);
+    _smoother.smooth(_work, _topology.neighbours(), _numIter, in.threads);
+    NarrowPoints(_work, _smoothPoints);
+    _tangents.compute(_smoothPoints.data(), nv, _topology.triangles(), _frames, in.threads);
 
-    if (!store.readDelta(_storedDeltas) || _storedDeltas.empty()) {
-        sink.error("No delta found.");
-        return kUntouched;
+    // The deltas as the node reads them back from "delta": those just bound, or the stored ones.
+    const KArray<KDouble3>* stored = bound ? &_boundDelta : in.delta;
+    const int count = in.pointCount;
+    if (!stored || stored->empty()) {
+        result.outcome = KOutcome::Failed(kDeltaMushNoDelta);
+        return result;
     }
-    if (_storedDeltas.length() != pointCount) {
-        sink.error("Wrong size of the delta array.");
-        return kUntouched;
+    if (stored->length() != count) {
+        result.outcome = KOutcome::Failed(kDeltaMushWrongDeltaSize);
+        return result;
     }
-    if (pointCount > nv) {
-        sink.error(kDeltaMushMeshTooSmall);
-        return kUntouched;
-    }
+    // Guard: the reconstruction reads a frame at every geometry index.
+    if (count > nv) return KDeltaMushResult{KOutcome::Failed(kDeltaMushMeshTooSmall), false, false, false};
 
-    _deltas.setLength(pointCount, false);
-    const KDouble3* stored = _storedDeltas.data();
+    _deltas.setLength(count, false);
+    const KDouble3* delta = stored->data();
     KVector* deltas = _deltas.data();
     const KAxis* frames = _frames.data();
     KVector* out = _smoothPoints.data();
-#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, pointCount))
-    for (int i = 0; i < pointCount; ++i) {
-        deltas[i] = KVector(static_cast<float>(stored[i][0]), static_cast<float>(stored[i][1]),
-                            static_cast<float>(stored[i][2]));
+#pragma omp parallel for schedule(static) num_threads(TeamFor(in.threads, count))
+    for (int i = 0; i < count; ++i) {
+        deltas[i] = KVector(static_cast<float>(delta[i][0]), static_cast<float>(delta[i][1]),
+                            static_cast<float>(delta[i][2]));
         out[i] = frames[i].localToWorld(deltas[i], false, true);
     }
-    return kDeformed;
+    result.outcome = KOutcome::Deformed();
+    return result;
 }
 
 void KDeltaMushSolver::objectPoint(int idx, double w, const double inverseMatrix[4][4], double out[4]) const {
     const KVector& p = _smoothPoints[idx];
     const double in[4] = {p.x, p.y, p.z, w};
     TransformPoint(in, inverseMatrix, out);
+}
+
+KDeltaMushResult KDeltaMushAttributes::evaluate(KDeltaMushSolver& solver, const KPolyMesh& mesh, float envelope,
+                                                int threads) {
+    KDeltaMushInput in;
+    in.envelope = envelope;
+    in.mesh = &mesh;
+    in.pointCount = mesh.numVertices();
+    in.onlyOnce = onlyOnce;
+    in.gotDelta = gotDelta;
+    in.numIter = numIter;
+    in.restMesh = hasRestMesh ? &restMesh : nullptr;
+    in.delta = hasDelta ? &delta : nullptr;
+    in.threads = threads;
+    const KDeltaMushResult result = solver.evaluate(in);
+    if (result.captureRestMesh) {
+        restMesh = mesh;
+        hasRestMesh = true;
+        onlyOnce = false;
+    }
+    if (result.writeDelta) {
+        delta = solver.boundDelta();
+        hasDelta = true;
+    }
+    if (result.writeGotDelta) gotDelta = true;
+    return result;
 }
 
 }  // namespace Kavrin

@@ -2,55 +2,69 @@
 // Delta mush: smooth a mesh over its polygon edges, then restore the detail the smoothing
 // removed from per-vertex deltas stored in tangent frames of the smoothed rest mesh.
 //
-// The engine holds the deformer's state between evaluations and makes every decision (when to
-// capture the rest shape, when to rebind, what to report); the node's stored attributes are
-// reached through KDeltaMushStore, so the host layer only moves data.
+// The engine keeps the deformer's state between evaluations (the sweep count the deltas were
+// bound with, the topology tables, the working arrays) and makes every decision: when the rest
+// shape is captured, when to rebind, what fails. The node's stored attributes come in as plain
+// values in KDeltaMushInput; the result says which of them to write back. KDeltaMushAttributes
+// keeps those attributes in memory for hosts without a scene.
 
 #include "KAxis.h"
 #include "KJacobiSmoother.h"
-#include "KMessageSink.h"
+#include "KOutcome.h"
 #include "KPolyMesh.h"
 
 namespace Kavrin {
 
-// The deformer's stored attributes, as the engine sees them.
-class KDeltaMushStore {
-public:
-    virtual ~KDeltaMushStore() {}
-    virtual bool onlyOnce() = 0;             // "onlyOnce"
-    virtual void setOnlyOnce(bool value) = 0;
-    virtual void captureRestMesh() = 0;      // copy the evaluated input mesh into "restMesh"
-    virtual bool gotDelta() = 0;             // "gotDelta"
-    virtual void setGotDelta(bool value) = 0;
-    virtual int numIter() = 0;               // "numIter"
-    // The "restMesh" as a triangle mesh with its polygon-edge neighbours; empty when none is stored.
-    virtual void readRestMesh(KTriMesh& mesh, KVertexNeighbours& neighbours) = 0;
-    // The "delta" array; returns false when the attribute has no data at all.
-    virtual bool readDelta(KArray<KDouble3>& deltas) = 0;
-    virtual void writeDelta(const KArray<KDouble3>& deltas) = 0;
+// Failure messages.
+extern const char* const kDeltaMushNoDelta;        // "No delta found."
+extern const char* const kDeltaMushWrongDeltaSize; // "Wrong size of the delta array."
+extern const char* const kDeltaMushRestTooSmall;
+extern const char* const kDeltaMushNoRestMesh;
+extern const char* const kDeltaMushMeshTooSmall;
+extern const char* const kDeltaMushBadFaces;
+
+// One evaluation's inputs: the envelope, the input mesh and the node's stored attributes.
+struct KDeltaMushInput {
+    float envelope = 1.0f;
+    const KPolyMesh* mesh = nullptr;  // the input mesh in object space, faces as the host gives them
+    int pointCount = 0;               // points of the deformed geometry (the iterator's count)
+    bool onlyOnce = true;             // "onlyOnce"
+    bool gotDelta = false;            // "gotDelta"
+    int numIter = 15;                 // "numIter"
+    // "restMesh": read by the host only when KDeltaMushSolver::restMeshNeeded() says so; null
+    // when the attribute holds no mesh.
+    const KPolyMesh* restMesh = nullptr;
+    // "delta": null when the attribute holds no data.
+    const KArray<KDouble3>* delta = nullptr;
+    int threads = 0;  // team size of the parallel loops; 0 or less: the OpenMP default
 };
 
-// Guard messages: geometry that would make the bind or the reconstruction read past an array.
-extern const char* const kDeltaMushRestTooSmall;
-extern const char* const kDeltaMushMeshTooSmall;
-extern const char* const kDeltaMushBadNeighbours;
+// What the host writes back, in this order, after one evaluation.
+struct KDeltaMushResult {
+    KOutcome outcome;
+    bool captureRestMesh = false;  // copy the input mesh into "restMesh" and write false to "onlyOnce"
+    bool writeDelta = false;       // write KDeltaMushSolver::boundDelta() into "delta"
+    bool writeGotDelta = false;    // write true to "gotDelta"
+};
 
 class KDeltaMushSolver {
 public:
-    enum Result { kUntouched, kDeformed };
-
-    // One evaluation. mesh is the input mesh in object space with its polygon-edge neighbours
-    // (built from that same mesh: only their size is checked here, their contents when a rest
-    // mesh is bound); pointCount the number of points of the deformed geometry. On kDeformed, result() holds one
-    // reconstructed point per geometry index; on kUntouched the points must be left as they are.
-    Result deform(const KTriMesh& mesh, const KVertexNeighbours& neighbours, int pointCount, float envelope,
-                  KDeltaMushStore& store, KMessageSink& sink);
-
-    // False when the envelope switches the deformer off (below 1e-30): deform() then leaves the
+    // False when the envelope switches the deformer off (below 1e-30): evaluate() then leaves the
     // points as they are, so a host can skip reading its meshes.
     static bool Active(float envelope) { return !(envelope < 1e-30f); }
 
-    const KVectorArray& result() const { return _smoothPoints; }
+    // Whether evaluate(input) binds from the stored rest mesh, so that a host reads "restMesh"
+    // only then (converting it costs as much as the input mesh).
+    bool restMeshNeeded(const KDeltaMushInput& input) const;
+
+    // One evaluation. On a deformed outcome points() holds one reconstructed point per geometry
+    // index; otherwise the host leaves the points as they are.
+    KDeltaMushResult evaluate(const KDeltaMushInput& input);
+
+    // The reconstructed points (object space of the input mesh, before the inverse matrix).
+    const KVectorArray& points() const { return _smoothPoints; }
+    // The deltas computed by the last bind, to be stored in "delta".
+    const KArray<KDouble3>& boundDelta() const { return _boundDelta; }
 
     // The value written back for point idx: its reconstructed position with the current
     // homogeneous weight w, times the inverse local-to-world matrix.
@@ -59,22 +73,37 @@ public:
     // Sweep count the stored deltas were computed with (0 for a new node).
     int boundIterations() const { return _numIter; }
 
-    void setThreads(int threads) { _threads = threads; }
-
 private:
-    bool _bind(int pointCount, KDeltaMushStore& store, KMessageSink& sink);
+    bool _bindDue(const KDeltaMushInput& input) const;
+    KOutcome _bind(const KPolyMesh& rest, const KDeltaMushInput& input);
 
     int _numIter = 0;
-    int _threads = 0;
+    KPolyTopology _topology;
+    KPolyTopology _restTopology;
     KAxisArray _frames;
     KTangentSpaceBuilder _restTangents;
     KTangentSpaceBuilder _tangents;
     KJacobiSmoother _restSmoother;
     KJacobiSmoother _smoother;
     KVectorArray _smoothPoints;
-    KArray<KDouble3> _storedDeltas;
+    KArray<KDouble3> _boundDelta;
     KVectorArray _deltas;
     std::vector<double> _work;
+};
+
+// The delta-mush node's stored attributes held in memory, for running the engine without a scene
+// (the command line, tests, benchmarks): evaluate() fills the input from them and writes back
+// what the result asks for, as the node does with its data block.
+struct KDeltaMushAttributes {
+    bool onlyOnce = true;
+    bool gotDelta = false;
+    int numIter = 15;
+    bool hasRestMesh = false;
+    KPolyMesh restMesh;
+    bool hasDelta = false;
+    KArray<KDouble3> delta;
+
+    KDeltaMushResult evaluate(KDeltaMushSolver& solver, const KPolyMesh& mesh, float envelope, int threads);
 };
 
 }  // namespace Kavrin

@@ -1,7 +1,5 @@
 #include "KDeltaMush.h"
 
-#include <vector>
-
 #include <maya/MArrayDataHandle.h>
 #include <maya/MFnDependencyNode.h>
 #include <maya/MFnMesh.h>
@@ -9,8 +7,6 @@
 #include <maya/MFnNumericAttribute.h>
 #include <maya/MFnTypedAttribute.h>
 #include <maya/MFnVectorArrayData.h>
-#include <maya/MIntArray.h>
-#include <maya/MItMeshVertex.h>
 #include <maya/MPoint.h>
 #include <maya/MThreadUtils.h>
 #include <maya/MVectorArray.h>
@@ -31,91 +27,44 @@ MObject KDeltaMush::numIterObj;
 namespace {
 
 const char* const kSource = "source/KDeltaMush";
+const char* const kNotAMesh = "KDeltaMush: the input geometry is not a polygon mesh; the points were left untouched.";
+const char* const kGeometryMismatch =
+    "KDeltaMush: the deformed geometry does not match the input mesh; the points were left untouched.";
 
-// The polygon-edge neighbours of every vertex, in the host's order. The host is asked only when
-// the mesh's topology differs from the one the cache holds.
-const Kavrin::KVertexNeighbours& EdgeNeighbours(const MObject& mesh, Kavrin::KNeighbourCache& cache) {
-    MFnMesh fn(mesh);
-    MIntArray counts, connects;
-    fn.getVertices(counts, connects);
-    Kavrin::KIntArray faceCounts, faceVertices;
-    Kavrin::Copy(faceCounts, counts);
-    Kavrin::Copy(faceVertices, connects);
-    return cache.get(fn.numVertices(), faceCounts, faceVertices, [&mesh](std::vector<std::vector<int> >& lists) {
-        MObject object(mesh);
-        MStatus status;
-        MItMeshVertex it(object, &status);
-        if (!status) return;
-        MIntArray connected;
-        for (; !it.isDone(); it.next()) {
-            const int v = it.index();
-            if (v < 0 || v >= static_cast<int>(lists.size())) continue;
-            it.getConnectedVertices(connected);
-            lists[v].resize(connected.length());
-            if (connected.length() > 0) connected.get(lists[v].data());
-        }
-    });
+// The "delta" attribute; false when it holds no data.
+bool ReadDelta(MDataBlock& block, Kavrin::KArray<Kavrin::KDouble3>& deltas) {
+    deltas.clear();
+    MObject data = block.inputValue(KDeltaMush::deltaObj).data();
+    if (data.isNull()) return false;
+    MStatus status;
+    MFnVectorArrayData fn(data, &status);
+    if (!status) return false;
+    deltas.setLength(static_cast<int>(fn.length()), false);
+    for (int i = 0; i < deltas.length(); ++i) {
+        const MVector& d = fn[static_cast<unsigned int>(i)];
+        deltas[i] = Kavrin::KDouble3{d.x, d.y, d.z};
+    }
+    return true;
 }
 
-// The node's stored attributes, read and written through the data block of one evaluation.
-class BlockStore : public Kavrin::KDeltaMushStore {
-public:
-    BlockStore(MDataBlock& block, const MObject& inputMesh, Kavrin::KNeighbourCache& restNeighbours)
-        : _block(block), _inputMesh(inputMesh), _restNeighbours(restNeighbours) {}
+void WriteDelta(MDataBlock& block, const Kavrin::KArray<Kavrin::KDouble3>& deltas) {
+    MVectorArray values(static_cast<unsigned int>(deltas.length()));
+    for (int i = 0; i < deltas.length(); ++i)
+        values.set(MVector(deltas[i][0], deltas[i][1], deltas[i][2]), static_cast<unsigned int>(i));
+    MFnVectorArrayData fn;
+    MObject data = fn.create(values);
+    block.outputValue(KDeltaMush::deltaObj).set(data);
+}
 
-    bool onlyOnce() override { return _block.inputValue(KDeltaMush::onlyOnceObj).asBool(); }
-    void setOnlyOnce(bool value) override { _block.outputValue(KDeltaMush::onlyOnceObj).set(value); }
-    bool gotDelta() override { return _block.inputValue(KDeltaMush::gotDeltaObj).asBool(); }
-    void setGotDelta(bool value) override { _block.outputValue(KDeltaMush::gotDeltaObj).set(value); }
-    int numIter() override { return _block.inputValue(KDeltaMush::numIterObj).asInt(); }
-
-    void captureRestMesh() override {
-        MStatus status;
-        MFnMeshData data;
-        MObject copy = data.create(&status);
-        if (!status) return;
-        MFnMesh().copy(_inputMesh, copy, &status);
-        if (status) _block.outputValue(KDeltaMush::restMeshObj).set(copy);
-    }
-
-    void readRestMesh(Kavrin::KTriMesh& mesh, Kavrin::KVertexNeighbours& neighbours) override {
-        mesh = Kavrin::KTriMesh();
-        neighbours = Kavrin::KVertexNeighbours();
-        MObject rest = _block.inputValue(KDeltaMush::restMeshObj).data();
-        if (rest.isNull()) return;
-        Kavrin::Convert(mesh, rest, false, "currentUVSet");
-        neighbours = EdgeNeighbours(rest, _restNeighbours);
-    }
-
-    bool readDelta(Kavrin::KArray<Kavrin::KDouble3>& deltas) override {
-        deltas.clear();
-        MObject data = _block.inputValue(KDeltaMush::deltaObj).data();
-        if (data.isNull()) return false;
-        MStatus status;
-        MFnVectorArrayData fn(data, &status);
-        if (!status) return false;
-        deltas.setLength(static_cast<int>(fn.length()), false);
-        for (int i = 0; i < deltas.length(); ++i) {
-            const MVector& d = fn[static_cast<unsigned int>(i)];
-            deltas[i] = Kavrin::KDouble3{d.x, d.y, d.z};
-        }
-        return true;
-    }
-
-    void writeDelta(const Kavrin::KArray<Kavrin::KDouble3>& deltas) override {
-        MVectorArray values(static_cast<unsigned int>(deltas.length()));
-        for (int i = 0; i < deltas.length(); ++i)
-            values.set(MVector(deltas[i][0], deltas[i][1], deltas[i][2]), static_cast<unsigned int>(i));
-        MFnVectorArrayData fn;
-        MObject data = fn.create(values);
-        _block.outputValue(KDeltaMush::deltaObj).set(data);
-    }
-
-private:
-    MDataBlock& _block;
-    const MObject& _inputMesh;
-    Kavrin::KNeighbourCache& _restNeighbours;
-};
+// Copies the evaluated input mesh into "restMesh".
+void CaptureRestMesh(MDataBlock& block, const MObject& inputMesh) {
+    MStatus status;
+    MFnMeshData data;
+    MObject copy = data.create(&status);
+    if (!status) return;
+    MFnMesh().copy(inputMesh, copy, &status);
+    if (status) block.outputValue(KDeltaMush::restMeshObj).set(copy);
+}
 
 // True when every index the iterator visits has a reconstructed point, so that the write-back
 // never reads past the engine's result.
@@ -172,30 +121,55 @@ void KDeltaMush::postConstructor() {
 
 MStatus KDeltaMush::deform(MDataBlock& block, MItGeometry& iter, const MMatrix& localToWorld,
                            unsigned int multiIndex) {
-    _solver.setThreads(MThreadUtils::getNumThreads());
-    const float envelopeValue = block.inputValue(envelope).asFloat();
-    if (!Kavrin::KDeltaMushSolver::Active(envelopeValue)) return MS::kSuccess;
+    Kavrin::KDeltaMushInput in;
+    in.threads = MThreadUtils::getNumThreads();
+    in.envelope = block.inputValue(envelope).asFloat();
+    if (!Kavrin::KDeltaMushSolver::Active(in.envelope)) return MS::kSuccess;
 
     MArrayDataHandle inputs = block.outputArrayValue(input);
     inputs.jumpToElement(multiIndex);
     const MObject inputMesh = inputs.outputValue().child(inputGeom).asMesh();
-    if (inputMesh.isNull()) {
-        MGlobal::displayError("KDeltaMush: the input geometry is not a polygon mesh; the points were left untouched.");
+    // Guard: only a polygon mesh has the faces the smoothing walks.
+    if (inputMesh.isNull() || !Kavrin::Convert(_curMesh, inputMesh)) {
+        MGlobal::displayError(kNotAMesh);
         return MS::kSuccess;
     }
-    Kavrin::Convert(_curMesh, inputMesh, false, "currentUVSet");
-    const Kavrin::KVertexNeighbours& neighbours = EdgeNeighbours(inputMesh, _curNeighbours);
+    in.mesh = &_curMesh;
+    in.pointCount = static_cast<int>(iter.count());
+    in.onlyOnce = block.inputValue(onlyOnceObj).asBool();
+    in.gotDelta = block.inputValue(gotDeltaObj).asBool();
+    in.numIter = block.inputValue(numIterObj).asInt();
+    in.delta = ReadDelta(block, _delta) ? &_delta : nullptr;
+    if (_solver.restMeshNeeded(in)) {
+        const MObject rest = block.inputValue(restMeshObj).data();
+        in.restMesh = !rest.isNull() && Kavrin::Convert(_restMesh, rest) ? &_restMesh : nullptr;
+    }
 
-    BlockStore store(block, inputMesh, _restNeighbours);
-    Kavrin::KMayaMessageSink sink;
-    const int count = iter.count();
-    if (_solver.deform(_curMesh, neighbours, count, envelopeValue, store, sink) != Kavrin::KDeltaMushSolver::kDeformed)
+    const Kavrin::KDeltaMushResult result = _solver.evaluate(in);
+    if (result.captureRestMesh) {
+        CaptureRestMesh(block, inputMesh);
+        block.outputValue(onlyOnceObj).set(false);
+    }
+    if (result.writeDelta) WriteDelta(block, _solver.boundDelta());
+    if (result.writeGotDelta) {
+        block.outputValue(gotDeltaObj).set(true);
+        // Kept on purpose (behaviour note "Delta mush: gotDelta is read back"): the flag just
+        // written is read again, and a false reading ends the evaluation silently.
+        if (!block.inputValue(gotDeltaObj).asBool()) return MS::kSuccess;
+    }
+    if (result.outcome.failed()) {
+        Kavrin::ReportOutcome(result.outcome);
         return MS::kSuccess;
-    if (!IndicesFit(iter, _solver.result().length())) {
-        sink.error("KDeltaMush: the deformed geometry does not match the input mesh; the points were left untouched.");
+    }
+    if (!result.outcome.deformed()) return MS::kSuccess;
+    // Guard: the write-back never reads past the engine's result.
+    if (!IndicesFit(iter, _solver.points().length())) {
+        MGlobal::displayError(kGeometryMismatch);
         return MS::kSuccess;
     }
 
+    // Kept on purpose (behaviour note "Delta mush: inverse local-to-world matrix"): object-space
+    // results are multiplied by the inverse of the local-to-world matrix.
     const MMatrix inverse = localToWorld.inverse();
     double out[4];
     for (iter.reset(); !iter.isDone(); iter.next()) {

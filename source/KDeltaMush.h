@@ -12,7 +12,6 @@
 #include <maya/MTypeId.h>
 
 #include "KDeltaMushSolver.h"
-#include "KNeighbourCache.h"
 
 class KDeltaMush : public MPxDeformerNode {
 public:
@@ -33,7 +32,8 @@ public:
 
 private:
     Kavrin::KDeltaMushSolver _solver;
-    Kavrin::KTriMesh _curMesh;
-    Kavrin::KNeighbourCache _curNeighbours;
-    Kavrin::KNeighbourCache _restNeighbours;
+    // The evaluation's inputs, kept so that their storage is reused.
+    Kavrin::KPolyMesh _curMesh;
+    Kavrin::KPolyMesh _restMesh;
+    Kavrin::KArray<Kavrin::KDouble3> _delta;
 };

@@ -13,4 +13,13 @@ void KMayaMessageSink::warning(const std::string& message) { MGlobal::displayWar
 
 void KMayaMessageSink::output(const std::string& text) { std::cout << text << std::flush; }
 
+void ReportOutcome(const KOutcome& outcome) {
+    if (!outcome.failed()) return;
+    KMayaMessageSink sink;
+    if (outcome.severity == KOutcome::kWarning)
+        sink.warning(outcome.message);
+    else
+        sink.error(outcome.message);
+}
+
 }  // namespace Kavrin

@@ -3,6 +3,7 @@
 // other text to standard output as given.
 
 #include "KMessageSink.h"
+#include "KOutcome.h"
 
 namespace Kavrin {
 
@@ -12,5 +13,9 @@ public:
     void warning(const std::string& message) override;
     void output(const std::string& text) override;
 };
+
+// Shows a failed outcome's message as an error or a warning, as its severity says; nothing for
+// any other outcome.
+void ReportOutcome(const KOutcome& outcome);
 
 }  // namespace Kavrin

@@ -52,7 +52,6 @@ std::vector<std::string> OutputPaths(const std::string& out, const std::vector<s
 }
 
 void ConsoleSink::error(const std::string& message) {
-    _hadError = true;
     std::fprintf(stderr, "%s: error: %s\n", _prefix.c_str(), message.c_str());
 }
 

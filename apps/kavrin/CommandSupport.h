@@ -8,7 +8,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include "KDeltaMushMemoryStore.h"
 #include "KMessageSink.h"
 #include "KPolyMesh.h"
 
@@ -52,26 +51,17 @@ void RequireSameTopology(const KPolyMesh& rest, const std::string& restPath, con
 // a UsageError, since one result would overwrite the other.
 std::vector<std::string> OutputPaths(const std::string& out, const std::vector<std::string>& poses);
 
-// One delta-mush evaluation of pose (same faces as the bound rest mesh, whose triangles and edge
-// neighbours are given). Returns the pose with the deformed points, or unchanged when the engine
-// left it untouched.
-KPolyMesh DeltaMushPose(KDeltaMushSolver& solver, KDeltaMushMemoryStore& store, const KTriMesh& restTriangles,
-                        const KVertexNeighbours& neighbours, const KPolyMesh& pose, float envelope,
-                        KMessageSink& sink);
-
-// Prints engine messages: errors and warnings on standard error, output on standard output.
-// Remembers whether an error was shown.
+// Prints the messages an engine sends while it runs: errors and warnings on standard error,
+// output on standard output. A failed run's message comes back in the engine's outcome instead.
 class ConsoleSink : public KMessageSink {
 public:
     explicit ConsoleSink(std::string prefix) : _prefix(std::move(prefix)) {}
     void error(const std::string& message) override;
     void warning(const std::string& message) override;
     void output(const std::string& text) override;
-    bool hadError() const { return _hadError; }
 
 private:
     std::string _prefix;
-    bool _hadError = false;
 };
 
 }  // namespace Kavrin

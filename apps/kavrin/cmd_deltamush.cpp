@@ -4,27 +4,9 @@
 #include <cstdio>
 
 #include "CommandSupport.h"
-#include "KDeltaMushMemoryStore.h"
-#include "KThreads.h"
+#include "DeltaMushRun.h"
 
 namespace Kavrin {
-
-KPolyMesh DeltaMushPose(KDeltaMushSolver& solver, KDeltaMushMemoryStore& store, const KTriMesh& restTriangles,
-                        const KVertexNeighbours& neighbours, const KPolyMesh& pose, float envelope,
-                        KMessageSink& sink) {
-    KTriMesh current;
-    current.points = pose.points;
-    current.triangles = restTriangles.triangles;
-    store.input = &current;
-    store.inputNeighbours = &neighbours;
-    KPolyMesh result = pose;
-    const KDeltaMushSolver::Result r =
-        solver.deform(current, neighbours, current.numVertices(), envelope, store, sink);
-    store.input = nullptr;
-    store.inputNeighbours = nullptr;
-    if (r == KDeltaMushSolver::kDeformed) result.points = solver.result();
-    return result;
-}
 
 void AddDeltaMushCommand(CLI::App& app, std::vector<Command>& commands) {
     struct Options {
@@ -57,22 +39,13 @@ void AddDeltaMushCommand(CLI::App& app, std::vector<Command>& commands) {
         }
         const std::vector<std::string> outputs = OutputPaths(options->out, options->poses);
 
-        KDeltaMushMemoryStore store;
-        store.onlyOnceValue = false;
-        store.numIterValue = options->iterations;
-        rest.triangulate(store.restMesh);
-        rest.edgeNeighbours(store.restNeighbours);
-
-        KDeltaMushSolver solver;
-        solver.setThreads(options->threads);
-        ConsoleSink sink("kavrin deltamush");
+        DeltaMushRun run(rest, options->iterations, options->threads);
         for (size_t i = 0; i < poses.size(); ++i) {
             const auto start = std::chrono::steady_clock::now();
-            const KPolyMesh result = DeltaMushPose(solver, store, store.restMesh, store.restNeighbours, poses[i],
-                                                   options->envelope, sink);
+            KPolyMesh result = poses[i];
+            result.points = run.deform(poses[i], options->envelope);
             const double ms =
                 std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-            if (sink.hadError()) throw RunError("delta mush failed on " + options->poses[i]);
             SaveMesh(outputs[i], result);
             std::printf("[%zu/%zu] %s -> %s (%.1f ms)\n", i + 1, poses.size(), options->poses[i].c_str(),
                         outputs[i].c_str(), ms);

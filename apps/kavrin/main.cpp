@@ -8,13 +8,24 @@
 
 using namespace Kavrin;
 
+namespace {
+
+typedef void (*AddCommand)(CLI::App&, std::vector<Command>&);
+
+// The subcommands, in the order --help lists them.
+const AddCommand kCommands[] = {
+    AddDeltaMushCommand,
+    AddTransferCommand,
+    AddDemoCommand,
+};
+
+}  // namespace
+
 int main(int argc, char** argv) {
     CLI::App app("kavrin: mesh deformation on OBJ files (delta mush, deformation transfer)", "kavrin");
     app.require_subcommand(1);
     std::vector<Command> commands;
-    AddDeltaMushCommand(app, commands);
-    AddTransferCommand(app, commands);
-    AddDemoCommand(app, commands);
+    for (const AddCommand add : kCommands) add(app, commands);
 
     try {
         app.parse(argc, argv);

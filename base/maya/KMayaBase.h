@@ -26,7 +26,7 @@
 #include <maya/MVectorArray.h>
 
 #include "KHostMessages.h"
-#include "KTriMesh.h"
+#include "KPolyMesh.h"
 
 namespace Kavrin {
 
@@ -42,6 +42,12 @@ namespace Kavrin {
 // UVs, uvs is empty. A failure leaves whatever part was read, reports through the status and
 // never reads past the host's arrays.
 MStatus Convert(KTriMesh& mesh, const MObject& meshObject, bool hostTriangulation, const char* uvSetName);
+
+// Replaces mesh with the Maya mesh's vertex list (object space, single precision, in the host's
+// order) and its faces as they are (vertex count per face, then the faces' vertex indices), the
+// form every engine that works on polygons takes. A failure leaves whatever part was read and
+// reports through the status.
+MStatus Convert(KPolyMesh& mesh, const MObject& meshObject);
 
 // One KVector per point: x, y, z narrowed to float, w dropped.
 void Copy(KVectorArray& to, const MPointArray& from);

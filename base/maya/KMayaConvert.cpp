@@ -68,21 +68,18 @@ MStatus CornerUVs(const MFnMesh& fn, const char* uvSetName, const KIntArray& fac
 
 }  // namespace
 
-MStatus Convert(KTriMesh& mesh, const MObject& meshObject, bool hostTriangulation, const char* uvSetName) {
-    mesh.points.clear();
-    mesh.triangles.clear();
-    mesh.uvs.clear();
+MStatus Convert(KPolyMesh& mesh, const MObject& meshObject) {
+    mesh = KPolyMesh();
     MStatus status;
     MFnMesh fn(meshObject, &status);
     if (!status) return status;
 
     // Faces: vertex count per face, then the faces' vertex lists.
-    KPolyMesh faces;
     MIntArray counts, vertices;
     status = fn.getVertices(counts, vertices);
     if (!status) return status;
-    Copy(faces.faceCounts, counts);
-    Copy(faces.faceVertices, vertices);
+    Copy(mesh.faceCounts, counts);
+    Copy(mesh.faceVertices, vertices);
 
     // Points in object space. Mesh data (a plug's value) hands over its single-precision vertex
     // list directly; a mesh shape goes through getPoints, which gives its evaluated positions.
@@ -90,19 +87,29 @@ MStatus Convert(KTriMesh& mesh, const MObject& meshObject, bool hostTriangulatio
     if (numVertices > 0 && meshObject.apiType() == MFn::kMeshData) {
         const float* raw = fn.getRawPoints(&status);
         if (!status || !raw) return status ? MStatus(MS::kFailure) : status;
-        faces.points.setLength(numVertices, false);
-        std::memcpy(static_cast<void*>(faces.points.data()), raw, sizeof(KVector) * numVertices);
+        mesh.points.setLength(numVertices, false);
+        std::memcpy(static_cast<void*>(mesh.points.data()), raw, sizeof(KVector) * numVertices);
     } else if (numVertices > 0) {
         MPointArray points;
         status = fn.getPoints(points, MSpace::kObject);
         if (!status) return status;
-        Copy(faces.points, points);
+        Copy(mesh.points, points);
     }
-    if (!faces.valid()) {
+    return MS::kSuccess;
+}
+
+MStatus Convert(KTriMesh& mesh, const MObject& meshObject, bool hostTriangulation, const char* uvSetName) {
+    mesh.points.clear();
+    mesh.triangles.clear();
+    mesh.uvs.clear();
+    KPolyMesh faces;
+    MStatus status = Convert(faces, meshObject);
+    if (!status || !faces.valid()) {
         mesh.points = faces.points;
-        return MS::kFailure;
+        return status ? MStatus(MS::kFailure) : status;
     }
 
+    MFnMesh fn(meshObject);
     KIntArray perFace;
     if (hostTriangulation) {
         mesh.points = faces.points;

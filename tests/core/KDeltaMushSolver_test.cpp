@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "KDeltaMushMemoryStore.h"
+#include "KDeltaMushSolver.h"
 #include "MeshGenerators.h"
 
 using namespace Kavrin;
@@ -13,36 +13,43 @@ namespace {
 
 // A bound-able sheet with stronger detail than the generator's bumps, so that losing it would show.
 struct Sheet {
-    KPolyMesh poly;
-    KTriMesh mesh;
-    KVertexNeighbours neighbours;
-    explicit Sheet(int n = 9) : poly(MakeDetailedGrid(n, 4.0f)) {
-        for (int i = 0; i < poly.numVertices(); ++i) poly.points[i].z += 0.05f * float((i * 7) % 5);
-        poly.triangulate(mesh);
-        poly.edgeNeighbours(neighbours);
+    KPolyMesh mesh;
+    explicit Sheet(int n = 9) : mesh(MakeDetailedGrid(n, 4.0f)) {
+        for (int i = 0; i < mesh.numVertices(); ++i) mesh.points[i].z += 0.05f * float((i * 7) % 5);
     }
-    KTriMesh posed(const KVectorArray& points) const {
-        KTriMesh m = mesh;
+    KPolyMesh posed(const KVectorArray& points) const {
+        KPolyMesh m = mesh;
         m.points = points;
         return m;
     }
 };
 
-// One node: its stored attributes, its engine and its messages.
+// One node: its stored attributes and its engine.
 struct Evaluation {
-    KDeltaMushMemoryStore store;
+    KDeltaMushAttributes store;
     KDeltaMushSolver solver;
-    KRecordingSink sink;
-    KDeltaMushSolver::Result deform(const KTriMesh& m, const KVertexNeighbours& n, float envelope = 1.0f,
-                                    int count = -1) {
-        store.input = &m;
-        store.inputNeighbours = &n;
-        return solver.deform(m, n, count < 0 ? m.numVertices() : count, envelope, store, sink);
+    std::vector<std::string> errors;
+    KOutcome::Status deform(const KPolyMesh& m, float envelope = 1.0f) {
+        const KDeltaMushResult r = store.evaluate(solver, m, envelope, 0);
+        if (r.outcome.failed()) errors.push_back(r.outcome.message);
+        return r.outcome.status;
+    }
+    // One evaluation as the node runs it on geometry of `count` points.
+    KDeltaMushResult deformCount(const KPolyMesh& m, int count) {
+        KDeltaMushInput in;
+        in.mesh = &m;
+        in.pointCount = count;
+        in.onlyOnce = store.onlyOnce;
+        in.gotDelta = store.gotDelta;
+        in.numIter = store.numIter;
+        in.restMesh = store.hasRestMesh ? &store.restMesh : nullptr;
+        in.delta = store.hasDelta ? &store.delta : nullptr;
+        return solver.evaluate(in);
     }
     double error(const KVectorArray& expected) const {
         double worst = 0;
         for (int i = 0; i < expected.length(); ++i)
-            worst = std::max(worst, double((solver.result()[i] - expected[i]).length()));
+            worst = std::max(worst, double((solver.points()[i] - expected[i]).length()));
         return worst;
     }
 };
@@ -52,17 +59,17 @@ struct Evaluation {
 TEST(DeltaMush, CapturesRestReproducesItAndFollowsRigidMotion) {
     const Sheet sheet;
     Evaluation run;
-    ASSERT_EQ(run.deform(sheet.mesh, sheet.neighbours), KDeltaMushSolver::kDeformed);
-    EXPECT_FALSE(run.store.onlyOnceValue);
-    EXPECT_TRUE(run.store.gotDeltaValue);
+    ASSERT_EQ(run.deform(sheet.mesh), KOutcome::kDeformed);
+    EXPECT_FALSE(run.store.onlyOnce);
+    EXPECT_TRUE(run.store.gotDelta);
     EXPECT_EQ(run.store.restMesh.points, sheet.mesh.points);
     EXPECT_EQ(run.solver.boundIterations(), 15);
     EXPECT_LT(run.error(sheet.mesh.points), 1e-5);
-    EXPECT_TRUE(run.sink.entries.empty());
+    EXPECT_TRUE(run.errors.empty());
 
     KVectorArray moved = sheet.mesh.points;  // rotation about z, then translation
     for (KVector& p : moved) p = KVector(0.8f * p.x - 0.6f * p.y + 2.0f, 0.6f * p.x + 0.8f * p.y - 1.0f, p.z + 0.5f);
-    ASSERT_EQ(run.deform(sheet.posed(moved), sheet.neighbours), KDeltaMushSolver::kDeformed);
+    ASSERT_EQ(run.deform(sheet.posed(moved)), KOutcome::kDeformed);
     EXPECT_LT(run.error(moved), 1e-5);
 }
 
@@ -70,21 +77,21 @@ TEST(DeltaMush, EnvelopeIsAnOnOffSwitch) {
     const Sheet sheet;
     KVectorArray bent = sheet.mesh.points;
     for (KVector& p : bent) p.z += 0.1f * p.x * p.x;
-    const KTriMesh pose = sheet.posed(bent);
+    const KPolyMesh pose = sheet.posed(bent);
     Evaluation full;
-    full.deform(sheet.mesh, sheet.neighbours);
-    full.deform(pose, sheet.neighbours, 1.0f);
+    full.deform(sheet.mesh);
+    full.deform(pose, 1.0f);
     for (float envelope : {0.5f, 1e-30f}) {
         Evaluation partial;
-        partial.deform(sheet.mesh, sheet.neighbours);
-        ASSERT_EQ(partial.deform(pose, sheet.neighbours, envelope), KDeltaMushSolver::kDeformed) << envelope;
-        EXPECT_EQ(partial.solver.result(), full.solver.result());
+        partial.deform(sheet.mesh);
+        ASSERT_EQ(partial.deform(pose, envelope), KOutcome::kDeformed) << envelope;
+        EXPECT_EQ(partial.solver.points(), full.solver.points());
     }
 
     for (float envelope : {0.0f, -1.0f, 1e-31f}) {
         Evaluation off;
-        EXPECT_EQ(off.deform(pose, sheet.neighbours, envelope), KDeltaMushSolver::kUntouched);
-        EXPECT_TRUE(off.store.onlyOnceValue) << "nothing runs below the threshold, not even the capture";
+        EXPECT_EQ(off.deform(pose, envelope), KOutcome::kUntouched);
+        EXPECT_TRUE(off.store.onlyOnce) << "nothing runs below the threshold, not even the capture";
         EXPECT_FALSE(off.store.hasDelta);
     }
 }
@@ -92,83 +99,116 @@ TEST(DeltaMush, EnvelopeIsAnOnOffSwitch) {
 TEST(DeltaMush, RebindRules) {
     const Sheet sheet;
     Evaluation run;
-    run.deform(sheet.mesh, sheet.neighbours);
+    run.deform(sheet.mesh);
     const KArray<KDouble3> firstDelta = run.store.delta;
 
     // A reopened scene: the attributes come back, the engine is new (its sweep count is 0).
     Evaluation reopened;
     reopened.store = run.store;
     reopened.store.delta.clear();
-    reopened.deform(sheet.mesh, sheet.neighbours);
+    reopened.deform(sheet.mesh);
     EXPECT_EQ(reopened.store.delta, firstDelta);
 
     // Same sweep count, delta present: editing the stored rest shape changes nothing.
     KVectorArray shifted = sheet.mesh.points;
     for (KVector& p : shifted) p.z += 1.0f;
     run.store.restMesh.points = shifted;
-    run.deform(sheet.mesh, sheet.neighbours);
+    run.deform(sheet.mesh);
     EXPECT_EQ(run.store.delta, firstDelta);
 
     // A new sweep count rebinds from the stored (translated) rest shape: same detail, same sheet.
-    run.store.numIterValue = 5;
-    run.deform(sheet.mesh, sheet.neighbours);
+    run.store.numIter = 5;
+    run.deform(sheet.mesh);
     EXPECT_EQ(run.solver.boundIterations(), 5);
     EXPECT_NE(run.store.delta, firstDelta);
     EXPECT_LT(run.error(sheet.mesh.points), 1e-5);
 
     // Clearing gotDelta by hand rebinds too; onlyOnce replaces the rest shape first.
-    run.store.gotDeltaValue = false;
-    run.store.onlyOnceValue = true;
-    run.deform(sheet.mesh, sheet.neighbours);
+    run.store.gotDelta = false;
+    run.store.onlyOnce = true;
+    run.deform(sheet.mesh);
     EXPECT_EQ(run.store.restMesh.points, sheet.mesh.points);
     EXPECT_LT(run.error(sheet.mesh.points), 1e-5);
 
     // onlyOnce alone replaces the rest shape but does not rebind.
     const KArray<KDouble3> bound = run.store.delta;
-    run.store.onlyOnceValue = true;
-    run.deform(sheet.posed(shifted), sheet.neighbours);
+    run.store.onlyOnce = true;
+    run.deform(sheet.posed(shifted));
     EXPECT_EQ(run.store.restMesh.points, shifted);
     EXPECT_EQ(run.store.delta, bound);
 }
 
 TEST(DeltaMush, MessagesAndGuardsLeaveThePointsUntouched) {
     const Sheet sheet, small(5);
+    const int n = sheet.mesh.numVertices();
     Evaluation run;
-    run.deform(sheet.mesh, sheet.neighbours);
+    run.deform(sheet.mesh);
+    const KArray<KDouble3> bound = run.store.delta;
     run.store.delta.clear();
-    EXPECT_EQ(run.deform(sheet.mesh, sheet.neighbours), KDeltaMushSolver::kUntouched);
+    EXPECT_EQ(run.deform(sheet.mesh), KOutcome::kFailed);
     run.store.hasDelta = false;
-    EXPECT_EQ(run.deform(sheet.mesh, sheet.neighbours), KDeltaMushSolver::kUntouched);
+    EXPECT_EQ(run.deform(sheet.mesh), KOutcome::kFailed);
     run.store.hasDelta = true;
-    run.store.delta.setLength(5, true);
-    EXPECT_EQ(run.deform(sheet.mesh, sheet.neighbours), KDeltaMushSolver::kUntouched);
-    // Geometry with more points than the mesh it is evaluated with.
-    run.store.delta.setLength(sheet.mesh.numVertices() + 1, true);
-    EXPECT_EQ(run.deform(sheet.mesh, sheet.neighbours, 1.0f, sheet.mesh.numVertices() + 1),
-              KDeltaMushSolver::kUntouched);
-    // Neighbour lists that do not belong to the mesh.
-    EXPECT_EQ(run.deform(sheet.mesh, small.neighbours), KDeltaMushSolver::kUntouched);
-    EXPECT_EQ(run.sink.errors(), (std::vector<std::string>{"No delta found.", "No delta found.",
-                                                           "Wrong size of the delta array.", kDeltaMushMeshTooSmall,
-                                                           kDeltaMushBadNeighbours}));
+    for (int length : {5, n - 1, n + 1}) {
+        run.store.delta = bound;
+        run.store.delta.setLength(length, false);
+        EXPECT_EQ(run.deform(sheet.mesh), KOutcome::kFailed) << length;
+    }
+    EXPECT_EQ(run.errors, (std::vector<std::string>{"No delta found.", "No delta found.",
+                                                    "Wrong size of the delta array.", "Wrong size of the delta array.",
+                                                    "Wrong size of the delta array."}));
 
+    // Geometry with more points than the mesh it is evaluated with: nothing to write back.
+    run.store.delta.setLength(n + 1, true);
+    KDeltaMushResult r = run.deformCount(sheet.mesh, n + 1);
+    EXPECT_EQ(r.outcome.message, kDeltaMushMeshTooSmall);
+    EXPECT_FALSE(r.writeGotDelta || r.writeDelta || r.captureRestMesh);
+    // Faces naming a vertex the mesh does not have.
+    KPolyMesh broken = sheet.mesh;
+    broken.faceVertices[7] = n;
+    r = run.deformCount(broken, n);
+    EXPECT_EQ(r.outcome.message, kDeltaMushBadFaces);
+    EXPECT_FALSE(r.writeGotDelta || r.writeDelta || r.captureRestMesh);
+
+    // A rest mesh too small, or none at all: nothing is bound or written, and the bind is retried.
     Evaluation tooSmall;
-    tooSmall.store.onlyOnceValue = false;
+    tooSmall.store.onlyOnce = false;
+    EXPECT_EQ(tooSmall.deform(sheet.mesh), KOutcome::kFailed);
     tooSmall.store.restMesh = small.mesh;
-    tooSmall.store.restNeighbours = small.neighbours;
-    EXPECT_EQ(tooSmall.deform(sheet.mesh, sheet.neighbours), KDeltaMushSolver::kUntouched);
-    EXPECT_EQ(tooSmall.sink.errors(), (std::vector<std::string>{kDeltaMushRestTooSmall}));
+    tooSmall.store.hasRestMesh = true;
+    EXPECT_EQ(tooSmall.deform(sheet.mesh), KOutcome::kFailed);
+    EXPECT_EQ(tooSmall.errors, (std::vector<std::string>{kDeltaMushNoRestMesh, kDeltaMushRestTooSmall}));
     EXPECT_FALSE(tooSmall.store.hasDelta);
-    EXPECT_FALSE(tooSmall.store.gotDeltaValue);
+    EXPECT_FALSE(tooSmall.store.gotDelta);
     EXPECT_EQ(tooSmall.solver.boundIterations(), 0) << "a failed bind is retried at the next evaluation";
+}
+
+TEST(DeltaMush, RestMeshIsReadOnlyWhenABindFromItIsDue) {
+    const Sheet sheet;
+    Evaluation run;
+    KDeltaMushInput in;
+    in.mesh = &sheet.mesh;
+    in.pointCount = sheet.mesh.numVertices();
+    in.onlyOnce = true;
+    EXPECT_FALSE(run.solver.restMeshNeeded(in)) << "onlyOnce binds to the input mesh";
+    in.onlyOnce = false;
+    EXPECT_TRUE(run.solver.restMeshNeeded(in));
+    in.envelope = 0.0f;
+    EXPECT_FALSE(run.solver.restMeshNeeded(in));
+    run.deform(sheet.mesh);
+    in.envelope = 1.0f;
+    in.gotDelta = true;
+    EXPECT_FALSE(run.solver.restMeshNeeded(in)) << "bound with the same sweep count";
+    in.numIter = 3;
+    EXPECT_TRUE(run.solver.restMeshNeeded(in));
 }
 
 TEST(DeltaMush, ObjectPointAppliesTheInverseMatrixWithTheCurrentWeight) {
     const Sheet sheet;
     Evaluation run;
-    run.deform(sheet.mesh, sheet.neighbours);
+    run.deform(sheet.mesh);
     const double inverse[4][4] = {{2, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}, {10, 20, 30, 1}};
-    const KVector& p = run.solver.result()[3];
+    const KVector& p = run.solver.points()[3];
     for (double w : {1.0, 0.5}) {
         double out[4];
         run.solver.objectPoint(3, w, inverse, out);
