@@ -30,19 +30,17 @@ const char* const kDeleteMenuProcedure = "DeleteKavrinMenu";
 
 namespace {
 
-// One line per step of this build. Types join these tables as their classes are built, at
-// their place in the full order:
-//   load:   KDeformationTransfer, KDTPoint, KDTPoint draw override, KDeltaMush, KWrapMeshDeformer,
-//           KOffsetMeshDeformer, KJiggleMeshDeformer, KRelaxationMeshDeformer, KDTMarkCtx context
-//   unload: KDTPoint draw override, KDTPoint, KDeltaMush, KWrapMeshDeformer, KOffsetMeshDeformer,
-//           KJiggleMeshDeformer, KDeformationTransfer, KRelaxationMeshDeformer, KDTMarkCtx context
+// Unloading differs from loading on purpose: the draw override goes first, KDeformationTransfer
+// late and KRelaxationMeshDeformer after it.
 const KPluginStep kLoadSteps[] = {
-    NodeStep(kDeformationTransferNode),
-    NodeStep(kDeltaMushNode),
+    NodeStep(kDeformationTransferNode), NodeStep(kDTPointNode),          DrawOverrideStep(kDTPointDrawOverride),
+    NodeStep(kDeltaMushNode),           NodeStep(kWrapMeshDeformerNode), NodeStep(kOffsetMeshDeformerNode),
+    NodeStep(kJiggleMeshDeformerNode),  NodeStep(kRelaxationMeshDeformerNode), ContextStep(kDTMarkContext),
 };
 const KPluginStep kUnloadSteps[] = {
-    NodeStep(kDeltaMushNode),
-    NodeStep(kDeformationTransferNode),
+    DrawOverrideStep(kDTPointDrawOverride), NodeStep(kDTPointNode),            NodeStep(kDeltaMushNode),
+    NodeStep(kWrapMeshDeformerNode),        NodeStep(kOffsetMeshDeformerNode), NodeStep(kJiggleMeshDeformerNode),
+    NodeStep(kDeformationTransferNode),     NodeStep(kRelaxationMeshDeformerNode), ContextStep(kDTMarkContext),
 };
 
 template <std::size_t N>
@@ -58,6 +56,7 @@ KPluginSteps UnloadSteps() { return Steps(kUnloadSteps); }
 bool LoadPlugin(KPluginHost& host, KPluginSteps steps) {
     for (int i = 0; i < steps.count; ++i) {
         const KPluginStep& step = steps.steps[i];
+        if (!host.hasClass(step)) continue;
         if (step.node) {
             if (!host.registerNode(*step.node)) {
                 host.reportFailure(std::string("Failed to register: ") + step.node->name);
@@ -80,6 +79,7 @@ bool LoadPlugin(KPluginHost& host, KPluginSteps steps) {
 bool UnloadPlugin(KPluginHost& host, KPluginSteps steps) {
     for (int i = 0; i < steps.count; ++i) {
         const KPluginStep& step = steps.steps[i];
+        if (!host.hasClass(step)) continue;
         if (step.node) {
             if (!host.deregisterNode(*step.node)) {
                 host.reportFailure(std::string("Failed to deregister: ") + step.node->name);

@@ -1,7 +1,9 @@
 #pragma once
 // What the plug-in registers with its host, in which order, and what it reports when a step
 // fails. The host layer implements KPluginHost with the host's registration calls and walks
-// the sequence with LoadPlugin / UnloadPlugin.
+// the sequence with LoadPlugin / UnloadPlugin. The sequences are the toolkit's complete ones;
+// a step whose class the host layer does not hold (KPluginHost::hasClass) is skipped, so a
+// node type joins the plug-in with one entry in the host layer's table of classes.
 
 #include <string>
 
@@ -29,7 +31,7 @@ struct KContextType {
     const char* toolCommandName;
 };
 
-// Every type of the toolkit, whether or not its class is part of this build.
+// Every type of the toolkit.
 extern const KNodeType kDeformationTransferNode;
 extern const KNodeType kDTPointNode;
 extern const KNodeType kDeltaMushNode;
@@ -56,7 +58,7 @@ struct KPluginSteps {
     int count;
 };
 
-// The steps of this build, in load order and in unload order.
+// The toolkit's steps, in load order and in unload order.
 KPluginSteps LoadSteps();
 KPluginSteps UnloadSteps();
 
@@ -78,6 +80,8 @@ extern const char* const kDeleteMenuProcedure;
 class KPluginHost {
 public:
     virtual ~KPluginHost() {}
+    // Whether the host layer holds the class behind the step (node, draw override or context).
+    virtual bool hasClass(const KPluginStep& step) = 0;
     virtual bool registerNode(const KNodeType& type) = 0;
     virtual bool deregisterNode(const KNodeType& type) = 0;
     virtual bool registerDrawOverride(const KDrawOverrideType& type) = 0;
@@ -89,7 +93,8 @@ public:
     virtual void reportFailure(const std::string& message) = 0;
 };
 
-// Load: the steps in order, stopping at the first failed node or draw-override registration
+// Load: the steps in order, skipping those without a class, stopping at the first failed node or
+// draw-override registration
 // ("Failed to register: " and the node type's name, or the override's registrant id); a context
 // registration's result is ignored. Then the scripts are sourced in order, whatever each
 // returns, and the menu procedures are registered. Returns false at a failure; nothing
@@ -97,7 +102,8 @@ public:
 bool LoadPlugin(KPluginHost& host, KPluginSteps steps);
 inline bool LoadPlugin(KPluginHost& host) { return LoadPlugin(host, LoadSteps()); }
 
-// Unload: the steps in order, stopping at the first failed deregistration ("Failed to
+// Unload: the steps in order, skipping those without a class, stopping at the first failed
+// deregistration ("Failed to
 // deregister: " and the node type's name; for a draw override, the name of its locator type).
 // A context deregistration's result is ignored. No script runs.
 bool UnloadPlugin(KPluginHost& host, KPluginSteps steps);

@@ -1,5 +1,6 @@
-// The plug-in's entry points: register and deregister every node type of this build in the order
-// Kavrin::LoadSteps / UnloadSteps give, source the interface scripts and install the menu.
+// The plug-in's entry points: register and deregister every node type, the draw override and the
+// context in the order Kavrin::LoadSteps / UnloadSteps give, source the interface scripts and
+// install the menu.
 
 #include <maya/MDrawRegistry.h>
 #include <maya/MFnPlugin.h>
@@ -15,29 +16,41 @@
 
 namespace {
 
-// The classes behind the node types of this build, found by type id. A node type joins with one
-// line here and one line in each table of KPluginRegistration.cpp.
+// The classes of this build. A node type joins the plug-in with one entry here (Kavrin::LoadSteps
+// and UnloadSteps already hold every type at its place in the order); steps without an entry
+// are skipped.
 struct NodeClass {
-    unsigned int id;
+    const Kavrin::KNodeType* type;
     MCreatorFunction creator;
     MInitializeFunction initialize;
 };
+const NodeClass kNodeClasses[] = {
+    {&Kavrin::kDeformationTransferNode, KDeformationTransfer::creator, KDeformationTransfer::initialize},
+    {&Kavrin::kDeltaMushNode, KDeltaMush::creator, KDeltaMush::initialize},
+};
 
-bool FindNodeClass(unsigned int id, NodeClass& found) {
-    const NodeClass classes[] = {
-        {KDeformationTransfer::id.id(), KDeformationTransfer::creator, KDeformationTransfer::initialize},
-        {KDeltaMush::id.id(), KDeltaMush::creator, KDeltaMush::initialize},
-    };
-    for (const NodeClass& c : classes) {
-        if (c.id != id) continue;
-        found = c;
-        return true;
-    }
-    return false;
-}
+struct DrawOverrideClass {
+    const Kavrin::KDrawOverrideType* type;
+    MHWRender::MDrawRegistry::DrawOverrideCreator creator;
+};
+const DrawOverrideClass kDrawOverrideClasses[] = {
+    {nullptr, nullptr},  // the marker locator's draw override joins here
+};
 
-// The draw-override creator for a locator's classification; the marker locator's joins here.
-MHWRender::MDrawRegistry::DrawOverrideCreator FindDrawOverrideCreator(const Kavrin::KDrawOverrideType&) {
+struct ContextClass {
+    const Kavrin::KContextType* type;
+    MCreatorFunction contextCreator;
+    MCreatorFunction toolCommandCreator;
+    MCreateSyntaxFunction toolCommandSyntax;
+};
+const ContextClass kContextClasses[] = {
+    {nullptr, nullptr, nullptr, nullptr},  // the marking tool's context joins here
+};
+
+template <typename Class, typename Type, size_t N>
+const Class* Find(const Class (&table)[N], const Type* type) {
+    for (const Class& c : table)
+        if (c.type && c.type == type) return &c;
     return nullptr;
 }
 
@@ -60,29 +73,36 @@ public:
     explicit MayaPluginHost(MFnPlugin& plugin) : _plugin(plugin) {}
     const MStatus& status() const { return _status; }
 
+    bool hasClass(const Kavrin::KPluginStep& step) override {
+        if (step.node) return Find(kNodeClasses, step.node) != nullptr;
+        if (step.drawOverride) return Find(kDrawOverrideClasses, step.drawOverride) != nullptr;
+        return step.context && Find(kContextClasses, step.context) != nullptr;
+    }
     bool registerNode(const Kavrin::KNodeType& type) override {
-        NodeClass c;
-        if (!FindNodeClass(type.id, c)) return check(MStatus(MS::kNotImplemented));
+        const NodeClass* c = Find(kNodeClasses, &type);
+        if (!c) return check(MStatus(MS::kNotImplemented));
         const MString classification(type.classification ? type.classification : "");
-        return check(_plugin.registerNode(type.name, MTypeId(type.id), c.creator, c.initialize, NodeKind(type.kind),
+        return check(_plugin.registerNode(type.name, MTypeId(type.id), c->creator, c->initialize, NodeKind(type.kind),
                                           type.classification ? &classification : nullptr));
     }
     bool deregisterNode(const Kavrin::KNodeType& type) override {
         return check(_plugin.deregisterNode(MTypeId(type.id)));
     }
     bool registerDrawOverride(const Kavrin::KDrawOverrideType& type) override {
-        MHWRender::MDrawRegistry::DrawOverrideCreator creator = FindDrawOverrideCreator(type);
-        if (!creator) return check(MStatus(MS::kNotImplemented));
+        const DrawOverrideClass* c = Find(kDrawOverrideClasses, &type);
+        if (!c) return check(MStatus(MS::kNotImplemented));
         return check(MHWRender::MDrawRegistry::registerDrawOverrideCreator(type.locator->classification,
-                                                                          type.registrantId, creator));
+                                                                          type.registrantId, c->creator));
     }
     bool deregisterDrawOverride(const Kavrin::KDrawOverrideType& type) override {
         return check(
             MHWRender::MDrawRegistry::deregisterDrawOverrideCreator(type.locator->classification, type.registrantId));
     }
-    bool registerContext(const Kavrin::KContextType&) override {
-        // No context class is part of this build yet; the marking tool's joins here.
-        return false;
+    bool registerContext(const Kavrin::KContextType& type) override {
+        const ContextClass* c = Find(kContextClasses, &type);
+        if (!c) return false;
+        return _plugin.registerContextCommand(type.name, c->contextCreator, type.toolCommandName,
+                                              c->toolCommandCreator, c->toolCommandSyntax) == MS::kSuccess;
     }
     bool deregisterContext(const Kavrin::KContextType& type) override {
         return _plugin.deregisterContextCommand(type.name, type.toolCommandName) == MS::kSuccess;
