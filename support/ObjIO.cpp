@@ -18,7 +18,7 @@ std::string firstLine(const std::string& text) {
 
 }  // namespace
 
-KPolyMesh ReadObj(const std::string& path) {
+KPolyMesh ReadObj(const std::string& path, KCornerUVs* uvs) {
     {
         std::ifstream probe(path);
         if (!probe) throw KFileError(path + ": cannot open the file");
@@ -42,6 +42,12 @@ KPolyMesh ReadObj(const std::string& path) {
     for (int i = 0; i < nv; ++i)
         mesh.points[i] = KVector(attrib.vertices[3 * i], attrib.vertices[3 * i + 1], attrib.vertices[3 * i + 2]);
 
+    const int nt = static_cast<int>(attrib.texcoords.size() / 2);
+    if (uvs) {
+        uvs->uvs.setLength(nt, false);
+        for (int i = 0; i < nt; ++i) uvs->uvs[i] = KFloat2{attrib.texcoords[2 * i], attrib.texcoords[2 * i + 1]};
+        uvs->corners.clear();
+    }
     for (const tinyobj::shape_t& shape : reader.GetShapes()) {
         size_t at = 0;
         for (size_t f = 0; f < shape.mesh.num_face_vertices.size(); ++f) {
@@ -52,7 +58,14 @@ KPolyMesh ReadObj(const std::string& path) {
                 throw KFileError(s.str());
             }
             mesh.faceCounts.push_back(count);
-            for (int k = 0; k < count; ++k) mesh.faceVertices.push_back(shape.mesh.indices[at + k].vertex_index);
+            for (int k = 0; k < count; ++k) {
+                const tinyobj::index_t& index = shape.mesh.indices[at + k];
+                mesh.faceVertices.push_back(index.vertex_index);
+                if (!uvs) continue;
+                if (index.texcoord_index >= nt)
+                    throw KFileError(path + ": a face refers to a texture coordinate that does not exist");
+                uvs->corners.push_back(index.texcoord_index < 0 ? -1 : index.texcoord_index);
+            }
             at += static_cast<size_t>(count);
         }
     }

@@ -71,3 +71,19 @@ TEST(ObjIO, BadFilesAreOneLineErrors) {
     }
     EXPECT_THROW(WriteObj((dir.path / "no-such-dir" / "x.obj").string(), KPolyMesh()), KFileError);
 }
+
+TEST(ObjIO, TextureCoordinatesPerFaceCorner) {
+    TempDir dir;
+    KCornerUVs uvs;
+    const KPolyMesh mesh = ReadObj(dir.write("uv.obj",
+                                             "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\n"
+                                             "vt 0.25 0.5\nvt 1 0\nvt 0.75 0.125\n"
+                                             "f 1/1 2/2 3/3\nf 1 3 4\nf 4/-1/1 3/2 1/1\n"),
+                                   &uvs);
+    ASSERT_EQ(mesh.numFaces(), 3);
+    ASSERT_EQ(uvs.uvs.length(), 3);
+    EXPECT_EQ(uvs.uvs[2], (KFloat2{0.75f, 0.125f}));
+    EXPECT_EQ(uvs.corners, (KIntArray{0, 1, 2, -1, -1, -1, 2, 1, 0}));
+    EXPECT_THROW(ReadObj(dir.write("bad.obj", "v 0 0 0\nv 1 0 0\nv 1 1 0\nvt 0 0\nf 1/1 2/2 3/1\n"), &uvs),
+                 KFileError);
+}
