@@ -93,8 +93,8 @@ static void BM_TransferCorrespondence(benchmark::State& state) {
     for (auto _ : state) {
         KDeformationTransferSolver solver;
         KRecordingSink sink;
-        benchmark::DoNotOptimize(solver.compute(in, sink));
-        if (!sink.errors().empty()) state.SkipWithError(sink.errors()[0].c_str());
+        const KDeformationTransferResult r = solver.compute(in, sink);
+        if (r.outcome.failed()) state.SkipWithError(r.outcome.message.c_str());
     }
     Label(state, d);
 }
@@ -123,7 +123,7 @@ static void BM_TransferSolvePose(benchmark::State& state) {
     in.sourceMesh = d.pose;
     for (auto _ : state) {
         const KDeformationTransferResult r = solver.compute(in, sink);
-        if (r.status != KDeformationTransferResult::kSuccess) state.SkipWithError("transfer failed");
+        if (r.outcome.failed()) state.SkipWithError(r.outcome.message.c_str());
         benchmark::DoNotOptimize(solver.outPoints().data());
     }
     Label(state, d);

@@ -3,20 +3,14 @@
 #include "KDeformationTransferInternal.h"
 
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 
 #include "KThreads.h"
 
 namespace Kavrin {
 
-const char* const KDeformationTransferSolver::kTriCorresLogPath = "/tmp/triCorres.out";
-
 namespace {
 
 thread_local KDeformationTransferSolver* tActiveSolver = nullptr;
-
-const char* const kNoCorrespondences = "No correspondences.";
 
 }  // namespace
 
@@ -74,6 +68,7 @@ void KDeformationTransferSolver::setClock(std::function<std::time_t()> clock) { 
 // ---------------------------------------------------------------------------------------------
 // Messages
 
+// Kept on purpose (behaviour note "Deformation transfer: stray 0 in progress lines").
 int KDeformationTransferSolver::_timestamp(std::string& text) const {
     const std::time_t now = _clock ? _clock() : std::time(nullptr);
     std::tm local;
@@ -95,18 +90,15 @@ void KDeformationTransferSolver::_progress(const std::string& message) {
 }
 
 void KDeformationTransferSolver::_abort(const std::string& message) {
+    if (!_aborted) _failure = message;
     _aborted = true;
-    if (_sink) _sink->error(message);
 }
 
+// Guard (behaviour note "Deformation transfer: sparse-library errors never end the process").
 void KDeformationTransferSolver::_cholmodError(int status, const char* file, int line, const char* message) {
-    _aborted = true;
-    if (!_sink) return;
-    _sink->error("cholmod error!");
-    std::ostringstream text;
-    text << static_cast<const void*>(stderr) << ", cholmod error: file: " << (file ? file : "") << " line: " << line
-         << " status: " << status << ": " << (message ? message : "") << "\n";
-    _sink->output(text.str());
+    // Kept on purpose (behaviour note "Deformation transfer: address of stderr in the library's line").
+    if (_sink) _sink->output(DtCholmodReport(static_cast<const void*>(stderr), status, file, line, message));
+    _abort(kDtCholmodError);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -119,6 +111,7 @@ KDeformationTransferResult KDeformationTransferSolver::compute(const KDeformatio
     _sink = &sink;
     _threads = input.threads;
     _aborted = false;
+    _failure.clear();
 
     _aim = input.aim;
     _calcMode = input.calcMode;
@@ -135,7 +128,7 @@ KDeformationTransferResult KDeformationTransferSolver::compute(const KDeformatio
         if (_ready) {
             _transferPass(input, result);
         } else if (_aim != kSourceToTarget) {
-            sink.warning(kNoCorrespondences);
+            sink.warning(kDtNoCorrespondences);
         }
     }
 
@@ -143,9 +136,11 @@ KDeformationTransferResult KDeformationTransferSolver::compute(const KDeformatio
         // A guard or the sparse library stopped a stage: nothing of this evaluation is kept.
         if (_saved) _restore();
         result = KDeformationTransferResult();
-        result.status = KDeformationTransferResult::kFailure;
-    } else if (_saved) {
-        _dropSaved();
+        result.outcome = KOutcome::Failed(_failure);
+    } else {
+        if (_saved) _dropSaved();
+        if (!result.outcome.failed() && result.output != KDeformationTransferResult::kNoOutput)
+            result.outcome = KOutcome::Deformed();
     }
     _sink = nullptr;
     return result;
@@ -154,18 +149,18 @@ KDeformationTransferResult KDeformationTransferSolver::compute(const KDeformatio
 void KDeformationTransferSolver::_recalculate(const KDeformationTransferInput& input,
                                               KDeformationTransferResult& result) {
     if (input.srcFixPNum.empty())
-        _sink->error("No source mesh fixed point.");
+        _sink->error(kDtNoSourceFixedPoint);
     else
         _srcFixP = input.srcFixPNum[0];
     if (input.trgFixPNum.empty())
-        _sink->error("No target mesh fixed point.");
+        _sink->error(kDtNoTargetFixedPoint);
     else
         _trgFixP = input.trgFixPNum[0];
 
     const int n = input.vertCorres.length() / 2;
     if (n == 0) {
         // "reCalculate" stays set, so the next evaluation tries again.
-        _sink->error(kNoCorrespondences);
+        _sink->error(kDtNoCorrespondences);
         return;
     }
     _vertCorres.clear();
@@ -175,10 +170,10 @@ void KDeformationTransferSolver::_recalculate(const KDeformationTransferInput& i
         // A failed search does not stop the build: the system uses whatever _triCorres holds.
         _findTriangleCorrespondence();
         if (_aborted) return;
-        _progress("KDeformationTransfer: Building Coefficient Matrix ...");
+        _progress(kDtBuildingMatrix);
         _createCoefficientMatrix();
         if (_aborted) return;
-        _progress("KDeformationTransfer: Coefficient Matrix Created!\n");
+        _progress(kDtMatrixCreated);
     } else {
         _findTriangleCorrespondence();
         if (_aborted) return;
@@ -195,8 +190,7 @@ void KDeformationTransferSolver::_recalculate(const KDeformationTransferInput& i
 bool KDeformationTransferSolver::_transferPass(const KDeformationTransferInput& input,
                                                KDeformationTransferResult& result) {
     if (input.vertCorres.length() < 2) {
-        _sink->warning(kNoCorrespondences);
-        result.status = KDeformationTransferResult::kFailure;
+        result.outcome = KOutcome::Failed(kDtNoCorrespondences, KOutcome::kWarning);
         return false;
     }
     _deformationTransfer();
@@ -205,7 +199,6 @@ bool KDeformationTransferSolver::_transferPass(const KDeformationTransferInput& 
     if (_aborted) return false;
     result.output = KDeformationTransferResult::kFromTarget;
     _fillOutputFlags(result, input.targetMesh);
-    result.status = KDeformationTransferResult::kSuccess;
     return true;
 }
 
@@ -284,14 +277,11 @@ void KDeformationTransferSolver::_dropSaved() {
 void KDeformationTransferSolver::_setOutPoints() {
     const int nv = _trgMesh.numVertices();
     if (_trgFixP < 0 || _trgFixP >= nv) {
-        _abort("KDeformationTransfer: the target fixed vertex " + std::to_string(_trgFixP) +
-               " is not a vertex of the target mesh (" + std::to_string(nv) + " vertices); the output was not written.");
+        _abort(DtFixedVertexOutside("target", _trgFixP, nv));
         return;
     }
     if (_srcFixP < 0 || _srcFixP >= _srcMesh.numVertices()) {
-        _abort("KDeformationTransfer: the source fixed vertex " + std::to_string(_srcFixP) +
-               " is not a vertex of the source mesh (" + std::to_string(_srcMesh.numVertices()) +
-               " vertices); the output was not written.");
+        _abort(DtFixedVertexOutside("source", _srcFixP, _srcMesh.numVertices()));
         return;
     }
     _outPoints.setLength(nv, false);
@@ -320,14 +310,11 @@ void KDeformationTransferSolver::_setOutPoints() {
 void KDeformationTransferSolver::_setOutDeformedSource() {
     const int nv = _srcMesh.numVertices();
     if (_trgFixP < 0 || _trgFixP >= _trgMesh.numVertices()) {
-        _abort("KDeformationTransfer: the target fixed vertex " + std::to_string(_trgFixP) +
-               " is not a vertex of the target mesh (" + std::to_string(_trgMesh.numVertices()) +
-               " vertices); the output was not written.");
+        _abort(DtFixedVertexOutside("target", _trgFixP, _trgMesh.numVertices()));
         return;
     }
     if (_srcFixP < 0 || _srcFixP >= nv) {
-        _abort("KDeformationTransfer: the source fixed vertex " + std::to_string(_srcFixP) +
-               " is not a vertex of the source mesh (" + std::to_string(nv) + " vertices); the output was not written.");
+        _abort(DtFixedVertexOutside("source", _srcFixP, nv));
         return;
     }
     _outPoints.setLength(nv, false);
@@ -341,17 +328,6 @@ void KDeformationTransferSolver::_setOutDeformedSource() {
         const KVector p = points[i] - offset;
         out[i] = KDouble4{p.x, p.y, p.z, 1.0};
     }
-}
-
-// ---------------------------------------------------------------------------------------------
-// Debug dump: MEL selection commands that pair face i of "young" with its face on "old". No path
-// of the node calls it.
-
-void KDeformationTransferSolver::_writeTriCorresLog() {
-    std::ofstream log(kTriCorresLogPath, std::ios::out | std::ios::trunc);
-    for (int i = 0; i < _triCorres.length(); ++i)
-        log << "select -r young.f[" << i << "] old.f[" << _triCorres[i][0] << "];" << std::endl;
-    log.close();
 }
 
 }  // namespace Kavrin

@@ -10,7 +10,8 @@
 //
 // The engine keeps the node's state between evaluations and decides which stage runs. The host
 // layer reads its plugs into KDeformationTransferInput, calls compute() and writes back what the
-// result asks for; every message goes through KMessageSink.
+// result asks for. A failed evaluation's message comes back in the result's outcome; the messages
+// the node shows and goes on after, and the progress lines, go through KMessageSink.
 //
 // Use from a command line: one compute() with reCalculate true on the rest source (the build),
 // then one compute() with reCalculate false per source pose; each such call writes the deformed
@@ -24,7 +25,9 @@
 
 #include "KArray.h"
 #include "KDenseMatrix.h"
+#include "KDeformationTransferMessages.h"
 #include "KMessageSink.h"
+#include "KOutcome.h"
 #include "KTriMesh.h"
 
 struct cholmod_common_struct;
@@ -38,9 +41,9 @@ typedef KTuple<4, double> KDouble4;
 
 class KDeformationTransferSolver;
 
-// The error handler installed in every solver's sparse-library context. It reports the error
-// through the solver whose stage is running on this thread ("cholmod error!" and the library's
-// line) and makes that stage give up; it never ends the process.
+// The error handler installed in every solver's sparse-library context. It makes the stage of the
+// solver running on this thread give up with "cholmod error!" (and the library's line as output);
+// it never ends the process.
 void cholmod_error_handler(int status, const char* file, int line, const char* message);
 
 // What the node reads from its plugs at one evaluation.
@@ -59,11 +62,13 @@ struct KDeformationTransferInput {
 
 // What the node writes back after one evaluation.
 struct KDeformationTransferResult {
-    enum Status { kSuccess, kFailure };
     // Whether "outputMesh" gets new data, and which input mesh that data copies.
     enum Output { kNoOutput, kFromSource, kFromTarget };
 
-    Status status = kSuccess;
+    // Deformed when "outputMesh" is written, untouched when it is not; failed when compute
+    // returns a failure (a guard or the sparse library stopped a stage, or a transfer pass without
+    // correspondences, a warning).
+    KOutcome outcome = KOutcome::Untouched();
     Output output = kNoOutput;
     // With an output: whether outPoints() / the normal arrays fit the copied mesh (one point per
     // vertex; as many normals as vertex ids, every id a vertex of it). An array that does not fit
@@ -79,9 +84,6 @@ class KDeformationTransferSolver {
 public:
     enum Aim { kSourceToTarget = 1, kTransfer = 2, kWrapDeformer = 3 };
     enum CalcMode { kSameTopology = 1, kDifferentTopology = 2 };
-
-    // Where the never-called debug dump _writeTriCorresLog writes.
-    static const char* const kTriCorresLogPath;
 
     KDeformationTransferSolver();
     ~KDeformationTransferSolver();
@@ -127,6 +129,7 @@ private:
     // Messages.
     int _timestamp(std::string& text) const;
     void _progress(const std::string& message);
+    // Stops the running stage: the evaluation fails with message and nothing it changed is kept.
     void _abort(const std::string& message);
     void _cholmodError(int status, const char* file, int line, const char* message);
 
@@ -139,7 +142,6 @@ private:
     bool _prepareFitting(int& nFree, int& nAdj);
     bool _solveFitting(bool withClosest);
     int _pairTriangles();
-    void _writeTriCorresLog();
 
     // Source-fitting system.
     void _createElementaryMatrix(const int& nTris, const KVectorArray& points, const KInt3Array& tris);
@@ -151,7 +153,6 @@ private:
     void _addToB(int row, double value);
     int CHOLMOD_entry(cholmod_triplet_struct* T, int row, int col, double value);
     cholmod_dense_struct* UMFPACK_leastSquare(cholmod_sparse_struct* A, cholmod_dense_struct* b);
-    void _printTriplet(cholmod_triplet_struct* T);
 
     // Transfer system.
     int _createCoefficientMatrix();
@@ -168,6 +169,7 @@ private:
     KMessageSink* _sink = nullptr;
     int _threads = 0;
     bool _aborted = false;
+    std::string _failure;  // the message of the stage that gave up
     std::function<std::time_t()> _clock;
 
     // Meshes: the inputs of this evaluation and the rest pose of the last recalculation.

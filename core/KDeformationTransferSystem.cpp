@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <sstream>
 #include <vector>
 
 #include "KThreads.h"
@@ -83,11 +82,9 @@ void KDeformationTransferSolver::_finishCholmod() {
 bool KDeformationTransferSolver::_umfpackOk(int status, const char* system, const char* consequence) {
     if (status == UMFPACK_OK) return true;
     if (status == UMFPACK_WARNING_singular_matrix)
-        _abort(std::string("KDeformationTransfer: the normal equations of the ") + system + " are singular; " +
-               consequence);
+        _abort(DtSingular(system, consequence));
     else
-        _abort(std::string("KDeformationTransfer: UMFPACK failed on the ") + system + " (status " +
-               std::to_string(status) + "); " + consequence);
+        _abort(DtUmfpackFailed(system, status, consequence));
     return false;
 }
 
@@ -174,29 +171,6 @@ cholmod_dense* KDeformationTransferSolver::UMFPACK_leastSquare(cholmod_sparse* A
         return nullptr;
     }
     return x;
-}
-
-void KDeformationTransferSolver::_printTriplet(cholmod_triplet* T) {
-    std::ostringstream text;
-    text << "triplet M print\n";
-    text << "M->xtype? " << T->xtype << "\n";
-    text << "M->stype(upper/lower)? " << T->stype << "\n";
-    text << "M->dtype? " << T->dtype << "\n";
-    text << "M->nnz? " << T->nnz << "\n";
-    for (size_t k = 0; k < T->nnz; ++k) {
-        long i, j;
-        if (T->itype == CHOLMOD_LONG) {
-            i = static_cast<const SuiteSparse_long*>(T->i)[k];
-            j = static_cast<const SuiteSparse_long*>(T->j)[k];
-        } else {
-            i = static_cast<const int*>(T->i)[k];
-            j = static_cast<const int*>(T->j)[k];
-        }
-        const double x = T->dtype == CHOLMOD_SINGLE ? static_cast<const float*>(T->x)[k]
-                                                    : static_cast<const double*>(T->x)[k];
-        text << "M(" << i << ", " << j << ") = " << x << "\n";
-    }
-    if (_sink) _sink->output(text.str());
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -358,8 +332,7 @@ int KDeformationTransferSolver::_createCoefficientMatrix() {
 
     // The pairing must describe this target and name triangles of the source rest pose.
     if (_triCorres.length() != nTT) {
-        _abort("KDeformationTransfer: the triangle correspondence has " + std::to_string(_triCorres.length()) +
-               " entries for a target of " + std::to_string(nTT) + " triangles; the transfer system was not built.");
+        _abort(DtPairingSize(_triCorres.length(), nTT));
         return 0;
     }
     for (int t = 0; t < nTT; ++t) {
@@ -367,8 +340,7 @@ int KDeformationTransferSolver::_createCoefficientMatrix() {
         bool valid = tc[3] <= 3;
         for (int s = 0; valid && s < tc[3]; ++s) valid = tc[s] == -1 || (tc[s] >= 0 && tc[s] < nRefTris);
         if (!valid) {
-            _abort("KDeformationTransfer: the triangle correspondence of target triangle " + std::to_string(t) +
-                   " names a source triangle the source mesh does not have; the transfer system was not built.");
+            _abort(DtPairingNamesMissingTriangle(t));
             return 0;
         }
     }
@@ -456,17 +428,12 @@ int KDeformationTransferSolver::_deformationTransfer() {
     const int nTV = _trgMesh.numVertices();
     const int nTT = _trgMesh.numTriangles();
     if (nSV != _refSrcMesh.numVertices() || !SameTriangles(_srcMesh.triangles, _refSrcMesh.triangles)) {
-        _abort("KDeformationTransfer: the source mesh (" + std::to_string(nSV) + " vertices, " +
-               std::to_string(_srcMesh.numTriangles()) + " triangles) no longer matches the rest pose the system was built from (" +
-               std::to_string(_refSrcMesh.numVertices()) + " vertices, " + std::to_string(_refSrcMesh.numTriangles()) +
-               " triangles); recalculate. The output was not written.");
+        _abort(DtSourceChanged(nSV, _srcMesh.numTriangles(), _refSrcMesh.numVertices(), _refSrcMesh.numTriangles()));
         return 0;
     }
     if (nTV != _sysTrgVerts || nTT != _sysTrgTris || _nCols != 3 * (nTV + nTT) || _triCorres.length() != nTT ||
         !_trgMesh.indicesValid()) {
-        _abort("KDeformationTransfer: the target mesh (" + std::to_string(nTV) + " vertices, " + std::to_string(nTT) +
-               " triangles) no longer matches the one the system was built for (" + std::to_string(_sysTrgVerts) +
-               " vertices, " + std::to_string(_sysTrgTris) + " triangles); recalculate. The output was not written.");
+        _abort(DtTargetChanged(nTV, nTT, _sysTrgVerts, _sysTrgTris));
         return 0;
     }
 

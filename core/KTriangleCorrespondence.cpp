@@ -56,9 +56,7 @@ bool KDeformationTransferSolver::_prepareFitting(int& nFree, int& nAdj) {
         const int s = _vertCorres[i][0];
         const int t = _vertCorres[i][1];
         if (s < 0 || s >= nSV || t < 0 || t >= nTV) {
-            _abort("KDeformationTransfer: correspondence pair " + std::to_string(i) + " (" + std::to_string(s) + ", " +
-                   std::to_string(t) + ") names a vertex outside the meshes (source " + std::to_string(nSV) +
-                   " vertices, target " + std::to_string(nTV) + "); nothing was recalculated.");
+            _abort(DtPairOutside(i, s, t, nSV, nTV));
             return false;
         }
     }
@@ -72,8 +70,7 @@ bool KDeformationTransferSolver::_prepareFitting(int& nFree, int& nAdj) {
     // Columns: free vertices first, in index order, then one fourth vertex per triangle.
     nFree = nSV - nPairs;
     if (nFree < 0) {
-        _abort("KDeformationTransfer: there are more correspondence pairs (" + std::to_string(nPairs) +
-               ") than source vertices (" + std::to_string(nSV) + "); nothing was recalculated.");
+        _abort(DtMorePairsThanVertices(nPairs, nSV));
         return false;
     }
     _srcCols.setLengthWithValue(nSV + nST, KInt3{-1, -1, -1});
@@ -106,12 +103,11 @@ bool KDeformationTransferSolver::_prepareFitting(int& nFree, int& nAdj) {
 }
 
 int KDeformationTransferSolver::_findTriangleCorrespondence() {
-    _progress("KDeformationTransfer: Finding Triangle Correspondences ...");
+    _progress(kDtFindingCorrespondences);
     if (_vertCorres.empty()) return 0;
 
     if (!_srcMesh.indicesValid() || !_trgMesh.indicesValid()) {
-        _abort(std::string("KDeformationTransfer: the ") + (_srcMesh.indicesValid() ? "target" : "source") +
-               " mesh has triangles that name vertices it does not have; nothing was recalculated.");
+        _abort(DtMeshIndicesInvalid(_srcMesh.indicesValid() ? "target" : "source"));
         return 0;
     }
     _refSrcMesh = _srcMesh;
@@ -120,9 +116,9 @@ int KDeformationTransferSolver::_findTriangleCorrespondence() {
     const int nTV = _trgMesh.numVertices();
     const int nST = _srcMesh.numTriangles();
     if (nSV == nTV && _calcMode != kSameTopology) {
-        _sink->warning("This calculation mode may cause inaccurate result.");
+        _sink->warning(kDtModeMayBeInaccurate);
     } else if (nSV != nTV && _calcMode == kSameTopology) {
-        _sink->error("Check the calculation mode.");
+        _sink->error(kDtCheckCalcMode);
         return 0;
     }
 
@@ -176,7 +172,7 @@ int KDeformationTransferSolver::_findTriangleCorrespondence() {
     // Iterations: the pull toward the same closest points grows; each solve re-linearises the
     // frames around the previous result.
     for (int w = 10; w <= 10 * _iterCount; w += 10) {
-        _progress("KDeformationTransfer: iteration count " + std::to_string(w / 10));
+        _progress(kDtIterationCount + std::to_string(w / 10));
         _wSmooth = 1.0;
         _wIdentity = 0.01;
         _wClosest = w;
@@ -268,11 +264,11 @@ int KDeformationTransferSolver::_pairTriangles() {
                 corres[i][3] = 1;
             }
         }
-        _progress("KDeformationTransfer: Triangle Correspondences Found!...");
+        _progress(kDtCorrespondencesFound);
         return 1;
     }
 
-    _sink->error("Invalid value of calc mode.");
+    _sink->error(kDtInvalidCalcMode);
     return 0;
 }
 

@@ -1,7 +1,5 @@
 #include "KDeformationTransfer.h"
 
-#include <string>
-
 #include <maya/MFnDependencyNode.h>
 #include <maya/MFnIntArrayData.h>
 #include <maya/MFnMesh.h>
@@ -36,6 +34,10 @@ namespace {
 typedef Kavrin::KDeformationTransferResult Result;
 
 const char* const kSource = "source/KDeformationTransfer";
+const char* const kCopyFailedSource =
+    "KDeformationTransfer: the output mesh could not be made from the source mesh; the output was left untouched.";
+const char* const kCopyFailedTarget =
+    "KDeformationTransfer: the output mesh could not be made from the target mesh; the output was left untouched.";
 
 // The int-array attribute attr; empty when it holds no data.
 void ReadIntArray(MDataBlock& block, const MObject& attr, Kavrin::KIntArray& to) {
@@ -150,8 +152,9 @@ MStatus KDeformationTransfer::compute(const MPlug& plug, MDataBlock& block) {
     _input.aim = block.inputValue(aimObj).asShort();
     _input.calcMode = block.inputValue(calcModeObj).asShort();
     _input.iterCount = block.inputValue(iterCountObj).asShort();  // 16 bits: larger counts wrap
-    Kavrin::Convert(_input.sourceMesh, block.inputValue(sourceMeshObj).asMesh(), false, "currentUVSet");
-    Kavrin::Convert(_input.targetMesh, block.inputValue(targetMeshObj).asMesh(), false, "currentUVSet");
+    // The engine reads no texture coordinates, so none are converted.
+    Kavrin::Convert(_input.sourceMesh, block.inputValue(sourceMeshObj).asMesh(), false, nullptr);
+    Kavrin::Convert(_input.targetMesh, block.inputValue(targetMeshObj).asMesh(), false, nullptr);
     ReadIntArray(block, vertCorresObj, _input.vertCorres);
     ReadIntArray(block, srcFixPNumObj, _input.srcFixPNum);
     ReadIntArray(block, trgFixPNumObj, _input.trgFixPNum);
@@ -161,12 +164,13 @@ MStatus KDeformationTransfer::compute(const MPlug& plug, MDataBlock& block) {
 
     if (result.writeReCalculate) block.outputValue(reCalculateObj).set(result.reCalculate);
     if (result.output != Result::kNoOutput && !_writeOutputMesh(block, result)) {
-        sink.error(std::string("KDeformationTransfer: the output mesh could not be made from the ") +
-                   (result.output == Result::kFromSource ? "source" : "target") +
-                   " mesh; the output was left untouched.");
+        sink.error(result.output == Result::kFromSource ? kCopyFailedSource : kCopyFailedTarget);
         return MS::kFailure;
     }
-    if (result.status != Result::kSuccess) return MS::kFailure;
+    if (result.outcome.failed()) {
+        Kavrin::ReportOutcome(result.outcome);
+        return MS::kFailure;
+    }
     // Only a written output is marked clean: an evaluation that writes nothing leaves the plug
     // dirty, so the next request evaluates (and reports) again.
     if (result.output != Result::kNoOutput) block.setClean(plug);

@@ -6,23 +6,6 @@ namespace Kavrin {
 
 namespace {
 
-// Remembers whether an error went by, passing everything on.
-class ErrorWatch : public KMessageSink {
-public:
-    explicit ErrorWatch(KMessageSink& inner) : _inner(inner) {}
-    void error(const std::string& message) override {
-        _last = message;
-        _inner.error(message);
-    }
-    void warning(const std::string& message) override { _inner.warning(message); }
-    void output(const std::string& text) override { _inner.output(text); }
-    const std::string& lastError() const { return _last; }
-
-private:
-    KMessageSink& _inner;
-    std::string _last;
-};
-
 KVectorArray narrow(const KArray<KDouble4>& points) {
     KVectorArray out(points.length());
     for (int i = 0; i < points.length(); ++i)
@@ -51,22 +34,18 @@ TransferRun::TransferRun(const KPolyMesh& sourceRest, const KPolyMesh& target, c
                          KMessageSink& sink)
     : _sink(sink) {
     fillInput(_input, sourceRest, target, settings, KDeformationTransferSolver::kTransfer);
-    ErrorWatch watch(sink);
-    const KDeformationTransferResult result = _solver.compute(_input, watch);
-    if (!watch.lastError().empty() || result.status != KDeformationTransferResult::kSuccess || !_solver.ready())
-        throw RunError("building the transfer failed" +
-                       (watch.lastError().empty() ? std::string() : ": " + watch.lastError()));
+    const KDeformationTransferResult result = _solver.compute(_input, sink);
+    if (result.outcome.failed()) throw RunError("building the transfer failed: " + result.outcome.message);
+    if (!_solver.ready()) throw RunError("building the transfer failed: no transfer system was built");
     _input.reCalculate = false;
 }
 
 KVectorArray TransferRun::transfer(const KPolyMesh& pose) {
     _input.sourceMesh.points = pose.points;
-    ErrorWatch watch(_sink);
-    const KDeformationTransferResult result = _solver.compute(_input, watch);
-    if (!watch.lastError().empty() || result.status != KDeformationTransferResult::kSuccess ||
-        result.output != KDeformationTransferResult::kFromTarget)
-        throw RunError("the transfer solve failed" +
-                       (watch.lastError().empty() ? std::string() : ": " + watch.lastError()));
+    const KDeformationTransferResult result = _solver.compute(_input, _sink);
+    if (result.outcome.failed()) throw RunError("the transfer solve failed: " + result.outcome.message);
+    if (result.output != KDeformationTransferResult::kFromTarget || !result.setPoints)
+        throw RunError("the transfer solve failed: no output was produced");
     return narrow(_solver.outPoints());
 }
 
@@ -75,12 +54,10 @@ KVectorArray TransferRun::FitSource(const KPolyMesh& sourceRest, const KPolyMesh
     KDeformationTransferInput input;
     fillInput(input, sourceRest, target, settings, KDeformationTransferSolver::kSourceToTarget);
     KDeformationTransferSolver solver;
-    ErrorWatch watch(sink);
-    const KDeformationTransferResult result = solver.compute(input, watch);
-    if (!watch.lastError().empty() || result.status != KDeformationTransferResult::kSuccess ||
-        result.output != KDeformationTransferResult::kFromSource)
-        throw RunError("fitting the source failed" +
-                       (watch.lastError().empty() ? std::string() : ": " + watch.lastError()));
+    const KDeformationTransferResult result = solver.compute(input, sink);
+    if (result.outcome.failed()) throw RunError("fitting the source failed: " + result.outcome.message);
+    if (result.output != KDeformationTransferResult::kFromSource || !result.setPoints)
+        throw RunError("fitting the source failed: the fit produced no points");
     return narrow(solver.outPoints());
 }
 

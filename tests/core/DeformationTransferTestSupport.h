@@ -27,6 +27,7 @@ struct KDeformationTransferTestAccess {
     KDeformationTransferTestAccess(KDeformationTransferSolver& solver, KMessageSink& sink) : s(solver), scope(&solver) {
         s._sink = &sink;
         s._aborted = false;
+        s._failure.clear();
     }
     ~KDeformationTransferTestAccess() { s._sink = nullptr; }
 
@@ -110,6 +111,12 @@ struct KDeformationTransferTestAccess {
         return s._triCorres;
     }
     int vertCorresCount() const { return s._vertCorres.length(); }
+    // The errors shown on the way, then the message of a stage that gave up.
+    std::vector<std::string> errors(const KRecordingSink& sink) const {
+        std::vector<std::string> all = sink.errors();
+        if (s._aborted) all.push_back(s._failure);
+        return all;
+    }
     // Objects the solver's sparse-library context holds.
     long cholmodObjects() const { return static_cast<long>(s._common->malloc_count); }
 };

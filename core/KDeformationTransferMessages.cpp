@@ -1,0 +1,87 @@
+#include "KDeformationTransferMessages.h"
+
+#include <sstream>
+
+namespace Kavrin {
+
+const char* const kDtNoSourceFixedPoint = "No source mesh fixed point.";
+const char* const kDtNoTargetFixedPoint = "No target mesh fixed point.";
+const char* const kDtNoCorrespondences = "No correspondences.";
+const char* const kDtModeMayBeInaccurate = "This calculation mode may cause inaccurate result.";
+const char* const kDtCheckCalcMode = "Check the calculation mode.";
+const char* const kDtInvalidCalcMode = "Invalid value of calc mode.";
+const char* const kDtCholmodError = "cholmod error!";
+
+const char* const kDtFindingCorrespondences = "KDeformationTransfer: Finding Triangle Correspondences ...";
+const char* const kDtCorrespondencesFound = "KDeformationTransfer: Triangle Correspondences Found!...";
+const char* const kDtBuildingMatrix = "KDeformationTransfer: Building Coefficient Matrix ...";
+const char* const kDtMatrixCreated = "KDeformationTransfer: Coefficient Matrix Created!\n";
+const char* const kDtIterationCount = "KDeformationTransfer: iteration count ";
+
+namespace {
+
+std::string N(int v) { return std::to_string(v); }
+
+}  // namespace
+
+std::string DtFixedVertexOutside(const char* mesh, int vertex, int numVertices) {
+    return std::string("KDeformationTransfer: the ") + mesh + " fixed vertex " + N(vertex) + " is not a vertex of the " +
+           mesh + " mesh (" + N(numVertices) + " vertices); the output was not written.";
+}
+
+std::string DtPairOutside(int pair, int source, int target, int sourceVertices, int targetVertices) {
+    return "KDeformationTransfer: correspondence pair " + N(pair) + " (" + N(source) + ", " + N(target) +
+           ") names a vertex outside the meshes (source " + N(sourceVertices) + " vertices, target " +
+           N(targetVertices) + "); nothing was recalculated.";
+}
+
+std::string DtMorePairsThanVertices(int pairs, int sourceVertices) {
+    return "KDeformationTransfer: there are more correspondence pairs (" + N(pairs) + ") than source vertices (" +
+           N(sourceVertices) + "); nothing was recalculated.";
+}
+
+std::string DtMeshIndicesInvalid(const char* mesh) {
+    return std::string("KDeformationTransfer: the ") + mesh +
+           " mesh has triangles that name vertices it does not have; nothing was recalculated.";
+}
+
+std::string DtPairingSize(int entries, int targetTriangles) {
+    return "KDeformationTransfer: the triangle correspondence has " + N(entries) + " entries for a target of " +
+           N(targetTriangles) + " triangles; the transfer system was not built.";
+}
+
+std::string DtPairingNamesMissingTriangle(int targetTriangle) {
+    return "KDeformationTransfer: the triangle correspondence of target triangle " + N(targetTriangle) +
+           " names a source triangle the source mesh does not have; the transfer system was not built.";
+}
+
+std::string DtSourceChanged(int vertices, int triangles, int restVertices, int restTriangles) {
+    return "KDeformationTransfer: the source mesh (" + N(vertices) + " vertices, " + N(triangles) +
+           " triangles) no longer matches the rest pose the system was built from (" + N(restVertices) +
+           " vertices, " + N(restTriangles) + " triangles); recalculate. The output was not written.";
+}
+
+std::string DtTargetChanged(int vertices, int triangles, int builtVertices, int builtTriangles) {
+    return "KDeformationTransfer: the target mesh (" + N(vertices) + " vertices, " + N(triangles) +
+           " triangles) no longer matches the one the system was built for (" + N(builtVertices) + " vertices, " +
+           N(builtTriangles) + " triangles); recalculate. The output was not written.";
+}
+
+std::string DtSingular(const char* system, const char* consequence) {
+    return std::string("KDeformationTransfer: the normal equations of the ") + system + " are singular; " +
+           consequence;
+}
+
+std::string DtUmfpackFailed(const char* system, int status, const char* consequence) {
+    return std::string("KDeformationTransfer: UMFPACK failed on the ") + system + " (status " + N(status) + "); " +
+           consequence;
+}
+
+std::string DtCholmodReport(const void* stream, int status, const char* file, int line, const char* message) {
+    std::ostringstream text;
+    text << stream << ", cholmod error: file: " << (file ? file : "") << " line: " << line << " status: " << status
+         << ": " << (message ? message : "") << "\n";
+    return text.str();
+}
+
+}  // namespace Kavrin

@@ -1,0 +1,39 @@
+#pragma once
+// Every text the deformation-transfer engine shows: the node's own messages and progress lines,
+// and the guards' messages (formatted with the numbers that explain them).
+
+#include <string>
+
+namespace Kavrin {
+
+// Messages for the artist.
+extern const char* const kDtNoSourceFixedPoint;   // "No source mesh fixed point."
+extern const char* const kDtNoTargetFixedPoint;   // "No target mesh fixed point."
+extern const char* const kDtNoCorrespondences;    // "No correspondences."
+extern const char* const kDtModeMayBeInaccurate;  // "This calculation mode may cause inaccurate result."
+extern const char* const kDtCheckCalcMode;        // "Check the calculation mode."
+extern const char* const kDtInvalidCalcMode;      // "Invalid value of calc mode."
+extern const char* const kDtCholmodError;         // "cholmod error!"
+
+// Progress lines (each follows the timestamp and its code).
+extern const char* const kDtFindingCorrespondences;
+extern const char* const kDtCorrespondencesFound;
+extern const char* const kDtBuildingMatrix;
+extern const char* const kDtMatrixCreated;
+extern const char* const kDtIterationCount;  // followed by the iteration number
+
+// Guard messages.
+std::string DtFixedVertexOutside(const char* mesh, int vertex, int numVertices);
+std::string DtPairOutside(int pair, int source, int target, int sourceVertices, int targetVertices);
+std::string DtMorePairsThanVertices(int pairs, int sourceVertices);
+std::string DtMeshIndicesInvalid(const char* mesh);
+std::string DtPairingSize(int entries, int targetTriangles);
+std::string DtPairingNamesMissingTriangle(int targetTriangle);
+std::string DtSourceChanged(int vertices, int triangles, int restVertices, int restTriangles);
+std::string DtTargetChanged(int vertices, int triangles, int builtVertices, int builtTriangles);
+std::string DtSingular(const char* system, const char* consequence);
+std::string DtUmfpackFailed(const char* system, int status, const char* consequence);
+// The sparse library's own report, written as output after kDtCholmodError.
+std::string DtCholmodReport(const void* stream, int status, const char* file, int line, const char* message);
+
+}  // namespace Kavrin
