@@ -52,7 +52,10 @@ TEST(KDenseMatrix, InverseEdgeCases) {
     const double s[9] = {1, 2, 3, 2, 4, 6, 1, 1, 1};
     std::memcpy(singular.m, s, sizeof(s));
     singular.inverse();
-    EXPECT_GT(std::fabs(singular(0, 0)), 1e20);
+    // Its determinant is exactly 0, so every entry is its adjugate entry over the single-precision
+    // 1e-30 widened to double (not the double 1e-30): ei - fh = 4 - 6 = -2 for the first.
+    EXPECT_DOUBLE_EQ(singular(0, 0), -2.0 / 1.0000000031710769e-30);
+    EXPECT_DOUBLE_EQ(singular(0, 1), 1.0 / 1.0000000031710769e-30) << "ch - bi = 3 - 2";
 }
 
 TEST(KArray, SetLengthRules) {
@@ -113,6 +116,11 @@ TEST(Normal, FastReciprocalSquareRootAndDegenerateTriangles) {
     EXPECT_NEAR(n.z, 1.0f, 2e-3f);
     EXPECT_EQ(n.x, 0.0f);
     EXPECT_NE(n.z, 1.0f) << "the bit-level approximation is used, not the library square root";
+
+    // A triangle whose squared cross product is 1e-30 itself: the epsilon doubles it, so the
+    // "unit" normal has length 1/sqrt(2) (to the approximation), not 1.
+    const KVector tiny = Normal(KVector(0, 0, 0), KVector(1e-8f, 0, 0), KVector(0, 1e-7f, 0), true);
+    EXPECT_NEAR(tiny.z, 0.70710678f, 2e-3f);
 
     // Bit-level: 0x5F3759DF - (bits(4) >> 1), one Newton step, worked by hand for s = 4.
     EXPECT_FLOAT_EQ(FastInvSqrt(4.0f), 0.499153584f);

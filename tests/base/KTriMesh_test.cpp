@@ -32,8 +32,6 @@ KVector rotate(const KVector& p) {
 }
 KVector motion(const KVector& p) { return rotate(p) + KVector(3, -2, 5); }
 
-}  // namespace
-
 TEST(KPolyMesh, FanTriangulationNormalsCentresAndEdgeNeighbours) {
     const KPolyMesh quads = twoQuads();
     ASSERT_TRUE(quads.valid());
@@ -83,6 +81,73 @@ TEST(KTriMeshConnectionInfo, EdgeSlotsAndBorders) {
     ASSERT_EQ(info.t2t.length(), 4);
     const KInt3 expected[4] = {{-1, 3, 1}, {0, -1, -1}, {-1, -1, 3}, {2, -1, 0}};
     for (int t = 0; t < 4; ++t) EXPECT_EQ(info.t2t[t], expected[t]) << "slot s is the edge from corner s to s+1";
+}
+
+// A roof of two triangles meeting along the edge 0-1:  T0 = (0, 1, 2), T1 = (0, 3, 1).
+KTriMesh roof() {
+    KTriMesh m;
+    m.points = KVectorArray(4);
+    m.points[1] = KVector(1, 0, 0);
+    m.points[2] = KVector(0, 1, 1);
+    m.points[3] = KVector(0, -1, 1);
+    m.triangles.push_back(KInt3{0, 1, 2});
+    m.triangles.push_back(KInt3{0, 3, 1});
+    return m;
+}
+
+void ExpectNear(const KVector& a, const KVector& b, const char* what) {
+    EXPECT_NEAR((a - b).length(), 0.0f, 1e-6f) << what << " (" << a.x << ", " << a.y << ", " << a.z << ")";
+}
+
+}  // namespace
+
+TEST(KTriMesh, VertexNormalsAndCentresOnACurvedMeshByHand) {
+    // Face normals (unnormalised): T0 (1,0,0) x (0,1,1) = (0,-1,1); T1 (0,-1,1) x (1,0,0) = (0,1,1).
+    const KTriMesh m = roof();
+    KVectorArray normals, centres;
+    m.getVertexNormals(normals, true);
+    const float h = 0.70710678f;
+    ExpectNear(normals[0], KVector(0, 0, 1), "shared vertex: (0,0,2) normalised");
+    ExpectNear(normals[1], KVector(0, 0, 1), "shared vertex");
+    ExpectNear(normals[2], KVector(0, -h, h), "T0 only");
+    ExpectNear(normals[3], KVector(0, h, h), "T1 only");
+    m.getTriangleCenters(centres, true);
+    ExpectNear(centres[0], KVector(1.0f / 3, 1.0f / 3, 1.0f / 3), "T0 centre");
+    ExpectNear(centres[1], KVector(1.0f / 3, -1.0f / 3, 1.0f / 3), "T1 centre");
+}
+
+TEST(GetTangentSpace, RightHandedFramesWhoseFirstTangentPointsToTheNextCorner) {
+    // Vertex 0 and 2 first appear in T0 at corners 0 and 2: their next corners are 1 and 0.
+    // Vertex 2: n = (0,-1,1)/sqrt2, edge to vertex 0 = (0,-1,-1), already in the tangent plane.
+    const KTriMesh m = roof();
+    KAxisArray frames;
+    GetTangentSpace(m, frames, true, true);
+    const float h = 0.70710678f;
+    const struct {
+        int v;
+        KVector x, y, z;
+    } rows[] = {{0, KVector(1, 0, 0), KVector(0, 1, 0), KVector(0, 0, 1)},
+                {2, KVector(0, -h, -h), KVector(1, 0, 0), KVector(0, -h, h)}};
+    for (const auto& r : rows) {
+        ExpectNear(frames[r.v].xAxis, r.x, "x");
+        ExpectNear(frames[r.v].yAxis, r.y, "y = normal x tangent");
+        ExpectNear(frames[r.v].zAxis, r.z, "z = vertex normal");
+    }
+    // Every frame of a curved mesh: orthonormal, right-handed, z the vertex normal.
+    KTriMesh sphere;
+    MakeIcosphere(2).triangulate(sphere);
+    for (KVector& p : sphere.points) p = KVector(1.5f * p.x, p.y, 0.7f * p.z);
+    GetTangentSpace(sphere, frames, true, true);
+    KVectorArray normals;
+    sphere.getVertexNormals(normals, true);
+    for (int v = 0; v < sphere.numVertices(); ++v) {
+        const KAxis& f = frames[v];
+        EXPECT_NEAR(f.xAxis.length(), 1.0f, 1e-6f);
+        EXPECT_NEAR(f.yAxis.length(), 1.0f, 1e-6f);
+        EXPECT_NEAR(f.xAxis.dot(f.yAxis), 0.0f, 1e-6f);
+        ExpectNear(f.xAxis.cross(f.yAxis), f.zAxis, "x cross y = z");
+        ExpectNear(f.zAxis, normals[v], "z is the vertex normal");
+    }
 }
 
 TEST(GetTangentSpace, FramesAreInvertibleAndFollowARigidMotion) {

@@ -54,6 +54,15 @@ TEST(KJacobiSmoother, SweepsMatchHandWorkedValues) {
     KJacobiSmoother().smooth(p, n, 0, 1);
     EXPECT_EQ(p, std::vector<double>(9, 0.0)) << "no sweep leaves the smoothed points at the origin";
 
+    // Three neighbours at x = 1, 2, 2: the mean is a true division, 5 / 3, which differs in the last
+    // bit from 5 times the rounded 1/3.
+    KVertexNeighbours three;
+    three.assign({{1, 2, 3}, {0}, {0}, {0}});
+    std::vector<double> t = {0, 0, 0, 1, 0, 0, 2, 0, 0, 2, 0, 0};
+    KJacobiSmoother().smooth(t, three, 1, 1);
+    ASSERT_NE(5.0 / 3.0, 5.0 * (1.0 / 3.0));
+    EXPECT_EQ(t[0], 5.0 / 3.0);
+
     KVertexNeighbours isolated;
     isolated.assign({{}, {0}});
     std::vector<double> q = {1, 1, 1, 2, 2, 2};
