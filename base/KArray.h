@@ -49,6 +49,7 @@ public:
     // Deletes the listed elements, keeping the order of the rest. Indices out of range are
     // ignored and duplicates count once. The survivors move into storage of exactly their
     // number. Returns the new length.
+    // Kept on purpose (behaviour note "Base library: remove ignores bad indices").
     template <typename IndexArray>
     int remove(const IndexArray& indices) {
         const int n = length();

@@ -95,7 +95,8 @@ void KTangentSpaceBuilder::compute(const KVector* p, int nv, const KInt3Array& t
             KAxis& a = f[v];
             a.origin = p[v];
             if (ref[v] < 0) {
-                // A vertex in no triangle has no surface around it: its frame is the world axes.
+                // Decision (behaviour note "Base library: tangent frames"): a vertex in no triangle
+                // has no surface around it, so its frame is the world axes.
                 a.xAxis = KVector(1, 0, 0);
                 a.yAxis = KVector(0, 1, 0);
                 a.zAxis = KVector(0, 0, 1);

@@ -31,6 +31,7 @@ public:
         const T a = m[0], b = m[1], c = m[2];
         const T d = m[3], e = m[4], f = m[5];
         const T g = m[6], h = m[7], i = m[8];
+        // Kept on purpose (behaviour note "Base library: 3x3 inverse epsilon").
         const T det = a * (e * i - f * h) - b * (d * i - f * g) + c * (d * h - e * g);
         const T r = T(1) / (det + static_cast<T>(1e-30f));
         m[0] = (e * i - f * h) * r; m[1] = (c * h - b * i) * r; m[2] = (b * f - c * e) * r;

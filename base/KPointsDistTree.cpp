@@ -87,8 +87,7 @@ struct KPointsDistTree::Impl {
         index->findNeighbors(result, q, nanoflann::SearchParams());
         size_t count = result.size();
         if (count < capacity && std::isinf(radius2)) {
-            // Squared distances beyond single precision (points some 1e19 apart) never enter the
-            // tree search; with a radius that large, redo the search in double precision.
+            // Guard (behaviour note "KPointsDistTree: very distant points").
             const double r2 = static_cast<double>(radius) * radius;
             std::vector<std::pair<double, uint32_t> > all;
             for (size_t i = 0; i < cloud.points.size(); ++i) {
@@ -123,6 +122,8 @@ void KPointsDistTree::setPoints(const KVectorArray& points, const KIntArray* mas
     const int n = points.length();
     const int maskLength = mask ? mask->length() : 0;
     for (int i = 0; i < n; ++i) {
+        // Guard (behaviour note "KPointsDistTree: mask"); guard (behaviour note "KPointsDistTree:
+        // non-finite points").
         if (mask && (i >= maskLength || (*mask)[i] == 0)) continue;
         if (!Finite(points[i])) continue;
         impl.cloud.points.push_back(points[i]);

@@ -22,6 +22,7 @@ KDouble3 RingNormal(const KDouble3* ring, int n) {
         sum[2] += a[0] * b[1] - a[1] * b[0];
     }
     const double len = std::sqrt(sum[0] * sum[0] + sum[1] * sum[1] + sum[2] * sum[2]);
+    // Guard (behaviour note "Maya layer: ring normal of a degenerate ring").
     if (!(len > 0.0)) return KDouble3();
     for (int j = 0; j < 3; ++j) sum[j] /= len;
     return sum;

@@ -21,6 +21,7 @@ inline int ResolveThreads(int threads) {
 // The team size for a loop over `items` independent items: the requested count, but no more
 // threads than give each at least minPerThread items (starting and meeting threads costs more
 // than small loops save). At least 1.
+// Decision (behaviour note "Threads: minimum work per thread").
 inline int TeamFor(int threads, int items, int minPerThread = 2048) {
     const int byWork = items / (minPerThread > 0 ? minPerThread : 1);
     const int team = ResolveThreads(threads);

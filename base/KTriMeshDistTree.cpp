@@ -220,6 +220,7 @@ void KTriMeshDistTree::set(const KTriMesh& mesh) {
     for (int i = 0; i < nt; ++i) {
         const KInt3& t = mesh.triangles[i];
         bool ok = true;
+        // Guard (behaviour note "KTriMeshDistTree: bad triangles").
         for (int k = 0; k < 3 && ok; ++k) ok = t[k] >= 0 && t[k] < nv && Finite(mesh.points[t[k]]);
         if (!ok) continue;
         Prim prim;
@@ -344,6 +345,7 @@ bool KTriMeshDistTree::empty() const { return _nodes.empty(); }
 bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int& triangle, float& u, float& v,
                                KVector& closest) const {
     triangle = -1;
+    // Guard (behaviour note "KTriMeshDistTree: nothing found").
     if (_nodes.empty() || !Finite(p) || !(maxDistance >= 0.0f)) return false;
 
     const double q[3] = {p.x, p.y, p.z};

@@ -19,6 +19,7 @@ KVector Normal(const KVector& p0, const KVector& p1, const KVector& p2, bool nor
     const KVector b = p2 - p0;
     KVector n(a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x);
     if (!normalize) return n;
+    // Kept on purpose (behaviour note "Base library: fast reciprocal square root").
     const float s = n.x * n.x + n.y * n.y + n.z * n.z + 1e-30f;
     return n * FastInvSqrt(s);
 }

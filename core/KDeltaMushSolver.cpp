@@ -44,8 +44,9 @@ bool KDeltaMushSolver::restMeshNeeded(const KDeltaMushInput& in) const {
 }
 
 KOutcome KDeltaMushSolver::_bind(const KPolyMesh& rest, const KDeltaMushInput& in) {
-    // Guard: the bind reads a rest point and a frame at every geometry index.
+    // Guard (behaviour note "Delta mush: faces naming missing vertices").
     if (!_restTopology.update(rest)) return KOutcome::Failed(kDeltaMushBadFaces);
+    // Guard (behaviour note "Delta mush: rest mesh too small or missing").
     if (rest.numVertices() < in.pointCount) return KOutcome::Failed(kDeltaMushRestTooSmall);
     _numIter = in.numIter;
 
@@ -70,17 +71,15 @@ KOutcome KDeltaMushSolver::_bind(const KPolyMesh& rest, const KDeltaMushInput& i
 
 KDeltaMushResult KDeltaMushSolver::evaluate(const KDeltaMushInput& in) {
     KDeltaMushResult result;
-    // The envelope only switches the deformer on or off: any value from 1e-30 up gives the full
-    // result (behaviour note "Delta mush: envelope is an on/off switch").
+    // Kept on purpose (behaviour note "Delta mush: envelope is an on/off switch").
     if (!Active(in.envelope) || !in.mesh) return result;
 
-    // "onlyOnce" makes the input mesh the rest shape; it is bound only if a bind is due anyway
-    // (behaviour note "Delta mush: onlyOnce does not rebind").
+    // Kept on purpose (behaviour note "Delta mush: onlyOnce does not rebind").
     result.captureRestMesh = in.onlyOnce;
     const KPolyMesh* rest = in.onlyOnce ? in.mesh : in.restMesh;
     const bool bound = _bindDue(in);
     if (bound) {
-        // Guard: a failed bind writes nothing and is retried at the next evaluation.
+        // Guard (behaviour note "Delta mush: rest mesh too small or missing").
         if (!rest) return KDeltaMushResult{KOutcome::Failed(kDeltaMushNoRestMesh), false, false, false};
         const KOutcome bind = _bind(*rest, in);
         if (bind.failed()) return KDeltaMushResult{bind, false, false, false};
@@ -90,7 +89,8 @@ KDeltaMushResult KDeltaMushSolver::evaluate(const KDeltaMushInput& in) {
     _numIter = in.numIter;
 
     const KPolyMesh& mesh = *in.mesh;
-    // Guard: the smoothing reads every neighbour a face names.
+    // Decision (behaviour note "Delta mush: neighbours from the faces"); guard (behaviour note
+    // "Delta mush: faces naming missing vertices").
     if (!_topology.update(mesh)) return KDeltaMushResult{KOutcome::Failed(kDeltaMushBadFaces), false, false, false};
     const int nv = mesh.numVertices();
     LoadPoints(mesh.points, _work);
@@ -109,7 +109,7 @@ KDeltaMushResult KDeltaMushSolver::evaluate(const KDeltaMushInput& in) {
         result.outcome = KOutcome::Failed(kDeltaMushWrongDeltaSize);
         return result;
     }
-    // Guard: the reconstruction reads a frame at every geometry index.
+    // Guard (behaviour note "Delta mush: input mesh too small").
     if (count > nv) return KDeltaMushResult{KOutcome::Failed(kDeltaMushMeshTooSmall), false, false, false};
 
     _deltas.setLength(count, false);

@@ -40,6 +40,7 @@ inline void Average(const double* p, const int* nb, int count, double scale, dou
         q[1] = sy * scale;
         q[2] = sz * scale;
     } else {
+        // Kept on purpose (behaviour note "Delta mush: vertex without neighbours becomes NaN").
         const double c = static_cast<double>(count);
         q[0] = sx / c;
         q[1] = sy / c;
@@ -56,10 +57,12 @@ bool SameInts(const KIntArray& a, const KIntArray& b) {
 void KJacobiSmoother::smooth(std::vector<double>& points, const KVertexNeighbours& neighbours, int k,
                              int threads) {
     if (k < 1) {
+        // Kept on purpose (behaviour note "Delta mush: numIter 0 collapses to the origin").
         std::fill(points.begin(), points.end(), 0.0);
         return;
     }
     const int team = TeamFor(threads, static_cast<int>(points.size() / 3));
+    // Decision (behaviour note "Threads: smoothing sweeps meet once").
     if (team > 1) {
         if (k != _keyK || team != _keyTeam || !SameInts(neighbours.offsets, _keyOffsets) ||
             !SameInts(neighbours.indices, _keyIndices))

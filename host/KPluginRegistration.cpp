@@ -56,6 +56,7 @@ KPluginSteps UnloadSteps() { return Steps(kUnloadSteps); }
 bool LoadPlugin(KPluginHost& host, KPluginSteps steps) {
     for (int i = 0; i < steps.count; ++i) {
         const KPluginStep& step = steps.steps[i];
+        // Decision (behaviour note "Maya layer: registration step without a class").
         if (!host.hasClass(step)) continue;
         if (step.node) {
             if (!host.registerNode(*step.node)) {

@@ -11,6 +11,7 @@ namespace Kavrin {
 template <typename DoubleArray>
 bool ResolveWeightMap(bool readOk, DoubleArray& values, int numVertices) {
     if (readOk && values.length() > 0) return false;
+    // Guard (behaviour note "Maya layer: GetMapValuesOrFull with a negative vertex count").
     const unsigned int n = numVertices > 0 ? static_cast<unsigned int>(numVertices) : 0u;
     values.setLength(n);
     for (unsigned int i = 0; i < n; ++i) values[i] = 1.0;

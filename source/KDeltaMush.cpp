@@ -129,7 +129,7 @@ MStatus KDeltaMush::deform(MDataBlock& block, MItGeometry& iter, const MMatrix& 
     MArrayDataHandle inputs = block.outputArrayValue(input);
     inputs.jumpToElement(multiIndex);
     const MObject inputMesh = inputs.outputValue().child(inputGeom).asMesh();
-    // Guard: only a polygon mesh has the faces the smoothing walks.
+    // Guard (behaviour note "Delta mush: input not a polygon mesh").
     if (inputMesh.isNull() || !Kavrin::Convert(_curMesh, inputMesh)) {
         MGlobal::displayError(kNotAMesh);
         return MS::kSuccess;
@@ -153,8 +153,7 @@ MStatus KDeltaMush::deform(MDataBlock& block, MItGeometry& iter, const MMatrix& 
     if (result.writeDelta) WriteDelta(block, _solver.boundDelta());
     if (result.writeGotDelta) {
         block.outputValue(gotDeltaObj).set(true);
-        // Kept on purpose (behaviour note "Delta mush: gotDelta is read back"): the flag just
-        // written is read again, and a false reading ends the evaluation silently.
+        // Kept on purpose (behaviour note "Delta mush: gotDelta is read back").
         if (!block.inputValue(gotDeltaObj).asBool()) return MS::kSuccess;
     }
     if (result.outcome.failed()) {
@@ -162,14 +161,13 @@ MStatus KDeltaMush::deform(MDataBlock& block, MItGeometry& iter, const MMatrix& 
         return MS::kSuccess;
     }
     if (!result.outcome.deformed()) return MS::kSuccess;
-    // Guard: the write-back never reads past the engine's result.
+    // Guard (behaviour note "Delta mush: iterator index beyond the result").
     if (!IndicesFit(iter, _solver.points().length())) {
         MGlobal::displayError(kGeometryMismatch);
         return MS::kSuccess;
     }
 
-    // Kept on purpose (behaviour note "Delta mush: inverse local-to-world matrix"): object-space
-    // results are multiplied by the inverse of the local-to-world matrix.
+    // Kept on purpose (behaviour note "Delta mush: inverse local-to-world matrix").
     const MMatrix inverse = localToWorld.inverse();
     double out[4];
     for (iter.reset(); !iter.isDone(); iter.next()) {

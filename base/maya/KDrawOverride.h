@@ -45,6 +45,7 @@ public:
     }
     bool hasUIDrawables() const override { return true; }
     MBoundingBox boundingBox(const MDagPath& /*objPath*/, const MDagPath& /*cameraPath*/) const override {
+        // Guard (behaviour note "Maya layer: KDrawOverride without a locator").
         return node ? node->boundingBox() : MBoundingBox();
     }
     bool isBounded(const MDagPath& /*objPath*/, const MDagPath& /*cameraPath*/) const override { return true; }

@@ -104,6 +104,7 @@ MStatus Convert(KTriMesh& mesh, const MObject& meshObject, bool hostTriangulatio
     mesh.uvs.clear();
     KPolyMesh faces;
     MStatus status = Convert(faces, meshObject);
+    // Guard (behaviour note "Maya layer: Convert, inconsistent host arrays").
     if (!status || !faces.valid()) {
         mesh.points = faces.points;
         return status ? MStatus(MS::kFailure) : status;
@@ -191,6 +192,7 @@ MVector CurrentNormal(const MPointArray& points, const MIntArray& vertexIds) {
         const MPoint& p = points[static_cast<unsigned int>(i)];
         return KDouble3{p.x, p.y, p.z};
     };
+    // Guard (behaviour note "Maya layer: CurrentNormal, id outside the point list").
     if (!RingNormal(static_cast<int>(points.length()), ids.data(), n, point, normal))
         MGlobal::displayError("CurrentNormal: a vertex id lies outside the point list.");
     return MVector(normal[0], normal[1], normal[2]);
