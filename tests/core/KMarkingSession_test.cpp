@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -355,4 +357,26 @@ TEST(MarkingSession, StepsThatDoNothingAndMarkersThatWereNotMade) {
     EXPECT_EQ(tool.scene.take(), Lines{kCreate});
     EXPECT_EQ(tool.session.sourceIds(), KIntArray({3, 7}));
     EXPECT_EQ(tool.session.sourceLocators().back(), "");
+}
+
+TEST(MarkingSession, TheInterfaceScriptsHoldWhatTheToolRuns) {
+    const auto read = [](const char* file) {
+        std::ifstream in(std::string(KAVRIN_SOURCE_DIR) + "/scripts/" + file);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    };
+    const std::string script = read("KDTMarkCtx.mel"), menu = read("KavrinMenu.mel");
+    for (const std::string& needed :
+         {"global proc " + std::string(kMarkingSetAttrProc) + "()", "global proc " + std::string(kMarkingWinPickProc) + "()",
+          std::string("textScrollList -allowMultiSelection false -selectCommand \"KDTWinPick\""),
+          std::string("createNode transform -name VertexPicked"),
+          std::string("global proc KDTMarkCtxStart()"), std::string("KDTMarkCtx KDTMarkCtx1")})
+        EXPECT_NE(script.find(needed), std::string::npos) << needed;
+    // The window's list is the one the tool's commands name.
+    const size_t list = script.find("textScrollList -allowMultiSelection");
+    ASSERT_NE(list, std::string::npos);
+    const size_t end = script.find(';', list);
+    EXPECT_EQ(script.substr(end - 9, 9), "tslKDTWin");
+    EXPECT_NE(menu.find("-command \"KDTMarkCtxStart\""), std::string::npos);
 }
