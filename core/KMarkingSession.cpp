@@ -174,6 +174,7 @@ KOutcome KMarkingSession::setUp(int selectedMeshes, const KVectorArray* sourcePo
 
 KOutcome KMarkingSession::press(bool positionRead) {
     _pressValid = false;
+    // Kept on purpose (behaviour note "Marking: clicks after a set-up that stopped")
     if (!_meshesSet) return KOutcome::Failed(kMarkingInvalidMeshCount);
     _pressValid = positionRead;
     return KOutcome::Deformed();
@@ -242,6 +243,7 @@ KMarkingResult KMarkingSession::release(const KMarkingHit& hit, KMarkingCommands
     return result;
 }
 
+// Kept on purpose (behaviour note "Marking: undo does not reach the tool's own lists")
 KMarkingStep KMarkingSession::step() const {
     KMarkingStep s;
     s.recorded = true;

@@ -76,6 +76,7 @@ struct KMarkingStep {
     bool flag = false;      // the tool was waiting for a source click again: undo applies
     int closestSourceId = -1;
     int closestTargetId = -1;
+    // Decision (behaviour note "Marking: tool commands share the mesh points")
     std::shared_ptr<const KVectorArray> sourcePoints, targetPoints;
     KIntArray sourceIds, targetIds;
     std::vector<std::string> sourceLocators, targetLocators;
@@ -144,8 +145,10 @@ private:
     KMarkingHit _hit;
     bool _meshesSet = false;
     bool _ready = false;
+    // Decision (behaviour note "Marking: a new tool waits for a source click")
     bool _waitingForSource = true;
     bool _pressValid = false;
+    // Decision (behaviour note "Marking: no vertex snapped yet")
     int _sourceVertex = -1;
     int _targetVertex = -1;
 };

@@ -93,6 +93,7 @@ void KDTMarkCtx::toolOnSetup(MEvent& event) {
         _targetPath = meshes[1];
         _sourceGrid = MFnMesh::autoUniformGridParams();
         _targetGrid = MFnMesh::autoUniformGridParams();
+        // Kept on purpose (behaviour note "Marking: object-space vertices, world-space clicks")
         Kavrin::Convert(source, Kavrin::DagPathToMObject(_sourcePath), false, nullptr);
         Kavrin::Convert(target, Kavrin::DagPathToMObject(_targetPath), false, nullptr);
     } else {

@@ -47,6 +47,7 @@ public:
     static MObject colorObj;
 
 private:
+    // Decision (behaviour note "KDTPoint: members kept")
     MObject _thisObj;
     MFnDependencyNode _dependFn;
     MFnDagNode _dagFn;
