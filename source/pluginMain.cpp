@@ -10,6 +10,8 @@
 #include <maya/MString.h>
 #include <maya/MTypeId.h>
 
+#include "KDTMarkCtx.h"
+#include "KDTPointClass.h"
 #include "KDeformationTransfer.h"
 #include "KDeltaMush.h"
 #include "KPluginRegistration.h"
@@ -27,6 +29,7 @@ struct NodeClass {
 const NodeClass kNodeClasses[] = {
     {&Kavrin::kDeformationTransferNode, KDeformationTransfer::creator, KDeformationTransfer::initialize},
     {&Kavrin::kDeltaMushNode, KDeltaMush::creator, KDeltaMush::initialize},
+    {&Kavrin::kDTPointNode, KDTPointClass::creator, KDTPointClass::initialize},
 };
 
 struct DrawOverrideClass {
@@ -34,7 +37,7 @@ struct DrawOverrideClass {
     MHWRender::MDrawRegistry::DrawOverrideCreator creator;
 };
 const DrawOverrideClass kDrawOverrideClasses[] = {
-    {nullptr, nullptr},  // the marker locator's draw override joins here
+    {&Kavrin::kDTPointDrawOverride, KDTPointClass::drawOverrideCreator},
 };
 
 struct ContextClass {
@@ -44,7 +47,7 @@ struct ContextClass {
     MCreateSyntaxFunction toolCommandSyntax;
 };
 const ContextClass kContextClasses[] = {
-    {nullptr, nullptr, nullptr, nullptr},  // the marking tool's context joins here
+    {&Kavrin::kDTMarkContext, KDTMarkCtxCmd::creator, KDTMarkCtxToolCmd::creator, KDTMarkCtxToolCmd::newSyntax},
 };
 
 template <typename Class, typename Type, size_t N>

@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -147,4 +149,37 @@ TEST(PluginRegistration, StepsWithoutAClassAreSkippedBothWays) {
                   "menu CreateKavrinMenu DeleteKavrinMenu", "deregister KDeltaMush", "deregister KOffsetMeshDeformer",
                   "deregister KJiggleMeshDeformer", "deregister KDeformationTransfer",
                   "deregister KRelaxationMeshDeformer"}));
+}
+
+TEST(PluginRegistration, EveryStepOnceEachWayAndEveryPresentScriptInstalled) {
+    const auto types = [](KPluginSteps steps) {
+        std::multiset<const void*> out;
+        for (int i = 0; i < steps.count; ++i) {
+            const KPluginStep& s = steps.steps[i];
+            EXPECT_EQ((s.node ? 1 : 0) + (s.drawOverride ? 1 : 0) + (s.context ? 1 : 0), 1);
+            out.insert(s.node ? static_cast<const void*>(s.node)
+                       : s.drawOverride ? static_cast<const void*>(s.drawOverride)
+                                        : static_cast<const void*>(s.context));
+        }
+        return out;
+    };
+    const std::multiset<const void*> load = types(LoadSteps()), unload = types(UnloadSteps());
+    EXPECT_EQ(load.size(), 9u);
+    EXPECT_EQ(std::set<const void*>(load.begin(), load.end()).size(), 9u);
+    EXPECT_EQ(load, unload);
+
+    // A script of the checkout that the load sources but the build does not install would make
+    // Maya report a missing file.
+    std::ifstream cmake(std::string(KAVRIN_SOURCE_DIR) + "/source/CMakeLists.txt");
+    std::stringstream listed;
+    listed << cmake.rdbuf();
+    ASSERT_FALSE(listed.str().empty());
+    int present = 0;
+    for (const char* script : kPluginScripts) {
+        if (!std::ifstream(std::string(KAVRIN_SOURCE_DIR) + "/scripts/" + script)) continue;
+        ++present;
+        EXPECT_NE(listed.str().find("/scripts/" + std::string(script)), std::string::npos)
+            << script << " is not in KAVRIN_MAYA_SCRIPTS";
+    }
+    EXPECT_GE(present, 5);  // the utilities, the menu, the marking tool, deformation transfer, delta mush
 }

@@ -1,0 +1,56 @@
+#pragma once
+// The marker locator: one picked vertex of the correspondence list, drawn as a 5-pixel point of
+// its colour at its position, in the legacy viewport and through KDrawOverride<KDTPoint> in
+// Viewport 2.0. The marking tool creates it under the transform "VertexPicked".
+
+#include <GL/glu.h>
+
+#include <maya/M3dView.h>
+#include <maya/MBoundingBox.h>
+#include <maya/MDagPath.h>
+#include <maya/MDataBlock.h>
+#include <maya/MFnDagNode.h>
+#include <maya/MFnDependencyNode.h>
+#include <maya/MObject.h>
+#include <maya/MPlug.h>
+#include <maya/MPxLocatorNode.h>
+#include <maya/MString.h>
+#include <maya/MTypeId.h>
+
+class KDTPoint : public MPxLocatorNode {
+public:
+    KDTPoint();
+    ~KDTPoint() override;
+    KDTPoint(const KDTPoint&) = delete;
+    KDTPoint& operator=(const KDTPoint&) = delete;
+
+    static void* creator();
+    static MStatus initialize();
+
+    void postConstructor() override;
+    MStatus compute(const MPlug& plug, MDataBlock& block) override;
+    using MPxLocatorNode::draw;
+    void draw(M3dView& view, const MDagPath& path, M3dView::DisplayStyle style,
+              M3dView::DisplayStatus status) override;
+    bool isBounded() const override;
+    MBoundingBox boundingBox() const override;
+
+    // The drawing shared by both viewports; the style code is accepted and not used.
+    void draw(int style);
+
+    static const MString name;
+    static const MTypeId id;
+    static const MString drawDbClassification;
+    static const MString drawRegistrantId;
+
+    static MObject positionObj;
+    static MObject colorObj;
+
+private:
+    // Decision (behaviour note "KDTPoint: members kept")
+    MObject _thisObj;
+    MFnDependencyNode _dependFn;
+    MFnDagNode _dagFn;
+    // Kept ready for solid marker shapes; the point does not use it.
+    GLUquadricObj* _quadric;
+};
