@@ -1,6 +1,9 @@
 // kavrin offset: pushes every vertex along its averaged normal by the red channel of an image at
 // the vertex's UV (or by a constant red), times the scale, the envelope and the weight.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -16,6 +19,37 @@ namespace {
 
 // The name Maya gives the one UV set an OBJ file holds.
 const char* const kObjUVSet = "map1";
+
+// Silences standard error while it lives. Image libraries print their own complaints about a
+// broken file (libpng's "libpng error: ..."), which the tool reports itself in one line.
+class QuietStderr {
+public:
+    QuietStderr() {
+        std::fflush(stderr);
+        _saved = dup(STDERR_FILENO);
+        const int null = open("/dev/null", O_WRONLY);
+        if (_saved >= 0 && null >= 0) dup2(null, STDERR_FILENO);
+        if (null >= 0) close(null);
+    }
+    ~QuietStderr() {
+        std::fflush(stderr);
+        if (_saved < 0) return;
+        dup2(_saved, STDERR_FILENO);
+        close(_saved);
+    }
+    QuietStderr(const QuietStderr&) = delete;
+    QuietStderr& operator=(const QuietStderr&) = delete;
+
+private:
+    int _saved = -1;
+};
+
+KTextureImage ReadTexture(const std::string& path) {
+    // Decision (behaviour note "Offset command: one line per bad image"): the reader's own
+    // messages are silenced; the error names the file and carries the reader's reason.
+    QuietStderr quiet;
+    return ReadTextureRed(path);
+}
 
 void RequireFinite(double value, const char* option) {
     if (!std::isfinite(value)) throw UsageError(std::string(option) + " must be a finite number");
@@ -84,7 +118,7 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
         }
         const std::vector<std::string> outputs = OutputPaths(options->out, options->meshes);
         KTextureImage image;
-        if (useTexture) image = ReadTextureRed(options->texture);
+        if (useTexture) image = ReadTexture(options->texture);
 
         ConsoleSink console("kavrin offset");
         for (size_t i = 0; useTexture && i < meshes.size(); ++i) {
