@@ -3,8 +3,7 @@
 namespace Kavrin {
 
 const char* const kOffsetNotPolyMesh = "KOffsetMeshDeformer works only for poly meshes.";
-// Kept on purpose (behaviour note "Offset: the shading-engine warning is cut short"): the text
-// ends at "shadingEng".
+// Kept on purpose (behaviour note "Offset: the shading-engine warning is cut short")
 const char* const kOffsetNoShadingEngine = "KOffsetMeshDeformer cannot find connected shading shadingEng";
 const char* const kOffsetSamplingFailed =
     "KOffsetMeshDeformer: the shading network could not be sampled; the points were left as they came in.";
@@ -54,13 +53,11 @@ KOutcome KOffsetSolver::evaluate(const KOffsetInput& in, KShadingSampler& sample
     _buildSamples(in.vertices ? *in.vertices : kNone);
     const int n = _samples.count();
     _displacements.setLength(n, false);
-    // Guard (behaviour note "Offset: nothing to sample"): geometry without iterated points
-    // is not handed to the sampler.
+    // Guard (behaviour note "Offset: nothing to sample")
     if (n == 0) return KOutcome::Deformed();
 
     _colours.clear();
-    // Guard (behaviour note "Offset: failed sampling"): a sampler that fails or answers short
-    // leaves the points as they came in instead of reading colours that are not there.
+    // Guard (behaviour note "Offset: failed sampling")
     if (!sampler.sample(in.shadingEngine, _samples, _colours)) return KOutcome::Failed(kOffsetSamplingFailed);
     if (_colours.length() < n) return KOutcome::Failed(kOffsetTooFewColours);
 

@@ -100,8 +100,7 @@ MString KOffsetMeshDeformer::_findShadingEngine() const {
 
 MStatus KOffsetMeshDeformer::compute(const MPlug& plug, MDataBlock& block) {
     if (plug.attribute() != outputGeom) return MS::kUnknownParameter;
-    // Decision (behaviour note "Offset: one thread"): nothing runs in parallel, so no OpenMP
-    // team size is set.
+    // Decision (behaviour note "Offset: one thread")
     const unsigned int multiIndex = plug.logicalIndex();
 
     Kavrin::KOffsetInput in;
@@ -135,13 +134,13 @@ MStatus KOffsetMeshDeformer::compute(const MPlug& plug, MDataBlock& block) {
         for (iter.reset(); !iter.isDone(); iter.next()) {
             const int index = iter.index();
             int previous = 0;
-            // Guard (behaviour note "Offset: iterated index outside the mesh"): the vertex
-            // iterator is never pointed past the mesh.
+            // Guard (behaviour note "Offset: iterated index outside the mesh")
             if (index < 0 || index >= meshVertices || !vertexIter.setIndex(index, previous)) {
                 Kavrin::ReportOutcome(Kavrin::KOutcome::Failed(Kavrin::kOffsetNoMeshVertex));
                 return MS::kFailure;
             }
             Kavrin::KOffsetVertex vertex;
+            // Decision (behaviour note "Offset: Cartesian positions")
             MPoint p = iter.position(MSpace::kObject);
             p.cartesianize();
             vertex.position = Kavrin::KDouble3{p.x, p.y, p.z};
@@ -149,8 +148,7 @@ MStatus KOffsetMeshDeformer::compute(const MPlug& plug, MDataBlock& block) {
             vertexIter.getNormal(normal, MSpace::kObject);
             vertex.normal = Kavrin::KDouble3{normal.x, normal.y, normal.z};
             float2 uv = {0.0f, 0.0f};
-            // Guard (behaviour note "Offset: vertex without a UV"): a vertex whose UV cannot be
-            // read is sampled at (0, 0).
+            // Guard (behaviour note "Offset: vertex without a UV")
             if (!vertexIter.getUV(uv)) uv[0] = uv[1] = 0.0f;
             vertex.u = uv[0];
             vertex.v = uv[1];
@@ -166,7 +164,7 @@ MStatus KOffsetMeshDeformer::compute(const MPlug& plug, MDataBlock& block) {
     }
     const int count = _solver.displacements().length();
     int i = 0;
-    // Guard (behaviour note "Offset: second walk"): never more points than displacements.
+    // Guard (behaviour note "Offset: second walk")
     for (iter.reset(); !iter.isDone() && i < count; iter.next(), ++i) {
         MPoint p = iter.position(MSpace::kObject);
         p.cartesianize();
@@ -175,13 +173,13 @@ MStatus KOffsetMeshDeformer::compute(const MPlug& plug, MDataBlock& block) {
         _solver.displacedPoint(i, from, to);
         iter.setPosition(MPoint(to[0], to[1], to[2]), MSpace::kObject);
     }
+    // Decision (behaviour note "Offset: output marked clean")
     output.setClean();
     return MS::kSuccess;
 }
 
 MStatus KOffsetMeshDeformer::accessoryNodeSetup(MDagModifier&) {
-    // Kept on purpose (behaviour note "Offset: the shader outlives an undo"): a modifier of the
-    // node's own, not the host's, so undoing the creation keeps the shader and the engine.
+    // Kept on purpose (behaviour note "Offset: the shader outlives an undo")
     MDGModifier modifier;
     MObject shader = modifier.createNode("surfaceShader");
     modifier.renameNode(shader, "offsetShader1");

@@ -1,6 +1,7 @@
 #include "TextureImage.h"
 
 #include <cmath>
+#include <cstring>
 #include <fstream>
 #include <new>
 
@@ -34,11 +35,33 @@ inline double Floor(double d) {
 
 // The fractional part of a texture coordinate, in [0, 1]; a NaN or infinite one counts as 0.
 inline double Wrapped(float t) {
-    // Guard (behaviour note "Texture: coordinates that are not numbers"): no NaN reaches the
-    // texel index.
+    // Guard (behaviour note "Texture: coordinates that are not numbers")
     if (!std::isfinite(t)) return 0.0;
     const double d = t;
     return d - Floor(d);
+}
+
+// True when path is a PNG file whose chunks run past the end of the file before the closing
+// IEND chunk. Only the chunk lengths are followed; the contents are the reader's business.
+bool PngEndsEarly(const std::string& path) {
+    static const unsigned char kSignature[8] = {137, 80, 78, 71, 13, 10, 26, 10};
+    std::ifstream in(path, std::ios::binary);
+    unsigned char head[8];
+    if (!in.read(reinterpret_cast<char*>(head), 8) || std::memcmp(head, kSignature, 8) != 0) return false;
+    in.seekg(0, std::ios::end);
+    const std::streamoff size = in.tellg();
+    std::streamoff at = 8;
+    for (;;) {
+        // A chunk: 4-byte big-endian data length, 4-byte type, the data, 4-byte CRC.
+        if (at + 8 > size) return true;
+        in.seekg(at);
+        if (!in.read(reinterpret_cast<char*>(head), 8)) return true;
+        const std::streamoff length = (std::streamoff(head[0]) << 24) | (std::streamoff(head[1]) << 16) |
+                                      (std::streamoff(head[2]) << 8) | std::streamoff(head[3]);
+        at += 12 + length;
+        if (at > size) return true;
+        if (std::memcmp(head + 4, "IEND", 4) == 0) return false;
+    }
 }
 
 }  // namespace
@@ -53,6 +76,7 @@ KTextureImage::KTextureImage(int width, int height, std::vector<float> texels) {
 float KTextureImage::sample(float u, float v) const {
     if (_texels.empty()) return 0.0f;
     // Texel centres sit at whole numbers of x and y; v runs up, rows run down.
+    // Decision (behaviour note "Texture: orientation and filtering")
     const double x = Wrapped(u) * _width - 0.5;
     const double y = (1.0 - Wrapped(v)) * _height - 0.5;
     const double xFloor = Floor(x), yFloor = Floor(y);
@@ -80,6 +104,8 @@ KTextureImage ReadTextureRed(const std::string& path) {
         std::ifstream probe(path);
         if (!probe) throw KFileError(path + ": cannot open the file");
     }
+    // Guard (behaviour note "Texture: PNG files that end early")
+    if (PngEndsEarly(path)) throw KFileError(path + ": the image could not be read completely (the PNG file ends early)");
     auto in = OIIO::ImageInput::open(path);
     if (!in) throw KFileError(path + ": not an image file that can be read" + Why(OIIO::geterror()));
     const OIIO::ImageSpec spec = in->spec();
@@ -95,6 +121,7 @@ KTextureImage ReadTextureRed(const std::string& path) {
                          ") is too large to hold in memory");
     }
     // Channel 0 only, converted to float by the reader.
+    // Decision (behaviour note "Texture: raw values of channel 0")
     if (!in->read_image(0, 0, 0, 1, OIIO::TypeDesc::FLOAT, texels.data()))
         throw KFileError(path + ": the image could not be read completely" + Why(in->geterror()));
     in->close();

@@ -16,6 +16,7 @@ void Normalise(KDouble3& n) {
 
 }  // namespace
 
+// Decision (behaviour note "Offset command: averaged normals")
 void AveragedVertexNormals(const KPolyMesh& mesh, KArray<KDouble3>& normals) {
     const int nv = mesh.numVertices();
     normals.setLength(nv, true);
@@ -39,13 +40,13 @@ void AveragedVertexNormals(const KPolyMesh& mesh, KArray<KDouble3>& normals) {
     for (KDouble3& n : normals) Normalise(n);
 }
 
+// Decision (behaviour note "Offset command: the first corner's UV")
 KVertexUVs VertexUVs(const KPolyMesh& mesh, const KCornerUVs& corners) {
     KVertexUVs result;
     const int nv = mesh.numVertices();
     result.uvs.setLength(nv, true);
     std::vector<bool> found(static_cast<size_t>(nv > 0 ? nv : 0), false);
-    // Guard (behaviour note "Offset command: corner UVs that do not fit"): a corner list of
-    // another length than the faces' is not read.
+    // Guard (behaviour note "Offset command: corner UVs that do not fit")
     const bool cornersFit = corners.corners.length() == mesh.faceVertices.length();
     for (int c = 0; cornersFit && c < mesh.faceVertices.length(); ++c) {
         const int vertex = mesh.faceVertices[c];

@@ -72,6 +72,7 @@ KVectorArray OffsetRun::deform(const KPolyMesh& mesh, const KArray<KFloat2>& uvs
     return points;
 }
 
+// Decision (behaviour note "Offset command: texture coordinates kept")
 void SaveMeshWithUVs(const std::string& path, const KPolyMesh& mesh, const KCornerUVs& uvs) {
     if (uvs.uvs.empty() || uvs.corners.length() != mesh.faceVertices.length()) {
         SaveMesh(path, mesh);

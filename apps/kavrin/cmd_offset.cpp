@@ -45,8 +45,7 @@ private:
 };
 
 KTextureImage ReadTexture(const std::string& path) {
-    // Decision (behaviour note "Offset command: one line per bad image"): the reader's own
-    // messages are silenced; the error names the file and carries the reader's reason.
+    // Decision (behaviour note "Offset command: one line per bad image")
     QuietStderr quiet;
     return ReadTextureRed(path);
 }
@@ -91,6 +90,7 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
         RequireFinite(options->red, "--red");
         RequireFinite(options->scale, "--scale");
         RequireFinite(options->envelope, "--envelope");
+        // Decision (behaviour note "Offset command: one UV set")
         if (options->uvSet != kObjUVSet)
             throw UsageError("--uv-set " + options->uvSet + ": an OBJ file holds one UV set, named " + kObjUVSet);
 
@@ -120,6 +120,7 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
         KTextureImage image;
         if (useTexture) image = ReadTexture(options->texture);
 
+        // Decision (behaviour note "Offset command: vertices without UVs")
         ConsoleSink console("kavrin offset");
         for (size_t i = 0; useTexture && i < meshes.size(); ++i) {
             const KVertexUVs& u = uvs[i];

@@ -140,6 +140,15 @@ TEST(TextureImage, BadFilesAreOneLineErrorsNamingTheFile) {
     const auto size = fs::file_size(dir.file("good.png"));
     fs::copy_file(dir.file("good.png"), dir.file("truncated.png"));
     fs::resize_file(dir.file("truncated.png"), size / 2);
+    {
+        // Damaged compressed data inside a complete file: the reader itself refuses it.
+        std::vector<float> noise;
+        for (int i = 0; i < 3 * 64 * 64; ++i) noise.push_back(float((i * 7919) % 256) / 255.0f);
+        WriteImage(dir.file("noise.png"), 64, 64, 3, noise, 8);
+        std::fstream f(dir.file("noise.png"), std::ios::in | std::ios::out | std::ios::binary);
+        f.seekp(static_cast<std::streamoff>(fs::file_size(dir.file("noise.png")) / 2));
+        f.write("\xff\x00\xff\x00\xff\x00\xff\x00\xff\x00\xff\x00", 12);
+    }
     std::ofstream(dir.file("text.png")) << "not an image\n";
     std::ofstream(dir.file("empty.exr"));
     std::ofstream(dir.file("notes.txt")) << "hello\n";
@@ -149,7 +158,8 @@ TEST(TextureImage, BadFilesAreOneLineErrorsNamingTheFile) {
         {dir.file("text.png"), ": not an image file that can be read"},
         {dir.file("empty.exr"), ": not an image file that can be read"},
         {dir.file("notes.txt"), ": not an image file that can be read"},
-        {dir.file("truncated.png"), ": "},
+        {dir.file("truncated.png"), ": the image could not be read completely (the PNG file ends early)"},
+        {dir.file("noise.png"), ": the image could not be read completely ("},
         {dir.path.string(), ": "},
     };
     for (const auto& c : cases) {
