@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -34,9 +35,9 @@ float Red(int x, int y) { return float(10 * y + x + 1) / 64.0f; }
 
 class KavrinOffset : public ::testing::Test {
 protected:
-    const fs::path dir =
-        fs::temp_directory_path() /
-        (std::string("kavrin-offset-") + ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    // The process id keeps runs from other checkouts on the same machine out of this folder.
+    const fs::path dir = fs::temp_directory_path() / ("kavrin-offset-" + std::to_string(getpid()) + "-" +
+                                                      ::testing::UnitTest::GetInstance()->current_test_info()->name());
     void SetUp() override {
         fs::remove_all(dir);
         fs::create_directories(dir);

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -19,7 +21,7 @@ namespace {
 
 struct TempDir {
     const fs::path path = fs::temp_directory_path() /
-                          ("kavrin-texture-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "-" +
+                          ("kavrin-texture-" + std::to_string(getpid()) + "-" +
                            ::testing::UnitTest::GetInstance()->current_test_info()->name());
     TempDir() { fs::create_directories(path); }
     ~TempDir() { fs::remove_all(path); }
