@@ -14,6 +14,7 @@
 #include "KDTPointClass.h"
 #include "KDeformationTransfer.h"
 #include "KDeltaMush.h"
+#include "KOffsetMeshDeformer.h"
 #include "KPluginRegistration.h"
 
 namespace {
@@ -30,6 +31,7 @@ const NodeClass kNodeClasses[] = {
     {&Kavrin::kDeformationTransferNode, KDeformationTransfer::creator, KDeformationTransfer::initialize},
     {&Kavrin::kDeltaMushNode, KDeltaMush::creator, KDeltaMush::initialize},
     {&Kavrin::kDTPointNode, KDTPointClass::creator, KDTPointClass::initialize},
+    {&Kavrin::kOffsetMeshDeformerNode, KOffsetMeshDeformer::creator, KOffsetMeshDeformer::initialize},
 };
 
 struct DrawOverrideClass {

@@ -6,6 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config
   libsuitesparse-dev libnanoflann-dev libcli11-dev libtinyobjloader-dev
+  libopenimageio-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libgl-dev libglu1-mesa-dev libosmesa6-dev
 )

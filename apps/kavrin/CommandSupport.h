@@ -36,6 +36,7 @@ struct Command {
 void AddDeltaMushCommand(CLI::App& app, std::vector<Command>& commands);
 void AddTransferCommand(CLI::App& app, std::vector<Command>& commands);
 void AddDemoCommand(CLI::App& app, std::vector<Command>& commands);
+void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands);
 
 // Reads an OBJ file; any problem is a KFileError, which the tool reports as bad input.
 KPolyMesh LoadMesh(const std::string& path);
