@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config
-  libsuitesparse-dev libnanoflann-dev libcli11-dev libtinyobjloader-dev
+  libsuitesparse-dev libnanoflann-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 
