@@ -7,6 +7,7 @@ packages=(
   build-essential cmake pkg-config
   libsuitesparse-dev libnanoflann-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  clang libclang-rt-dev
 )
 
 missing=()
