@@ -13,6 +13,7 @@ namespace Kavrin {
 namespace {
 
 // Statements that describe grouping, materials or display and carry nothing the mesh keeps.
+// Decision (behaviour note "What the OBJ reader accepts")
 bool IsIgnoredStatement(std::string_view key) {
     static const char* const kIgnored[] = {"o",   "g",     "s",        "usemtl",   "mtllib",     "usemap",
                                            "maplib", "mg", "lod",      "bevel",    "c_interp",   "d_interp",
@@ -201,6 +202,7 @@ KPolyMesh ParseObj(std::string_view text, const std::string& name, KCornerUVs* u
 KPolyMesh ReadObj(const std::string& path, KCornerUVs* uvs) { return ParseObj(ReadTextFile(path), path, uvs); }
 
 std::string FormatObj(const KPolyMesh& mesh) {
+    // Guard (behaviour note "Results that are not finite")
     std::vector<int> bad;
     for (int i = 0; i < mesh.numVertices(); ++i) {
         const KVector& p = mesh.points[i];

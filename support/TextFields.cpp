@@ -99,6 +99,7 @@ float ToFloat(double value) {
     return static_cast<float>(value);
 }
 
+// Decision (behaviour note "What the OBJ reader accepts")
 bool ParseFloatWord(std::string_view word, double& value, std::string& why) {
     const std::string_view digits = withoutPlus(word);
     const char* begin = digits.data();

@@ -33,6 +33,7 @@ KArray<double> ReadValues(const std::string& path, int expectedCount) {
     return ParseValues(ReadTextFile(path), path, expectedCount);
 }
 
+// Decision (behaviour note "Values in value files")
 std::string FormatValues(const KArray<double>& values) {
     std::string out;
     char buffer[32];

@@ -80,6 +80,7 @@ void RequireSameTopology(const KPolyMesh& rest, const std::string& restPath, con
         throw UsageError(posePath + ": its faces differ from those of " + restPath);
 }
 
+// Decision (behaviour note "Output paths checked before any work")
 std::vector<std::string> OutputPaths(const std::string& out, const std::vector<std::string>& poses,
                                      const std::vector<std::string>& otherInputs) {
     if (out.empty()) throw UsageError("the output path (-o) is empty");
@@ -87,7 +88,9 @@ std::vector<std::string> OutputPaths(const std::string& out, const std::vector<s
     inputs.insert(inputs.end(), otherInputs.begin(), otherInputs.end());
     std::vector<std::string> paths;
     std::error_code ec;
-    if (poses.size() == 1 && !fs::is_directory(out, ec)) {
+    // A path ending in a slash names a folder, also for one pose.
+    const bool folder = out.back() == '/' || fs::is_directory(out, ec);
+    if (poses.size() == 1 && !folder) {
         paths.push_back(out);
     } else {
         std::set<std::string> names;
@@ -142,6 +145,7 @@ void RefuseLooseVertices(const std::string& path, const std::vector<int>& loose,
                      " in no face (" + FirstFew(loose) + ", counting from 0); " + consequence);
 }
 
+// Decision (behaviour note "Thread counts on the command line")
 CLI::Option* AddThreadsOption(CLI::App* sub, int& threads) {
     return AddCountOption(sub, "--threads", threads, 0, kMaxThreads, "worker threads, 0 for all cores");
 }
@@ -192,6 +196,7 @@ void Progress(const char* format, ...) {
     std::fflush(stdout);
 }
 
+// Decision (behaviour note "Engine errors on the command line")
 void ConsoleSink::error(const std::string& message) {
     if (gVerbose) {
         std::printf("%s: error: %s\n", _prefix.c_str(), message.c_str());

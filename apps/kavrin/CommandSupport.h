@@ -56,7 +56,7 @@ void RequireSameTopology(const KPolyMesh& rest, const std::string& restPath, con
                          const std::string& posePath);
 
 // Where each pose's result goes: out itself for one pose (or out/<name> when out is an existing
-// folder), otherwise out/<name> with the folder created. Checked before any work, all as
+// folder or ends in '/'), otherwise out/<name> with the folder created. Checked before any work, all as
 // UsageError: an empty out, two poses with the same file name (one result would overwrite the
 // other), a folder that cannot be created, an output that cannot be written, an output that is
 // one of the poses or of otherInputs.

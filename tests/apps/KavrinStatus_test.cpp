@@ -109,6 +109,7 @@ TEST_F(KavrinStatus, EveryCaseHasItsStatusAndOneExactLine) {
          "kavrin deltamush: h.obj: 4 vertices are not finite (0, 1, 2, 3); nothing was written"},
         // Success: nothing on standard error.
         {dm + "pose.obj -o ok.obj", 0, ""},
+        {dm + "pose.obj -o new/", 0, ""},
         {"transfer --source-rest s-loose.obj --target t.obj --markers m-loose.txt --aim source-to-target "
          "--iterations 1 -o fit.obj",
          0, ""},
@@ -125,5 +126,6 @@ TEST_F(KavrinStatus, EveryCaseHasItsStatusAndOneExactLine) {
     }
     for (const char* never : {"x.obj", "h.obj", "out", "no", "file/sub"}) EXPECT_FALSE(fs::exists(dir / never)) << never;
     EXPECT_TRUE(fs::exists(dir / "ok.obj"));
+    EXPECT_TRUE(fs::exists(dir / "new" / "pose.obj")) << "a path ending in / is a folder, also for one pose";
     EXPECT_TRUE(fs::exists(dir / "fit.obj"));
 }
