@@ -47,9 +47,14 @@ KIntArray ReadMarkers(const std::string& path, int sourceVertices, int targetVer
 std::string FormatMarkers(const KIntArray& pairs) {
     if (pairs.length() % 2 != 0) throw KFileError("an odd number of indices is not a list of pairs; nothing was written");
     std::string out;
+    std::unordered_map<int, int> pairOf;  // source vertex -> first pair that marks it
     for (int i = 0; i < pairs.length(); i += 2) {
         if (pairs[i] < 0 || pairs[i + 1] < 0)
             throw KFileError("pair " + std::to_string(i / 2) + " has a negative index; nothing was written");
+        const auto marked = pairOf.emplace(pairs[i], i / 2);
+        if (!marked.second)
+            throw KFileError("pairs " + std::to_string(marked.first->second) + " and " + std::to_string(i / 2) +
+                             " mark source vertex " + std::to_string(pairs[i]) + "; nothing was written");
         out += std::to_string(pairs[i]) + " " + std::to_string(pairs[i + 1]) + "\n";
     }
     return out;

@@ -21,7 +21,8 @@ KIntArray ReadMarkers(const std::string& path, int sourceVertices, int targetVer
 KIntArray ParseMarkers(std::string_view text, const std::string& name, int sourceVertices, int targetVertices);
 
 // Writes the pairs of a flat list, one "source target" line each. Throws KFileError when the
-// list has an odd length or a negative index (nothing is written) or the file cannot be written.
+// list has an odd length, a negative index or a source vertex twice (nothing is written; the
+// reader would refuse the file), or when the file cannot be written.
 void WriteMarkers(const std::string& path, const KIntArray& pairs);
 
 // The text WriteMarkers writes. Throws KFileError (without a file name) as WriteMarkers does.

@@ -44,4 +44,10 @@ TEST(MarkerFile, RefusesAnythingButTwoIndicesInsideTheMeshes) {
     for (const auto& [text, expected] : cases) EXPECT_EQ(Refusal(text), expected) << text;
     EXPECT_THROW(FormatMarkers(KIntArray{1, 2, 3}), KFileError);
     EXPECT_THROW(FormatMarkers(KIntArray{1, -2}), KFileError);
+    try {
+        FormatMarkers(KIntArray{4, 1, 5, 2, 4, 3});
+        ADD_FAILURE() << "a source vertex marked twice was written";
+    } catch (const KFileError& e) {
+        EXPECT_EQ(std::string(e.what()), "pairs 0 and 2 mark source vertex 4; nothing was written");
+    }
 }
