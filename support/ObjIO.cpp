@@ -1,92 +1,249 @@
 #include "ObjIO.h"
 
-#include <cstdio>
-#include <fstream>
-#include <sstream>
+#include <algorithm>
+#include <charconv>
+#include <climits>
+#include <cmath>
+#include <vector>
 
-#include <tiny_obj_loader.h>
+#include "TextFields.h"
 
 namespace Kavrin {
 
 namespace {
 
-std::string firstLine(const std::string& text) {
-    std::string line = text.substr(0, text.find('\n'));
-    while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
-    return line;
+// Statements that describe grouping, materials or display and carry nothing the mesh keeps.
+// Decision (behaviour note "What the OBJ reader accepts")
+bool IsIgnoredStatement(std::string_view key) {
+    static const char* const kIgnored[] = {"o",   "g",     "s",        "usemtl",   "mtllib",     "usemap",
+                                           "maplib", "mg", "lod",      "bevel",    "c_interp",   "d_interp",
+                                           "shadow_obj", "trace_obj", "ctech", "stech"};
+    for (const char* k : kIgnored)
+        if (key == k) return true;
+    return false;
+}
+
+bool IsFreeFormStatement(std::string_view key) {
+    static const char* const kFreeForm[] = {"vp",   "cstype", "deg",  "bmat", "step", "curv", "curv2", "surf",
+                                            "parm", "trim",   "hole", "scrv", "sp",   "end",  "con"};
+    for (const char* k : kFreeForm)
+        if (key == k) return true;
+    return false;
+}
+
+std::string Plural(size_t n, const char* one, const char* many) {
+    return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+class ObjParser {
+public:
+    ObjParser(std::string_view text, const std::string& name) : _lines(text, name) {}
+
+    KPolyMesh parse(KCornerUVs* uvs) {
+        std::string_view line;
+        while (_lines.next(line)) {
+            SplitWords(line, _words);
+            if (_words.empty()) continue;
+            const std::string_view key = _words[0];
+            if (key == "v")
+                vertex();
+            else if (key == "vt")
+                texcoord();
+            else if (key == "vn")
+                normal();
+            else if (key == "f")
+                face();
+            else if (IsIgnoredStatement(key))
+                continue;
+            else if (key == "p" || key == "l")
+                throw _lines.error(Quoted(key) + " elements (points and lines) are not read: kavrin reads polygon "
+                                                 "meshes only");
+            else if (IsFreeFormStatement(key))
+                throw _lines.error("free-form geometry (" + Quoted(key) + ") is not read: export the mesh as polygons");
+            else
+                throw _lines.error("unknown statement " + Quoted(key));
+        }
+        if (_mesh.points.empty()) throw KFileError(_lines.name() + ": no vertices");
+        if (uvs) {
+            uvs->uvs.swap(_texcoords);
+            uvs->corners.swap(_cornerUVs);
+        }
+        return std::move(_mesh);
+    }
+
+private:
+    // The numbers after the statement word, which must number one of the allowed counts.
+    void numbers(std::initializer_list<size_t> allowed, const char* what) {
+        const size_t n = _words.size() - 1;
+        if (std::find(allowed.begin(), allowed.end(), n) == allowed.end())
+            throw _lines.error(std::string(what) + "; this one has " + Plural(n, "value", "values"));
+        _values.resize(n);
+        for (size_t i = 0; i < n; ++i)
+            if (!ParseFloatWord(_words[i + 1], _values[i], _why)) throw _lines.error(_why);
+    }
+
+    void vertex() {
+        numbers({3, 4, 6}, "a vertex takes x y z (and an optional w, or an r g b colour)");
+        if (_mesh.points.length() == INT_MAX) throw _lines.error("too many vertices");
+        _mesh.points.push_back(KVector(ToFloat(_values[0]), ToFloat(_values[1]), ToFloat(_values[2])));
+    }
+
+    void texcoord() {
+        numbers({2, 3}, "a texture coordinate takes u v (and an optional w)");
+        if (_texcoords.length() == INT_MAX) throw _lines.error("too many texture coordinates");
+        _texcoords.push_back(KFloat2{ToFloat(_values[0]), ToFloat(_values[1])});
+    }
+
+    void normal() {
+        numbers({3}, "a normal takes x y z");
+        if (_normals == INT_MAX) throw _lines.error("too many normals");
+        ++_normals;
+    }
+
+    // A one-based or negative (relative) index into `count` entries read so far, zero-based.
+    int resolve(std::string_view word, int count, const char* what, const char* entry, const char* entries) {
+        long long index = 0;
+        if (!ParseIntegerWord(word, what, index, _why)) throw _lines.error(_why);
+        const std::string named = std::string(what) + " " + std::to_string(index);
+        if (index == 0) throw _lines.error(named + " does not exist (indices count from 1)");
+        if (index > count)
+            throw _lines.error(named + " refers past the " + Plural(count, entry, entries) + " read so far");
+        if (index < 0 && -index > count)
+            throw _lines.error(named + " reaches back before the first of the " + Plural(count, entry, entries) +
+                               " read so far");
+        return static_cast<int>(index > 0 ? index - 1 : count + index);
+    }
+
+    void face() {
+        const size_t n = _words.size() - 1;
+        if (n < 3) throw _lines.error("a face needs at least three vertices; this one has " + std::to_string(n));
+        if (static_cast<long long>(_mesh.faceVertices.size()) + static_cast<long long>(n) > INT_MAX)
+            throw _lines.error("too many face corners");
+        _face.clear();
+        int form = -1;
+        for (size_t k = 1; k <= n; ++k) {
+            const std::string_view corner = _words[k];
+            std::string_view v = corner, vt, vn;
+            int cornerForm = 0;  // 0: v, 1: v/vt, 2: v/vt/vn, 3: v//vn
+            const size_t slash = corner.find('/');
+            if (slash != std::string_view::npos) {
+                v = corner.substr(0, slash);
+                const std::string_view rest = corner.substr(slash + 1);
+                const size_t second = rest.find('/');
+                if (second == std::string_view::npos) {
+                    vt = rest;
+                    cornerForm = 1;
+                } else {
+                    vt = rest.substr(0, second);
+                    vn = rest.substr(second + 1);
+                    cornerForm = vt.empty() ? 3 : 2;
+                }
+                if ((cornerForm != 3 && vt.empty()) || (cornerForm >= 2 && vn.empty()) || v.empty() ||
+                    vn.find('/') != std::string_view::npos)
+                    throw _lines.error(Quoted(corner) + " is not a face corner (v, v/vt, v/vt/vn or v//vn)");
+            }
+            if (form < 0) form = cornerForm;
+            if (cornerForm != form)
+                throw _lines.error("the corners " + Quoted(_words[1]) + " and " + Quoted(corner) +
+                                   " of this face are written in different forms");
+            _face.push_back(resolve(v, _mesh.points.length(), "vertex index", "vertex", "vertices"));
+            if (!vt.empty()) _faceUVs.push_back(resolve(vt, _texcoords.length(), "texture coordinate index",
+                                                        "texture coordinate", "texture coordinates"));
+            if (!vn.empty()) resolve(vn, _normals, "normal index", "normal", "normals");
+        }
+        refuseRepeats();
+        _mesh.faceCounts.push_back(static_cast<int>(n));
+        _mesh.faceVertices.insert(_mesh.faceVertices.end(), _face.begin(), _face.end());
+        if (_faceUVs.empty())
+            _cornerUVs.insert(_cornerUVs.end(), n, -1);
+        else
+            _cornerUVs.insert(_cornerUVs.end(), _faceUVs.begin(), _faceUVs.end());
+        _faceUVs.clear();
+    }
+
+    // Decision (behaviour note "Faces that visit a vertex twice")
+    void refuseRepeats() {
+        _sorted.assign(_face.begin(), _face.end());
+        std::sort(_sorted.begin(), _sorted.end());
+        const auto twice = std::adjacent_find(_sorted.begin(), _sorted.end());
+        if (twice != _sorted.end())
+            throw _lines.error("the face uses vertex " + std::to_string(*twice + 1) + " twice");
+    }
+
+    KTextLines _lines;
+    KPolyMesh _mesh;
+    KArray<KFloat2> _texcoords;
+    KIntArray _cornerUVs;
+    int _normals = 0;
+    std::vector<std::string_view> _words;
+    std::vector<double> _values;
+    std::vector<int> _face, _faceUVs, _sorted;
+    std::string _why;
+};
+
+void AppendNumber(std::string& out, float value) {
+    char buffer[32];
+    const std::to_chars_result r = std::to_chars(buffer, buffer + sizeof(buffer), value);
+    out.append(buffer, r.ptr);
+}
+
+void AppendNumber(std::string& out, int value) {
+    char buffer[16];
+    const std::to_chars_result r = std::to_chars(buffer, buffer + sizeof(buffer), value);
+    out.append(buffer, r.ptr);
 }
 
 }  // namespace
 
-KPolyMesh ReadObj(const std::string& path, KCornerUVs* uvs) {
-    {
-        std::ifstream probe(path);
-        if (!probe) throw KFileError(path + ": cannot open the file");
-    }
-    tinyobj::ObjReaderConfig config;
-    config.triangulate = false;
-    config.vertex_color = false;
-    tinyobj::ObjReader reader;
-    if (!reader.ParseFromFile(path, config)) {
-        const std::string why = firstLine(reader.Error());
-        throw KFileError(path + ": not a readable OBJ file" + (why.empty() ? "" : " (" + why + ")"));
-    }
-    if (reader.Warning().find("invalid vertex index") != std::string::npos)
-        throw KFileError(path + ": a face refers to a vertex that does not exist");
+KPolyMesh ParseObj(std::string_view text, const std::string& name, KCornerUVs* uvs) {
+    return ObjParser(text, name).parse(uvs);
+}
 
-    const tinyobj::attrib_t& attrib = reader.GetAttrib();
-    KPolyMesh mesh;
-    const int nv = static_cast<int>(attrib.vertices.size() / 3);
-    if (nv == 0) throw KFileError(path + ": no vertices");
-    mesh.points.setLength(nv, false);
-    for (int i = 0; i < nv; ++i)
-        mesh.points[i] = KVector(attrib.vertices[3 * i], attrib.vertices[3 * i + 1], attrib.vertices[3 * i + 2]);
+KPolyMesh ReadObj(const std::string& path, KCornerUVs* uvs) { return ParseObj(ReadTextFile(path), path, uvs); }
 
-    const int nt = static_cast<int>(attrib.texcoords.size() / 2);
-    if (uvs) {
-        uvs->uvs.setLength(nt, false);
-        for (int i = 0; i < nt; ++i) uvs->uvs[i] = KFloat2{attrib.texcoords[2 * i], attrib.texcoords[2 * i + 1]};
-        uvs->corners.clear();
+std::string FormatObj(const KPolyMesh& mesh) {
+    // Guard (behaviour note "Results that are not finite")
+    std::vector<int> bad;
+    for (int i = 0; i < mesh.numVertices(); ++i) {
+        const KVector& p = mesh.points[i];
+        if (!std::isfinite(p.x) || !std::isfinite(p.y) || !std::isfinite(p.z)) bad.push_back(i);
     }
-    for (const tinyobj::shape_t& shape : reader.GetShapes()) {
-        size_t at = 0;
-        for (size_t f = 0; f < shape.mesh.num_face_vertices.size(); ++f) {
-            const int count = static_cast<int>(shape.mesh.num_face_vertices[f]);
-            if (count < 3) {
-                std::ostringstream s;
-                s << path << ": face " << mesh.numFaces() + 1 << " has fewer than three vertices";
-                throw KFileError(s.str());
-            }
-            mesh.faceCounts.push_back(count);
-            for (int k = 0; k < count; ++k) {
-                const tinyobj::index_t& index = shape.mesh.indices[at + k];
-                mesh.faceVertices.push_back(index.vertex_index);
-                if (!uvs) continue;
-                if (index.texcoord_index >= nt)
-                    throw KFileError(path + ": a face refers to a texture coordinate that does not exist");
-                uvs->corners.push_back(index.texcoord_index < 0 ? -1 : index.texcoord_index);
-            }
-            at += static_cast<size_t>(count);
+    if (!bad.empty())
+        throw KFileError(Plural(bad.size(), "vertex is", "vertices are") + " not finite (" + FirstFew(bad) +
+                         "); nothing was written");
+    if (!mesh.valid()) throw KFileError("the faces do not fit the vertices; nothing was written");
+    std::string out;
+    out.reserve(static_cast<size_t>(mesh.numVertices()) * 40 + mesh.faceVertices.size() * 8);
+    for (const KVector& p : mesh.points) {
+        out += "v ";
+        AppendNumber(out, p.x);
+        out += ' ';
+        AppendNumber(out, p.y);
+        out += ' ';
+        AppendNumber(out, p.z);
+        out += '\n';
+    }
+    int at = 0;
+    for (int count : mesh.faceCounts) {
+        out += 'f';
+        for (int k = 0; k < count; ++k) {
+            out += ' ';
+            AppendNumber(out, mesh.faceVertices[at + k] + 1);
         }
+        out += '\n';
+        at += count;
     }
-    if (!mesh.valid()) throw KFileError(path + ": a face refers to a vertex that does not exist");
-    return mesh;
+    return out;
 }
 
 void WriteObj(const std::string& path, const KPolyMesh& mesh) {
-    std::FILE* file = std::fopen(path.c_str(), "w");
-    if (!file) throw KFileError(path + ": cannot write the file");
-    // Nine significant digits give every float back exactly.
-    for (const KVector& p : mesh.points) std::fprintf(file, "v %.9g %.9g %.9g\n", p.x, p.y, p.z);
-    int at = 0;
-    for (int count : mesh.faceCounts) {
-        std::fputc('f', file);
-        for (int k = 0; k < count; ++k) std::fprintf(file, " %d", mesh.faceVertices[at + k] + 1);
-        std::fputc('\n', file);
-        at += count;
+    std::string text;
+    try {
+        text = FormatObj(mesh);
+    } catch (const KFileError& e) {
+        throw KFileError(path + ": " + e.what());
     }
-    const bool failed = std::ferror(file) != 0;
-    if (std::fclose(file) != 0 || failed) throw KFileError(path + ": cannot write the file");
+    WriteTextFile(path, text);
 }
 
 }  // namespace Kavrin

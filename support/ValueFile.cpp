@@ -1,72 +1,61 @@
 #include "ValueFile.h"
 
-#include <cerrno>
-#include <cfloat>
+#include <charconv>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
+#include <vector>
+
+#include "TextFields.h"
 
 namespace Kavrin {
 
-namespace {
-
-// The one number a line holds, surrounded by optional blanks; false on anything else.
-bool ParseValue(const std::string& line, double& value, std::string& why) {
-    const char* begin = line.c_str();
-    while (*begin == ' ' || *begin == '\t') ++begin;
-    char* end = nullptr;
-    errno = 0;
-    value = std::strtod(begin, &end);
-    if (end == begin) {
-        why = "expected one number";
-        return false;
-    }
-    const char* rest = end;
-    while (*rest == ' ' || *rest == '\t' || *rest == '\r') ++rest;
-    if (*rest != '\0') {
-        why = "expected one number and nothing else";
-        return false;
-    }
-    const bool overflow = errno == ERANGE && std::fabs(value) > 1.0;
-    if (!overflow && !std::isfinite(value)) {
-        why = "the value is not a finite number";
-        return false;
-    }
-    if (overflow || std::fabs(value) > FLT_MAX) {
-        why = "the value is beyond the range of a float";
-        return false;
-    }
-    return true;
-}
-
-}  // namespace
-
-KArray<double> ReadValues(const std::string& path, int expectedCount) {
-    std::ifstream in(path);
-    if (!in) throw KFileError(path + ": cannot open the file");
+KArray<double> ParseValues(std::string_view text, const std::string& name, int expectedCount) {
+    KTextLines lines(text, name);
     KArray<double> values;
-    std::string line;
-    for (int number = 1; std::getline(in, line); ++number) {
-        const size_t first = line.find_first_not_of(" \t\r");
-        if (first == std::string::npos || line[first] == '#') continue;
+    std::vector<std::string_view> words;
+    std::string why;
+    std::string_view line;
+    while (lines.next(line)) {
+        SplitWords(line, words);
+        if (words.empty()) continue;
+        if (words.size() != 1)
+            throw lines.error("expected one number; this line has " + std::to_string(words.size()) + " values");
         double value = 0.0;
-        std::string why;
-        if (!ParseValue(line, value, why)) throw KFileError(path + ":" + std::to_string(number) + ": " + why);
+        if (!ParseFloatWord(words[0], value, why)) throw lines.error(why);
         values.push_back(value);
     }
     if (expectedCount >= 0 && values.length() != expectedCount)
-        throw KFileError(path + ": " + std::to_string(values.length()) + " values for " +
+        throw KFileError(name + ": " + std::to_string(values.length()) + " values for " +
                          std::to_string(expectedCount) + " vertices");
     return values;
 }
 
+KArray<double> ReadValues(const std::string& path, int expectedCount) {
+    return ParseValues(ReadTextFile(path), path, expectedCount);
+}
+
+// Decision (behaviour note "Values in value files")
+std::string FormatValues(const KArray<double>& values) {
+    std::string out;
+    char buffer[32];
+    for (int i = 0; i < values.length(); ++i) {
+        if (!std::isfinite(values[i]) || !WithinFloatRange(values[i]))
+            throw KFileError("value " + std::to_string(i) + " is not a finite number within the range of a float; "
+                             "nothing was written");
+        const std::to_chars_result r = std::to_chars(buffer, buffer + sizeof(buffer), values[i]);
+        out.append(buffer, r.ptr);
+        out += '\n';
+    }
+    return out;
+}
+
 void WriteValues(const std::string& path, const KArray<double>& values) {
-    std::FILE* file = std::fopen(path.c_str(), "w");
-    if (!file) throw KFileError(path + ": cannot write the file");
-    for (double v : values) std::fprintf(file, "%.17g\n", v);
-    const bool failed = std::ferror(file) != 0;
-    if (std::fclose(file) != 0 || failed) throw KFileError(path + ": cannot write the file");
+    std::string text;
+    try {
+        text = FormatValues(values);
+    } catch (const KFileError& e) {
+        throw KFileError(path + ": " + e.what());
+    }
+    WriteTextFile(path, text);
 }
 
 }  // namespace Kavrin

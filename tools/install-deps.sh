@@ -5,10 +5,11 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config
-  libsuitesparse-dev libnanoflann-dev libcli11-dev libtinyobjloader-dev
+  libsuitesparse-dev libnanoflann-dev libcli11-dev
   libopenimageio-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libgl-dev libglu1-mesa-dev libosmesa6-dev
+  clang libclang-rt-dev
 )
 
 missing=()

@@ -6,3 +6,6 @@ bash tools/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build build -j"$(nproc)"
 ./build/apps/kavrin/kavrin demo
+echo
+echo "kavrin is $PWD/build/apps/kavrin/kavrin. To call it as 'kavrin', run:"
+echo "  export PATH=\"$PWD/build/apps/kavrin:\$PATH\""

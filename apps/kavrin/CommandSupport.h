@@ -1,5 +1,12 @@
 #pragma once
-// Shared pieces of the kavrin subcommands: exit codes, error kinds, mesh loading and output paths.
+// Shared pieces of the kavrin subcommands: exit codes, error kinds, checked options, mesh loading,
+// output paths and the console. Every command gets the tool's conventions by using them:
+// - one line on standard error for any failure, and one exit status: 2 for anything about the
+//   input or the output paths (found before any work starts), 1 for a failed run, 0 for success;
+// - options whose range --help shows and that refuse, with the reason, values the engine would
+//   accept but turn into garbage on a file;
+// - the engine's own progress and trace lines only with --verbose, the command's own concise
+//   progress (Progress) always.
 
 #include <functional>
 #include <stdexcept>
@@ -15,7 +22,8 @@ namespace Kavrin {
 
 enum ExitCode { kExitSuccess = 0, kExitFailedRun = 1, kExitBadInput = 2 };
 
-// Bad input: a missing or malformed file, meshes that do not match. Exit status 2.
+// Bad input: a missing or malformed file, meshes that do not match, a bad option, an output
+// path that cannot be written. Exit status 2.
 class UsageError : public std::runtime_error {
 public:
     explicit UsageError(const std::string& message) : std::runtime_error(message) {}
@@ -40,7 +48,8 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands);
 
 // Reads an OBJ file; any problem is a KFileError, which the tool reports as bad input.
 KPolyMesh LoadMesh(const std::string& path);
-// Writes an OBJ file; a failure is a RunError.
+// Writes an OBJ file; a failure (including a result with points that are not finite) is a
+// RunError.
 void SaveMesh(const std::string& path, const KPolyMesh& mesh);
 
 // Throws UsageError unless pose has the vertex count and faces of rest.
@@ -48,12 +57,61 @@ void RequireSameTopology(const KPolyMesh& rest, const std::string& restPath, con
                          const std::string& posePath);
 
 // Where each pose's result goes: out itself for one pose (or out/<name> when out is an existing
-// folder), otherwise out/<name> with the folder created. Two poses with the same file name are
-// a UsageError, since one result would overwrite the other.
-std::vector<std::string> OutputPaths(const std::string& out, const std::vector<std::string>& poses);
+// folder or ends in '/'), otherwise out/<name> with the folder created. Checked before any work, all as
+// UsageError: an empty out, two poses with the same file name (one result would overwrite the
+// other), a folder that cannot be created, an output that cannot be written, an output that is
+// one of the poses or of otherInputs.
+std::vector<std::string> OutputPaths(const std::string& out, const std::vector<std::string>& poses,
+                                     const std::vector<std::string>& otherInputs = {});
 
-// Prints the messages an engine sends while it runs: errors and warnings on standard error,
-// output on standard output. A failed run's message comes back in the engine's outcome instead.
+// The output folder out, created when missing; an empty out, a file in its place or a folder that
+// cannot be created is a UsageError.
+std::string OutputFolder(const std::string& out);
+
+// The same checks as OutputPaths for a command that writes one file, out (not a folder).
+std::string OutputFile(const std::string& out, const std::vector<std::string>& inputs);
+
+// Vertices that no face uses, in index order.
+std::vector<int> LooseVertices(const KPolyMesh& mesh);
+
+// Throws UsageError "<path>: N vertices are in no face (the first few, counting from 0);
+// <consequence>" unless loose
+// is empty.
+void RefuseLooseVertices(const std::string& path, const std::vector<int>& loose, const std::string& consequence);
+
+// ---- Options. Each shows its range in --help; a value outside it ends the parse with exit 2
+// and a line naming the option and the reason.
+
+// Most worker threads an option accepts.
+constexpr int kMaxThreads = 1024;
+
+// "--threads N": 0 (all cores, the default) to kMaxThreads.
+CLI::Option* AddThreadsOption(CLI::App* sub, int& threads);
+
+// A whole-number option limited to [lowest, highest]. whyNotLower says why values below lowest
+// are refused (what the engine would make of them); the range is added to the description.
+CLI::Option* AddCountOption(CLI::App* sub, const std::string& name, int& value, int lowest, int highest,
+                            const std::string& description, const std::string& whyNotLower = std::string());
+
+// A number option that must be finite and within the range of a float.
+CLI::Option* AddFiniteOption(CLI::App* sub, const std::string& name, float& value, const std::string& description);
+
+// The required "-o,--output PATH"; an empty path is refused.
+CLI::Option* AddOutputOption(CLI::App* sub, std::string& out, const std::string& description);
+
+// ---- Console.
+
+// Whether --verbose was given: the engine's own progress and trace lines are shown.
+bool Verbose();
+void SetVerbose(bool verbose);
+
+// The command's own progress: one line on standard output (a line end is added), flushed.
+void Progress(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// What an engine reports while it runs, for the command line: warnings go to standard error at
+// once, one line each; output text (progress, traces) to standard output only with --verbose;
+// errors are held (and echoed with --verbose): a failed run reports its one line through the
+// exception it ends with, and a run that succeeds all the same prints them at the end.
 class ConsoleSink : public KMessageSink {
 public:
     explicit ConsoleSink(std::string prefix) : _prefix(std::move(prefix)) {}
@@ -64,5 +122,8 @@ public:
 private:
     std::string _prefix;
 };
+
+// The errors ConsoleSinks held since the last call, as full lines without line ends.
+std::vector<std::string> TakeHeldErrors();
 
 }  // namespace Kavrin

@@ -1,7 +1,6 @@
 // kavrin deltamush: binds delta mush to a rest mesh and deforms each pose with it.
 
 #include <chrono>
-#include <cstdio>
 
 #include "CommandSupport.h"
 #include "DeltaMushRun.h"
@@ -20,24 +19,27 @@ void AddDeltaMushCommand(CLI::App& app, std::vector<Command>& commands) {
     auto options = std::make_shared<Options>();
     CLI::App* sub = app.add_subcommand(
         "deltamush", "Bind delta mush to a rest mesh and deform each pose; the poses share the rest mesh's faces.");
-    sub->add_option("--rest", options->rest, "rest mesh (OBJ) the deltas are computed from")
-        ->required()
-        ->check(CLI::ExistingFile);
-    sub->add_option("--iterations", options->iterations, "smoothing sweeps")->capture_default_str();
-    sub->add_option("--envelope", options->envelope,
-                    "on/off switch: below 1e-30 leaves the poses untouched, any other value deforms fully")->capture_default_str();
-    sub->add_option("--threads", options->threads, "worker threads (0: all cores)")->capture_default_str();
-    sub->add_option("poses", options->poses, "posed meshes (OBJ)")->required()->check(CLI::ExistingFile);
-    sub->add_option("-o,--output", options->out, "output file for one pose, else output folder")->required();
+    sub->add_option("--rest", options->rest, "rest mesh (OBJ) the deltas are computed from")->required();
+    // Decision (behaviour note "Delta mush sweeps on the command line")
+    AddCountOption(sub, "--iterations", options->iterations, 1, 100000, "smoothing sweeps",
+                   "0 sweeps leave the smoothed mesh at the origin, so every vertex would be written there");
+    AddFiniteOption(sub, "--envelope", options->envelope,
+                    "on/off switch: below 1e-30 leaves the poses untouched, any other value deforms fully");
+    AddThreadsOption(sub, options->threads);
+    sub->add_option("poses", options->poses, "posed meshes (OBJ)")->required();
+    AddOutputOption(sub, options->out, "output file for one pose, else output folder");
 
     commands.push_back(Command{sub, [options]() {
         const KPolyMesh rest = LoadMesh(options->rest);
+        // Decision (behaviour note "Vertices in no face")
+        RefuseLooseVertices(options->rest, LooseVertices(rest),
+                            "delta mush has no edge to smooth such a vertex over and would write it as NaN");
         std::vector<KPolyMesh> poses;
         for (const std::string& path : options->poses) {
             poses.push_back(LoadMesh(path));
             RequireSameTopology(rest, options->rest, poses.back(), path);
         }
-        const std::vector<std::string> outputs = OutputPaths(options->out, options->poses);
+        const std::vector<std::string> outputs = OutputPaths(options->out, options->poses, {options->rest});
 
         DeltaMushRun run(rest, options->iterations, options->threads);
         for (size_t i = 0; i < poses.size(); ++i) {
@@ -47,9 +49,8 @@ void AddDeltaMushCommand(CLI::App& app, std::vector<Command>& commands) {
             const double ms =
                 std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
             SaveMesh(outputs[i], result);
-            std::printf("[%zu/%zu] %s -> %s (%.1f ms)\n", i + 1, poses.size(), options->poses[i].c_str(),
-                        outputs[i].c_str(), ms);
-            std::fflush(stdout);
+            Progress("[%zu/%zu] %s -> %s (%.1f ms)", i + 1, poses.size(), options->poses[i].c_str(),
+                     outputs[i].c_str(), ms);
         }
     }});
 }

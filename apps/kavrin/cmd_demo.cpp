@@ -1,12 +1,7 @@
 // kavrin demo: generates its own meshes, runs the engines on them and writes the results.
 
-#include <cstdio>
-#include <filesystem>
-
 #include "CommandSupport.h"
 #include "Demo.h"
-
-namespace fs = std::filesystem;
 
 namespace Kavrin {
 
@@ -32,15 +27,13 @@ void AddDemoCommand(CLI::App& app, std::vector<Command>& commands) {
     };
     auto options = std::make_shared<Options>();
     CLI::App* sub = app.add_subcommand("demo", "Run the engines on generated meshes and write the results to a folder.");
-    sub->add_option("-o,--output", options->folder, "folder for the results")->capture_default_str();
-    sub->add_option("--threads", options->threads, "worker threads (0: all cores)")->capture_default_str();
+    AddOutputOption(sub, options->folder, "folder for the results")->required(false)->capture_default_str();
+    AddThreadsOption(sub, options->threads);
     commands.push_back(Command{sub, [options]() {
-        std::error_code ec;
-        fs::create_directories(options->folder, ec);
-        if (!fs::is_directory(options->folder, ec)) throw UsageError(options->folder + ": cannot create the folder");
-        std::printf("kavrin demo: writing to %s/\n", options->folder.c_str());
+        OutputFolder(options->folder);
+        Progress("kavrin demo: writing to %s/", options->folder.c_str());
         for (const DemoCase& c : kDemoCases) c.run(options->folder, options->threads);
-        std::printf("Done. Open the OBJ files in %s/ to compare poses and results.\n", options->folder.c_str());
+        Progress("Done. Open the OBJ files in %s/ to compare poses and results.", options->folder.c_str());
     }});
 }
 

@@ -1,7 +1,6 @@
 // kavrin transfer: carries source poses onto a target mesh of the same or another topology.
 
 #include <chrono>
-#include <cstdio>
 
 #include "CommandSupport.h"
 #include "MarkerFile.h"
@@ -22,32 +21,25 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
         "transfer",
         "Transfer the deformation of source poses onto a target mesh. The correspondence and the factorisation run "
         "once; each pose is one solve.");
-    sub->add_option("--source-rest", options->sourceRest, "source mesh in its rest pose (OBJ)")
-        ->required()
-        ->check(CLI::ExistingFile);
-    sub->add_option("--target", options->target, "target mesh in its rest pose (OBJ)")
-        ->required()
-        ->check(CLI::ExistingFile);
+    sub->add_option("--source-rest", options->sourceRest, "source mesh in its rest pose (OBJ)")->required();
+    sub->add_option("--target", options->target, "target mesh in its rest pose (OBJ)")->required();
     sub->add_option("--markers", options->markers,
                     "marker pairs: one 'source-index target-index' pair a line, zero-based")
-        ->required()
-        ->check(CLI::ExistingFile);
+        ->required();
     CLI::Option* fixed =
         sub->add_option("--fixed", options->fixed, "fixed source and target vertex (default: the first marker pair)");
     sub->add_option("--mode", options->mode, "'same' or 'different' topology")
         ->check(CLI::IsMember({"same", "different"}))
         ->capture_default_str();
-    sub->add_option("--iterations", options->iterations, "closest-point iterations of the fitting")
-        ->check(CLI::Range(0, 32767))
-        ->capture_default_str();
+    AddCountOption(sub, "--iterations", options->iterations, 0, 32767,
+                   "closest-point iterations of the fitting; 1 or more with --aim source-to-target");
     sub->add_option("--aim", options->aim,
                     "'transfer' the poses, or write the source fitted onto the target ('source-to-target')")
         ->check(CLI::IsMember({"transfer", "source-to-target"}))
         ->capture_default_str();
-    sub->add_option("--threads", options->threads, "worker threads (0: all cores)")->capture_default_str();
-    sub->add_option("poses", options->poses, "source poses (OBJ), same vertices and faces as the rest source")
-        ->check(CLI::ExistingFile);
-    sub->add_option("-o,--output", options->out, "output file for one result, else output folder")->required();
+    AddThreadsOption(sub, options->threads);
+    sub->add_option("poses", options->poses, "source poses (OBJ), same vertices and faces as the rest source");
+    AddOutputOption(sub, options->out, "output file for one result, else output folder");
 
     commands.push_back(Command{sub, [options, fixed]() {
         const KPolyMesh source = LoadMesh(options->sourceRest);
@@ -69,15 +61,34 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
                              std::to_string(source.numVertices()) + ", the target " +
                              std::to_string(target.numVertices()));
         settings.iterations = static_cast<short>(options->iterations);
+        const bool fitOnly = options->aim == "source-to-target";
+        // Decision (behaviour note "Transfer options on the command line")
+        if (fitOnly && options->iterations == 0)
+            throw UsageError("--iterations: 0 with --aim source-to-target: the fitted source is only written after "
+                             "an iteration, so the file would have no vertices; use 1 to 32767");
+        // Decision (behaviour note "Vertices in no face")
+        std::vector<int> unplaced;
+        std::vector<char> marked(static_cast<size_t>(source.numVertices()), 0);
+        for (int i = 0; i < settings.markers.length(); i += 2) marked[static_cast<size_t>(settings.markers[i])] = 1;
+        for (int v : LooseVertices(source))
+            if (!marked[static_cast<size_t>(v)]) unplaced.push_back(v);
+        RefuseLooseVertices(options->sourceRest, unplaced,
+                            "the fit cannot place such a vertex unless it is marked (its equations would be "
+                            "singular)");
+        if (!fitOnly)
+            RefuseLooseVertices(options->target, LooseVertices(target),
+                                "the transfer cannot place such a vertex (its equations would be singular)");
+        const std::vector<std::string> inputs = {options->sourceRest, options->target, options->markers};
         settings.threads = options->threads;
         ConsoleSink sink("kavrin transfer");
 
-        if (options->aim == "source-to-target") {
+        if (fitOnly) {
             if (!options->poses.empty()) throw UsageError("--aim source-to-target takes no poses");
+            const std::string out = OutputFile(options->out, inputs);
             KPolyMesh fitted = source;
             fitted.points = TransferRun::FitSource(source, target, settings, sink);
-            SaveMesh(options->out, fitted);
-            std::printf("fitted source -> %s\n", options->out.c_str());
+            SaveMesh(out, fitted);
+            Progress("fitted source -> %s", out.c_str());
             return;
         }
         if (options->poses.empty()) throw UsageError("no poses to transfer");
@@ -86,21 +97,20 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
             poses.push_back(LoadMesh(path));
             RequireSameTopology(source, options->sourceRest, poses.back(), path);
         }
-        const std::vector<std::string> outputs = OutputPaths(options->out, options->poses);
+        const std::vector<std::string> outputs = OutputPaths(options->out, options->poses, inputs);
 
         const auto start = std::chrono::steady_clock::now();
+        Progress("fitting the source onto the target, pairing triangles, factoring ...");
         TransferRun run(source, target, settings, sink);
-        std::printf("built in %.2f s\n",
-                    std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+        Progress("built in %.2f s", std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
         for (size_t i = 0; i < poses.size(); ++i) {
             const auto t0 = std::chrono::steady_clock::now();
             KPolyMesh result = target;
             result.points = run.transfer(poses[i]);
             const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
             SaveMesh(outputs[i], result);
-            std::printf("[%zu/%zu] %s -> %s (%.1f ms)\n", i + 1, poses.size(), options->poses[i].c_str(),
-                        outputs[i].c_str(), ms);
-            std::fflush(stdout);
+            Progress("[%zu/%zu] %s -> %s (%.1f ms)", i + 1, poses.size(), options->poses[i].c_str(),
+                     outputs[i].c_str(), ms);
         }
     }});
 }

@@ -4,6 +4,7 @@
 
 #include "CommandSupport.h"
 #include "Demo.h"
+#include "MarkerFile.h"
 #include "MeshGenerators.h"
 #include "TransferRun.h"
 
@@ -30,6 +31,7 @@ void TransferDemo(const std::string& folder, int threads) {
         settings.markers.push_back(NearestVertex(source, l));
         settings.markers.push_back(NearestVertex(target, l));
     }
+    WriteMarkers(DemoPath(folder, "transfer-markers.txt"), settings.markers);
     settings.fixedSource = settings.markers[0];
     settings.fixedTarget = settings.markers[1];
     settings.threads = threads;
@@ -60,7 +62,8 @@ void TransferDemo(const std::string& folder, int threads) {
         SaveMesh(DemoPath(folder, name), pose);
         std::snprintf(name, sizeof(name), "transfer-target-bend%02d.obj", static_cast<int>(degrees));
         SaveMesh(DemoPath(folder, name), result);
-        std::printf("  bend %3.0f deg: %5.2f ms, mean distance to the target bent directly %.2f%% of its size -> %s\n",
+        std::printf("  bend %3.0f deg: %5.2f ms, mean distance to the target bent directly %.2f%% of its size "
+                    "(smaller is better) -> %s\n",
                     degrees, ms, 100.0 * sum / result.numVertices() / diag, name);
     }
 }

@@ -1,59 +1,19 @@
-// The kavrin command line, run as a process: outputs, exit statuses and one-line errors.
+// The kavrin command line, run as a process: what each command writes, its progress and help.
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
-#include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
+#include "KavrinCliSupport.h"
 #include "MeshGenerators.h"
 #include "ObjIO.h"
 
 using namespace Kavrin;
 namespace fs = std::filesystem;
 
-namespace {
-
-struct Outcome {
-    int status;
-    std::string out, err;
-    int errLines() const { return static_cast<int>(std::count(err.begin(), err.end(), '\n')); }
-};
-
-std::string slurp(const fs::path& file) {
-    std::ifstream in(file);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-class KavrinCli : public ::testing::Test {
-protected:
-    const fs::path dir =
-        fs::temp_directory_path() /
-        (std::string("kavrin-cli-") + ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    void SetUp() override {
-        fs::remove_all(dir);
-        fs::create_directories(dir);
-    }
-    void TearDown() override { fs::remove_all(dir); }
-
-    Outcome run(const std::string& args) const {
-        const fs::path out = dir / "stdout.txt", err = dir / "stderr.txt";
-        const int raw = std::system((std::string(KAVRIN_BINARY_DIR) + "/apps/kavrin/kavrin " + args + " >" +
-                                     out.string() + " 2>" + err.string()).c_str());
-        return Outcome{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out), slurp(err)};
-    }
-    std::string path(const std::string& name) const { return (dir / name).string(); }
-    std::string save(const std::string& name, const KPolyMesh& mesh) const {
-        WriteObj(path(name), mesh);
-        return path(name);
-    }
-};
-
-}  // namespace
+using namespace KavrinCliTest;
+using KavrinCli = KavrinCliFixture;
 
 TEST_F(KavrinCli, DeltaMushWritesOnePosePerInput) {
     const KPolyMesh rest = MakeDetailedGrid(30, 4.0f);
@@ -74,44 +34,6 @@ TEST_F(KavrinCli, DeltaMushWritesOnePosePerInput) {
     EXPECT_EQ(ReadObj(path("off.obj")).points, ReadObj(bent).points);
 }
 
-TEST_F(KavrinCli, BadInputExitsWithTwoAndFailureWithOneAndOneLine) {
-    const KPolyMesh rest = MakeDetailedGrid(6, 1.0f);
-    const std::string restFile = save("rest.obj", rest), small = save("small.obj", MakeDetailedGrid(5, 1.0f));
-    const std::string broken = path("broken.obj"), o = " -o " + path("o.obj");
-    std::ofstream(broken) << "v 0 0 0\nf 1 2 3\n";
-    fs::create_directories(dir / "a");
-    fs::create_directories(dir / "b");
-    const std::string twins = save("a/p.obj", rest) + " " + save("b/p.obj", rest);
-    const struct {
-        std::string args, expected;
-    } cases[] = {
-        {"deltamush --rest " + restFile + " " + small + o,
-         "kavrin deltamush: " + small + ": 25 vertices, but " + restFile + " has 36\n"},
-        {"deltamush --rest " + restFile + " " + broken + o,
-         "kavrin deltamush: " + broken + ": a face refers to a vertex that does not exist\n"},
-        {"deltamush --rest " + restFile + " " + path("missing.obj") + o, ""},
-        {"deltamush " + restFile + o, ""},
-        {"", ""},
-        {"frobnicate", ""},
-        {"deltamush --rest " + restFile + " " + twins + " -o " + path("out"), "two poses are named p.obj"},
-    };
-    for (const auto& c : cases) {
-        const Outcome r = run(c.args);
-        EXPECT_EQ(r.status, 2) << c.args;
-        EXPECT_EQ(r.errLines(), 1) << c.args << "\n" << r.err;
-        if (!c.expected.empty() && c.expected.back() == '\n') {
-            EXPECT_EQ(r.err, c.expected);
-        }
-        EXPECT_NE(r.err.find(c.expected), std::string::npos) << r.err;
-    }
-    EXPECT_FALSE(fs::exists(path("o.obj")));
-
-    // An output file that cannot be written fails the run.
-    const Outcome r = run("deltamush --rest " + restFile + " " + restFile + " -o " + path("no/such/dir/x.obj"));
-    EXPECT_EQ(r.status, 1) << r.err;
-    EXPECT_EQ(r.errLines(), 1) << r.err;
-}
-
 TEST_F(KavrinCli, TransferPlacesTheTargetOnTheSourcePosesFixedVertex) {
     KPolyMesh source = MakeUVSphere(8, 12), target = MakeIcosphere(2);
     ScalePoints(source, 2.0f, 0.5f, 0.5f);
@@ -126,7 +48,13 @@ TEST_F(KavrinCli, TransferPlacesTheTargetOnTheSourcePosesFixedVertex) {
     const std::string common = "transfer --source-rest " + s + " --target " + t + " --markers ";
     const std::string args = common + path("markers.txt") + " --iterations 1 ";
 
+    // The engine's own progress lines only with --verbose; the command's own always.
     Outcome r = run(args + m + " -o " + path("out.obj"));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out.find("Current time:"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("built in "), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("[1/1] " + m + " -> " + path("out.obj")), std::string::npos) << r.out;
+    r = run(args + "--verbose " + m + " -o " + path("out.obj"));
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("0KDeformationTransfer: Coefficient Matrix Created!"), std::string::npos) << r.out;
     const KPolyMesh out = ReadObj(path("out.obj"));
@@ -142,7 +70,7 @@ TEST_F(KavrinCli, TransferPlacesTheTargetOnTheSourcePosesFixedVertex) {
     const struct {
         std::string args, expected;
     } cases[] = {
-        {path("bad.txt") + " " + m + x, path("bad.txt") + ":2: expected a source and a target vertex index"},
+        {path("bad.txt") + " " + m + x, path("bad.txt") + ":2: 'two' is not a target vertex index"},
         {path("far.txt") + " " + m + x, path("far.txt") + ":2: target vertex 9999 is outside the target mesh (162 vertices)"},
         {path("markers.txt") + " --mode same " + m + x,
          "--mode same needs meshes with the same vertices; the source has 98, the target 162"},
@@ -156,15 +84,36 @@ TEST_F(KavrinCli, TransferPlacesTheTargetOnTheSourcePosesFixedVertex) {
     }
 }
 
-TEST_F(KavrinCli, HelpOnEveryCommandAndDemoOutputs) {
-    for (const std::string command : {"", "deltamush ", "transfer ", "demo "}) {
-        const Outcome r = run(command + "--help");
+TEST_F(KavrinCli, HelpOnEveryCommandShowsRangesAndDemoSaysWhatItMeasures) {
+    // Every command (this list grows with the tool) shows --verbose and the range of its
+    // thread count.
+    const std::string help = run("--help").out;
+    for (const std::string command : {"deltamush", "transfer", "demo"}) {
+        EXPECT_NE(help.find("  " + command), std::string::npos) << command << " is listed";
+        const Outcome r = run(command + " --help");
         EXPECT_EQ(r.status, 0) << command;
         EXPECT_NE(r.out.find("Usage"), std::string::npos) << command << r.out;
+        EXPECT_NE(r.out.find("--verbose"), std::string::npos) << command;
+        EXPECT_NE(r.out.find("worker threads, 0 for all cores (0 to 1024)"), std::string::npos) << command << r.out;
     }
+    EXPECT_NE(run("deltamush --help").out.find("smoothing sweeps (1 to 100000)"), std::string::npos);
+    EXPECT_NE(run("transfer --help").out.find("(0 to 32767)"), std::string::npos);
+    const Outcome version = run("--version");
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out, "kavrin " KAVRIN_VERSION "\n");
+
     const Outcome r = run("demo -o " + path("demo"));
     ASSERT_EQ(r.status, 0) << r.err;
-    for (const char* file : {"deltamush-rest.obj", "deltamush-bend90-result.obj", "transfer-target-bend90.obj"})
+    EXPECT_TRUE(r.err.empty()) << r.err;
+    for (const char* file : {"deltamush-rest.obj", "deltamush-bend90-result.obj", "transfer-target-bend90.obj",
+                             "transfer-markers.txt"})
         EXPECT_TRUE(fs::exists(dir / "demo" / file)) << file;
-    EXPECT_NE(r.out.find("rest pose reproduced"), std::string::npos) << r.out;
+    // Every figure says what it measures and which way is better.
+    EXPECT_NE(r.out.find("rest pose reproduced: largest distance from the rest mesh"), std::string::npos) << r.out;
+    EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 12) << r.out;
+    size_t better = 0;
+    for (size_t at = r.out.find("smaller is better"); at != std::string::npos; at = r.out.find("smaller is better", at + 1))
+        ++better;
+    EXPECT_EQ(better, 7u) << r.out;
+    EXPECT_EQ(r.out.find("Current time:"), std::string::npos) << "engine trace only with --verbose";
 }

@@ -1,0 +1,62 @@
+#pragma once
+// Runs the kavrin tool as a process in a fresh folder per test and collects its status and output.
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "ObjIO.h"
+
+namespace KavrinCliTest {
+
+namespace fs = std::filesystem;
+
+struct Outcome {
+    int status;
+    std::string out, err;
+    int errLines() const { return static_cast<int>(std::count(err.begin(), err.end(), '\n')); }
+};
+
+inline std::string Slurp(const fs::path& file) {
+    std::ifstream in(file);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+class KavrinCliFixture : public ::testing::Test {
+protected:
+    const fs::path dir =
+        fs::temp_directory_path() /
+        (std::string("kavrin-cli-") + ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    void SetUp() override {
+        fs::remove_all(dir);
+        fs::create_directories(dir);
+    }
+    void TearDown() override { fs::remove_all(dir); }
+
+    // Runs kavrin with args (shell words) in the test's folder.
+    Outcome run(const std::string& args) const {
+        const fs::path out = dir / "stdout.txt", err = dir / "stderr.txt";
+        const int raw = std::system(("cd " + dir.string() + " && " + std::string(KAVRIN_BINARY_DIR) +
+                                     "/apps/kavrin/kavrin " + args + " >" + out.string() + " 2>" + err.string())
+                                        .c_str());
+        return Outcome{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, Slurp(out), Slurp(err)};
+    }
+    std::string path(const std::string& name) const { return (dir / name).string(); }
+    std::string save(const std::string& name, const Kavrin::KPolyMesh& mesh) const {
+        Kavrin::WriteObj(path(name), mesh);
+        return path(name);
+    }
+    std::string write(const std::string& name, const std::string& text) const {
+        std::ofstream(path(name), std::ios::binary) << text;
+        return path(name);
+    }
+};
+
+}  // namespace KavrinCliTest

@@ -1,0 +1,146 @@
+// The exit-status table of docs/kavrin.md, case by case: 2 for anything about the input or the
+// output paths (found before any work, so nothing is printed or written), 1 for a failed run, 0
+// for success; every failure exactly one line on standard error.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "KavrinCliSupport.h"
+#include "MeshGenerators.h"
+#include "ObjIO.h"
+
+using namespace Kavrin;
+using namespace KavrinCliTest;
+namespace fs = std::filesystem;
+
+using KavrinStatus = KavrinCliFixture;
+
+TEST_F(KavrinStatus, EveryCaseHasItsStatusAndOneExactLine) {
+    const KPolyMesh grid = MakeDetailedGrid(4, 1.0f);
+    const std::string rest = save("rest.obj", grid), pose = save("pose.obj", BendAroundY(grid, 0.5f));
+    fs::create_directories(dir / "a");
+    fs::create_directories(dir / "b");
+    save("a/p.obj", grid);
+    save("b/p.obj", grid);
+    write("nan.obj", "v 0 0 0\nv 1 0 0\nv nan 1 0\nf 1 2 3\n");
+    write("short.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2\n");
+    write("loose.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 5 5 5\nv 6 6 6\nf 1 2 3\n");
+    write("file", "not a folder\n");
+    write("points.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\n");
+    // Three coincident corners: the fit's equations cannot be solved.
+    write("flat.obj", "v 0 0 0\nv 0 0 0\nv 0 0 0\nv 1 0 0\nf 1 2 3\nf 1 3 4\n");
+    write("m3.txt", "3 3\n");
+    // Coordinates near the float limit: the frames overflow, so the result is not finite.
+    write("huge.obj", "v 3e38 0 0\nv -3e38 0 0\nv 0 3e38 0\nv 0 -3e38 3e38\nf 1 2 3\nf 2 4 3\n");
+    KPolyMesh source = MakeUVSphere(6, 8), target = MakeIcosphere(1);
+    ScalePoints(target, 1.0f, 1.1f, 0.9f);
+    const std::string s = save("s.obj", source), t = save("t.obj", target);
+    source.points.push_back(KVector(5, 5, 5));
+    target.points.push_back(KVector(5, 5, 5));
+    const std::string sLoose = save("s-loose.obj", source), tLoose = save("t-loose.obj", target);
+    write("m.txt", "0 0\n49 41\n");
+    write("twice.txt", "0 0\n# paw\n7 3\n0 5\n");
+    write("m-loose.txt", "0 0\n49 41\n50 2\n");  // the source's loose vertex is marked: it is pinned
+    const std::string dm = "deltamush --rest rest.obj ", tr = "transfer --source-rest s.obj --target t.obj ";
+
+    const struct {
+        std::string args;
+        int status;
+        std::string err;  // the whole of standard error, or its start followed by '*'
+    } cases[] = {
+        // Parse errors point to --help.
+        {"", 2, "kavrin: a command is required: deltamush, transfer, offset or demo (see 'kavrin --help')"},
+        {"bogus", 2,
+         "kavrin: unknown command 'bogus'; the commands are deltamush, transfer, offset or demo (see 'kavrin --help')"},
+        {"deltamush pose.obj -o x.obj", 2, "kavrin deltamush: --rest is required (see 'kavrin deltamush --help')"},
+        {dm + "--bogus pose.obj -o x.obj", 2,
+         "kavrin deltamush: The following argument was not expected: --bogus (see 'kavrin deltamush --help')"},
+        // Options refused with the reason.
+        {dm + "--iterations 0 pose.obj -o x.obj", 2,
+         "kavrin deltamush: --iterations: 0 sweeps leave the smoothed mesh at the origin, so every vertex would be "
+         "written there; use 1 to 100000 (see 'kavrin deltamush --help')"},
+        {dm + "--iterations 100001 pose.obj -o x.obj", 2,
+         "kavrin deltamush: --iterations: 100001 is outside 1 to 100000 (see 'kavrin deltamush --help')"},
+        {dm + "--iterations 2.5 pose.obj -o x.obj", 2,
+         "kavrin deltamush: --iterations: '2.5' is not a whole number (see 'kavrin deltamush --help')"},
+        {dm + "--threads -1 pose.obj -o x.obj", 2,
+         "kavrin deltamush: --threads: -1 is outside 0 to 1024 (see 'kavrin deltamush --help')"},
+        {dm + "--threads 1025 pose.obj -o x.obj", 2,
+         "kavrin deltamush: --threads: 1025 is outside 0 to 1024 (see 'kavrin deltamush --help')"},
+        {dm + "--envelope nan pose.obj -o x.obj", 2,
+         "kavrin deltamush: --envelope: 'nan' is not a finite number (see 'kavrin deltamush --help')"},
+        {dm + "pose.obj -o ''", 2,
+         "kavrin deltamush: --output: the output path is empty (see 'kavrin deltamush --help')"},
+        {tr + "--markers m.txt --iterations 40000 pose.obj -o x.obj", 2,
+         "kavrin transfer: --iterations: 40000 is outside 0 to 32767 (see 'kavrin transfer --help')"},
+        {tr + "--markers m.txt --aim source-to-target --iterations 0 -o x.obj", 2,
+         "kavrin transfer: --iterations: 0 with --aim source-to-target: the fitted source is only written after an "
+         "iteration, so the file would have no vertices; use 1 to 32767"},
+        {"demo -o ''", 2, "kavrin demo: --output: the output path is empty (see 'kavrin demo --help')"},
+        // Input files.
+        {dm + "missing.obj -o x.obj", 2, "kavrin deltamush: missing.obj: cannot open the file (No such file or directory)"},
+        {dm + "nan.obj -o x.obj", 2, "kavrin deltamush: nan.obj:3: 'nan' is not a finite number"},
+        {dm + "short.obj -o x.obj", 2,
+         "kavrin deltamush: short.obj:4: a face needs at least three vertices; this one has 2"},
+        {dm + "s.obj -o x.obj", 2, "kavrin deltamush: s.obj: 50 vertices, but rest.obj has 16"},
+        {"deltamush --rest loose.obj loose.obj -o x.obj", 2,
+         "kavrin deltamush: loose.obj: 2 vertices are in no face (3, 4, counting from 0); delta mush has no edge to "
+         "smooth such a vertex over and would write it as NaN"},
+        {tr + "--markers twice.txt s.obj -o x.obj", 2,
+         "kavrin transfer: twice.txt:4: source vertex 0 is marked twice, here and on line 1"},
+        {"transfer --source-rest s-loose.obj --target t.obj --markers m.txt s-loose.obj -o x.obj", 2,
+         "kavrin transfer: s-loose.obj: 1 vertex is in no face (50, counting from 0); the fit cannot place such a "
+         "vertex unless it is marked (its equations would be singular)"},
+        {"transfer --source-rest s.obj --target t-loose.obj --markers m.txt s.obj -o x.obj", 2,
+         "kavrin transfer: t-loose.obj: 1 vertex is in no face (42, counting from 0); the transfer cannot place such "
+         "a vertex (its equations would be singular)"},
+        // Output paths, checked before any work.
+        {dm + "pose.obj -o no/such/x.obj", 2,
+         "kavrin deltamush: no/such/x.obj: cannot write the file (the folder no/such does not exist)"},
+        {dm + "pose.obj -o pose.obj", 2,
+         "kavrin deltamush: pose.obj: is also an input; kavrin does not write over its inputs"},
+        {dm + "pose.obj rest.obj -o rest.obj", 2, "kavrin deltamush: rest.obj: is a file; with several poses -o names a folder"},
+        {dm + "pose.obj rest.obj -o file/sub", 2,
+         "kavrin deltamush: file/sub: cannot create the output folder (Not a directory)"},
+        {dm + "pose.obj rest.obj -o .", 2, "kavrin deltamush: ./pose.obj: is also an input; kavrin does not write over its inputs"},
+        {dm + "a/p.obj b/p.obj -o out", 2, "kavrin deltamush: two poses are named p.obj; their results would overwrite each other in out"},
+        {tr + "--markers m.txt --aim source-to-target -o a", 2, "kavrin transfer: a: is a folder, not a file to write"},
+        {"demo -o file", 2, "kavrin demo: file: is a file, not a folder"},
+        {"deltamush --rest points.obj points.obj -o x.obj", 2,
+         "kavrin deltamush: points.obj: 3 vertices are in no face (0, 1, 2, counting from 0); delta mush has no "
+         "edge to smooth such a vertex over and would write it as NaN"},
+        // A failed run (for the transfer, only the status and the single line are checked here: the
+        // message is the engine's).
+        {"transfer --source-rest flat.obj --target t.obj --markers m3.txt --aim source-to-target -o x.obj", 1,
+         "kavrin transfer: *"},
+        {"deltamush --rest huge.obj huge.obj -o h.obj", 1,
+         "kavrin deltamush: h.obj: 4 vertices are not finite (0, 1, 2, 3); nothing was written"},
+        // Success: nothing on standard error.
+        {dm + "pose.obj -o ok.obj", 0, ""},
+        {dm + "pose.obj -o new/", 0, ""},
+        {"transfer --source-rest s-loose.obj --target t.obj --markers m-loose.txt --aim source-to-target "
+         "--iterations 1 -o fit.obj",
+         0, ""},
+        {"--version", 0, ""},
+        {"deltamush --help", 0, ""},
+    };
+    for (const auto& c : cases) {
+        const Outcome r = run(c.args);
+        EXPECT_EQ(r.status, c.status) << c.args << "\n" << r.err;
+        if (!c.err.empty() && c.err.back() == '*') {
+            EXPECT_EQ(r.err.substr(0, c.err.size() - 1), c.err.substr(0, c.err.size() - 1)) << c.args;
+            EXPECT_EQ(r.errLines(), 1) << r.err;
+        } else {
+            EXPECT_EQ(r.err, c.err.empty() ? "" : c.err + "\n") << c.args;
+        }
+        if (c.status == 2) {
+            EXPECT_EQ(r.out, "") << c.args << ": nothing runs before the checks";
+        }
+    }
+    for (const char* never : {"x.obj", "h.obj", "out", "no", "file/sub"}) EXPECT_FALSE(fs::exists(dir / never)) << never;
+    EXPECT_TRUE(fs::exists(dir / "ok.obj"));
+    EXPECT_TRUE(fs::exists(dir / "new" / "pose.obj")) << "a path ending in / is a folder, also for one pose";
+    EXPECT_TRUE(fs::exists(dir / "fit.obj"));
+}
