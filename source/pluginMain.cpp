@@ -12,6 +12,7 @@
 
 #include "KDeformationTransfer.h"
 #include "KDeltaMush.h"
+#include "KJiggleMeshDeformer.h"
 #include "KPluginRegistration.h"
 
 namespace {
@@ -27,6 +28,7 @@ struct NodeClass {
 const NodeClass kNodeClasses[] = {
     {&Kavrin::kDeformationTransferNode, KDeformationTransfer::creator, KDeformationTransfer::initialize},
     {&Kavrin::kDeltaMushNode, KDeltaMush::creator, KDeltaMush::initialize},
+    {&Kavrin::kJiggleMeshDeformerNode, KJiggleMeshDeformer::creator, KJiggleMeshDeformer::initialize},
 };
 
 struct DrawOverrideClass {
