@@ -244,9 +244,10 @@ KJiggleResult KJiggleSolver::evaluate(const KJiggleInput& in) {
         return result;
     }
 
-    // Decision (behaviour note "Jiggle: snapping surface built only for a step"): the surface tree
-    // is rebuilt at every evaluation that steps, the only ones that search it.
-    if (in.moreAccurateTangent) _tanTree.set(*in.tangentMesh);
+    // Decision (behaviour note "Jiggle: snapping surface rebuilt for each step"): the surface tree
+    // follows the mesh at every evaluation that steps, the only ones that search it; an unchanged
+    // topology refits the tree's boxes instead of building it anew (same answers).
+    if (in.moreAccurateTangent) _tanTree.update(*in.tangentMesh);
     _step(in, static_cast<double>(in.timeScale) * dt);
     _lastTime = in.time;
     result.outcome = KOutcome::Deformed();
