@@ -59,14 +59,17 @@ bool KJiggleSolver::stepDue(const KJiggleInput& in) const {
     return !(static_cast<double>(in.startFrame) >= in.time);
 }
 
-KOutcome KJiggleSolver::_checkStep(const KJiggleInput& in) const {
+KOutcome KJiggleSolver::_checkStep(const KJiggleInput& in, bool& distinct) {
+    distinct = true;
     const int count = in.indices->length();
     if (count == 0) return KOutcome::Deformed();
     const int* indices = in.indices->data();
     int lo = indices[0], hi = indices[0];
+    bool increasing = true;
     for (int i = 1; i < count; ++i) {
         lo = indices[i] < lo ? indices[i] : lo;
         hi = indices[i] > hi ? indices[i] : hi;
+        increasing = increasing && indices[i] > indices[i - 1];
     }
     // Guard (behaviour note "Jiggle: vertex indices"): the step reads the normals, the maps and
     // the state at every deformed vertex index.
@@ -80,6 +83,16 @@ KOutcome KJiggleSolver::_checkStep(const KJiggleInput& in) const {
     if (Usable(in.stiffnessMap) && hi >= in.stiffnessMap.length) return KOutcome::Failed(kJiggleStiffnessMapTooShort);
     if (Usable(in.normalStrengthMap) && hi >= in.normalStrengthMap.length)
         return KOutcome::Failed(kJiggleNormalStrengthMapTooShort);
+
+    // Points in increasing vertex order (a host's iterator) cannot repeat a vertex; otherwise
+    // look.
+    if (!increasing) {
+        _seen.setLength(hi + 1, true);
+        for (int i = 0; i < count && distinct; ++i) {
+            distinct = !_seen[indices[i]];
+            _seen[indices[i]] = 1;
+        }
+    }
     return KOutcome::Deformed();
 }
 
@@ -101,7 +114,7 @@ void KJiggleSolver::_start(const KJiggleInput& in) {
     _firstEval = false;
 }
 
-void KJiggleSolver::_step(const KJiggleInput& in, double h) {
+void KJiggleSolver::_step(const KJiggleInput& in, double h, int threads) {
     const int count = in.points->length();
     _points.setLength(count, false);
     const double limit = static_cast<double>(in.distanceLimit) * static_cast<double>(in.scale);
@@ -123,7 +136,7 @@ void KJiggleSolver::_step(const KJiggleInput& in, double h) {
     KDouble3* velocity = _velocity.data();
     KDouble3* out = _points.data();
 
-#pragma omp parallel for schedule(static) num_threads(TeamFor(in.threads, count))
+#pragma omp parallel for schedule(static) num_threads(TeamFor(threads, count))
     for (int i = 0; i < count; ++i) {
         const int idx = indices[i];
         const double d = damping * dMap[idx];
@@ -218,8 +231,9 @@ KJiggleResult KJiggleSolver::evaluate(const KJiggleInput& in) {
         result.outcome = KOutcome::Failed(kJiggleInputMismatch);
         return result;
     }
+    bool distinct = true;
     if (due) {
-        result.outcome = _checkStep(in);
+        result.outcome = _checkStep(in, distinct);
         if (result.outcome.failed()) return result;
     }
 
@@ -248,7 +262,9 @@ KJiggleResult KJiggleSolver::evaluate(const KJiggleInput& in) {
     // follows the mesh at every evaluation that steps, the only ones that search it; an unchanged
     // topology refits the tree's boxes instead of building it anew (same answers).
     if (in.moreAccurateTangent) _tanTree.update(*in.tangentMesh);
-    _step(in, static_cast<double>(in.timeScale) * dt);
+    // Decision (behaviour note "Jiggle: points that repeat a vertex"): they step one after the
+    // other, on one thread, instead of racing for the vertex's state.
+    _step(in, static_cast<double>(in.timeScale) * dt, distinct ? in.threads : 1);
     _lastTime = in.time;
     result.outcome = KOutcome::Deformed();
     return result;

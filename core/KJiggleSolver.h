@@ -118,9 +118,10 @@ public:
     const KArray<KDouble3>& velocities() const { return _velocity; }
 
 private:
-    KOutcome _checkStep(const KJiggleInput& in) const;
+    // Checks what a step reads; distinct tells whether no vertex index repeats.
+    KOutcome _checkStep(const KJiggleInput& in, bool& distinct);
     void _start(const KJiggleInput& in);
-    void _step(const KJiggleInput& in, double h);
+    void _step(const KJiggleInput& in, double h, int threads);
 
     bool _firstEval = true;
     double _lastTime = 0.0;
@@ -130,6 +131,7 @@ private:
     KTriMeshDistTree _tanTree{10, 10};
     KArray<KDouble3> _points;
     KArray<double> _fullMap;
+    KArray<char> _seen;  // per vertex: named by the step's points (checked for repeats)
 };
 
 // The jiggle node's attributes held in memory, for running the engine without a scene (the
