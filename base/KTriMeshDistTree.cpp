@@ -273,6 +273,8 @@ bool KTriMeshDistTree::update(const KTriMesh& mesh) {
                 _corners[3 * static_cast<size_t>(s) + k] = c;
             }
         }
+        // Decision (behaviour note "KTriMeshDistTree::update"): a refit that has loosened the
+        // boxes to twice a build's surface is replaced by a build.
         if (finite && _refitBoxes() <= 2.0 * _builtSurface) return true;
     }
     set(mesh);

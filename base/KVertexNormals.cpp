@@ -13,6 +13,7 @@ void FaceMeanVertexNormals(const KPolyMesh& mesh, KVectorArray& normals) {
     for (int size : mesh.faceCounts) {
         const long long first = start;
         start += size > 0 ? size : 0;
+        // Guard (behaviour note "Face-mean normals: faces outside the mesh").
         if (size < 3 || start > total) continue;
         const int* face = mesh.faceVertices.data() + first;
         bool inside = true;

@@ -30,6 +30,8 @@ const char* const kJiggleNormalStrengthMapTooShort =
 namespace {
 
 // Point times affine matrix (w = 1), as the host multiplies a point by a matrix.
+// Decision (behaviour note "Jiggle: points as Cartesian"): w is taken as 1 and the product's w is
+// not divided out.
 inline void Transform(const KDouble3& p, const double m[4][4], double out[3]) {
     const double in[4] = {p[0], p[1], p[2], 1.0};
     double r[4];
@@ -54,6 +56,8 @@ bool FitsCount(const void* array, int length, int count) { return array && lengt
 
 bool KJiggleSolver::stepDue(const KJiggleInput& in) const {
     // A fresh simulation starts its clock at the evaluation's time, so its first step has dt = 0.
+    // Kept on purpose (behaviour note "Jiggle: the frame after a later start frame"): the clock
+    // stands still up to the start frame, so the next frame is a jump.
     const double dt = in.time - (_firstEval ? in.time : _lastTime);
     if (dt > 1.0 || dt < 0.0) return false;
     return !(static_cast<double>(in.startFrame) >= in.time);
@@ -177,6 +181,8 @@ void KJiggleSolver::_step(const KJiggleInput& in, double h, int threads) {
             p[1] -= static_cast<double>(N.y * c);
             p[2] -= static_cast<double>(N.z * c);
             if (snap) {
+                // Decision (behaviour note "Jiggle: snapping radius"): formed in double, then
+                // narrowed to the search's float.
                 const double radius = std::fabs(1.5 * std::sqrt(Dot(e, e))) + static_cast<double>(1e-4f);
                 // Kept on purpose (behaviour note "Jiggle: snapping that finds nothing"): the
                 // result starts at zero and is taken whether or not a point was found.
@@ -210,6 +216,7 @@ void KJiggleSolver::_step(const KJiggleInput& in, double h, int threads) {
         // Back to object space, blended by the paint weight and the envelope.
         double q[3];
         Transform(cur[idx], toLocal, q);
+        // Decision (behaviour note "Jiggle: blend in double precision").
         const double blend = static_cast<double>(weights[i]) * envelope;
         for (int k = 0; k < 3; ++k) out[i][k] = points[i][k] + (q[k] - points[i][k]) * blend;
     }
@@ -246,6 +253,8 @@ KJiggleResult KJiggleSolver::evaluate(const KJiggleInput& in) {
     if (result.writeDampingMap || result.writeStiffnessMap || result.writeNormalStrengthMap)
         _fullMap.setLengthWithValue(in.numVertices, 1.0);
 
+    // Kept on purpose (behaviour note "Jiggle: re-evaluating the same frame"): dt = 0 still steps,
+    // with h = 0.
     const double dt = in.time - _lastTime;
     if (dt > 1.0 || dt < 0.0) {
         // A jump forwards or any step backwards moves only the clock; the state is kept.
@@ -301,6 +310,7 @@ KJiggleResult KJiggleAttributes::evaluate(KJiggleSolver& solver, const KPolyMesh
     in.weights = weights ? weights : &_weights;
     in.meshPoints = &_points;
     if (solver.stepDue(in)) {
+        // Decision (behaviour note "Jiggle: normals without a host"): unweighted face means.
         FaceMeanVertexNormals(mesh, _normals);
         in.normals = &_normals;
         if (moreAccurateTangent) {

@@ -224,6 +224,8 @@ MStatus KJiggleMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, const 
     in.indices = &_indices;
     in.weights = &_weights;
 
+    // Decision (behaviour note "Jiggle: read only what the evaluation uses"): the mesh's points,
+    // normals and triangles are read only by the evaluations that use them.
     if (_solver.meshPointsNeeded()) {
         fnMesh.getPoints(_meshPoints, MSpace::kObject);
         _restPoints.setLength(static_cast<int>(_meshPoints.length()), false);

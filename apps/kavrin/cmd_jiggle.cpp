@@ -24,6 +24,7 @@ void AddJiggleCommand(CLI::App& app, std::vector<Command>& commands) {
         "jiggle",
         "Make an animated mesh lag behind and overshoot its motion; the frames are consecutive, the first at time 0, "
         "and share their vertices and faces.");
+    // Decision (behaviour note "kavrin jiggle: option ranges"): the node's hard limits.
     sub->add_option("--stiffness", a.stiffness, "pull of each point towards its animated position per step")
         ->capture_default_str()
         ->check(CLI::Range(0.0f, 1.0f));
