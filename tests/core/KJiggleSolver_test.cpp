@@ -322,9 +322,10 @@ TEST(Jiggle, SequenceMatchesStepByStepReference) {
     EXPECT_EQ(deformed, 7);
 }
 
-// The clock: a jump forward of more than 1 or any step back only moves it; at or before the start
-// frame neither the clock nor the state moves; the same time again steps with h = 0 (the velocity
-// becomes zero, the limit still applies).
+// The clock: a jump forward of more than 1 or any step back only moves it (scrubbing back shows
+// the input once, then steps on from the kept state); at or before the start frame neither the
+// clock nor the state moves; the same time again steps with h = 0 (the velocity becomes zero, the
+// limit still applies).
 TEST(Jiggle, TimeRules) {
     Frame f = OnePoint(0);
     KJiggleInput& in = f.input();
@@ -458,31 +459,6 @@ TEST(Jiggle, ZeroLimitPinsNormalStrengthOneSkipsSnappingWeightZeroKeepsInput) {
     EXPECT_EQ(unweighted.points(), last.points);
     EXPECT_EQ(unweighted.currentPositions(), weighted.currentPositions());
     EXPECT_NE(weighted.points(), last.points);
-}
-
-// Scrubbing back shows the input once and then continues from the kept state, which is never
-// reset; the reference agrees on every value.
-TEST(Jiggle, ScrubbingBackShowsTheInputOnceThenContinues) {
-    Frame f = OnePoint(0);
-    KJiggleSolver solver;
-    Reference ref;
-    std::vector<std::array<double, 3>> expected;
-    const double times[] = {0, 1, 2, 3, 1, 2, 3};
-    const KOutcome::Status statuses[] = {KOutcome::kUntouched, KOutcome::kDeformed,  KOutcome::kDeformed,
-                                         KOutcome::kDeformed,  KOutcome::kUntouched, KOutcome::kDeformed,
-                                         KOutcome::kDeformed};
-    for (int k = 0; k < 7; ++k) {
-        f.points[0] = KDouble3{2.0 * times[k], 0, 0};
-        f.in.time = times[k];
-        ref.evaluate(f.input(), expected);
-        ASSERT_EQ(solver.evaluate(f.input()).outcome.status, statuses[k]) << k;
-        EXPECT_EQ(solver.currentPositions()[0][0], ref.cur[0][0]) << k;
-        if (statuses[k] == KOutcome::kDeformed) {
-            EXPECT_EQ(solver.points()[0][0], expected[0][0]) << k;
-        }
-    }
-    // At the second t = 2 the point did not start again from its goal: it kept its lag.
-    EXPECT_NE(solver.currentPositions()[0][0], 6.0);
 }
 
 // Snapping with the object away from the origin searches the object-space surface around a
