@@ -5,6 +5,7 @@
 #include <cfloat>
 #include <climits>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 namespace Kavrin {
@@ -249,6 +250,83 @@ void KTriMeshDistTree::set(const KTriMesh& mesh) {
         _order[s] = prims[s].tri;
         for (int k = 0; k < 3; ++k) _corners[3 * s + k] = mesh.points[t[k]];
     }
+
+    _triangles = mesh.triangles;
+    _numVertices = nv;
+    _allKept = count == nt;
+    _builtSurface = _refitBoxes();
+}
+
+bool KTriMeshDistTree::update(const KTriMesh& mesh) {
+    const int nt = mesh.numTriangles();
+    const bool same = _allKept && !_nodes.empty() && mesh.numVertices() == _numVertices &&
+                      nt == _triangles.length() &&
+                      std::memcmp(mesh.triangles.data(), _triangles.data(), sizeof(KInt3) * static_cast<size_t>(nt)) == 0;
+    if (same) {
+        // Every triangle was kept, so slot s holds triangle _order[s] and the indices are in range.
+        bool finite = true;
+        const int slots = static_cast<int>(_order.size());
+        for (int s = 0; s < slots; ++s) {
+            const KInt3& t = mesh.triangles[_order[s]];
+            for (int k = 0; k < 3; ++k) {
+                const KVector& c = mesh.points[t[k]];
+                finite = finite && Finite(c);
+                _corners[3 * static_cast<size_t>(s) + k] = c;
+            }
+        }
+        // Decision (behaviour note "KTriMeshDistTree::update"): a refit that has loosened the
+        // boxes to twice a build's surface is replaced by a build.
+        if (finite && _refitBoxes() <= 2.0 * _builtSurface) return true;
+    }
+    set(mesh);
+    return false;
+}
+
+double KTriMeshDistTree::_refitBoxes() {
+    if (_nodes.empty()) return 0.0;
+    // Box half-surface dx*dy + dy*dz + dz*dx of (lo, hi).
+    auto surface = [](const float* lo, const float* hi) {
+        const double dx = double(hi[0]) - lo[0], dy = double(hi[1]) - lo[1], dz = double(hi[2]) - lo[2];
+        return dx * dy + dy * dz + dz * dx;
+    };
+    double total = 0.0;
+    // Nodes are numbered in depth-first order, so every child comes after its parent.
+    for (int n = static_cast<int>(_nodes.size()) - 1; n >= 0; --n) {
+        Node& node = _nodes[static_cast<size_t>(n)];
+        for (int c = 0; c < 4; ++c) {
+            if (node.count[c] < 0) continue;
+            float lo[3] = {std::numeric_limits<float>::infinity(), std::numeric_limits<float>::infinity(),
+                           std::numeric_limits<float>::infinity()};
+            float hi[3] = {-lo[0], -lo[1], -lo[2]};
+            if (node.count[c] > 0) {
+                const KVector* corner = &_corners[3 * static_cast<size_t>(node.first[c])];
+                for (int k = 0, last = 3 * node.count[c]; k < last; ++k)
+                    for (int a = 0; a < 3; ++a) {
+                        lo[a] = std::min(lo[a], corner[k][a]);
+                        hi[a] = std::max(hi[a], corner[k][a]);
+                    }
+            } else {
+                const Node& child = _nodes[static_cast<size_t>(node.first[c])];
+                for (int a = 0; a < 3; ++a) {
+                    lo[a] = std::min(std::min(child.lo[a][0], child.lo[a][1]), std::min(child.lo[a][2], child.lo[a][3]));
+                    hi[a] = std::max(std::max(child.hi[a][0], child.hi[a][1]), std::max(child.hi[a][2], child.hi[a][3]));
+                }
+            }
+            for (int a = 0; a < 3; ++a) {
+                node.lo[a][c] = lo[a];
+                node.hi[a][c] = hi[a];
+            }
+            total += surface(lo, hi);
+        }
+    }
+    const Node& root = _nodes[0];
+    float lo[3], hi[3];
+    for (int a = 0; a < 3; ++a) {
+        lo[a] = std::min(std::min(root.lo[a][0], root.lo[a][1]), std::min(root.lo[a][2], root.lo[a][3]));
+        hi[a] = std::max(std::max(root.hi[a][0], root.hi[a][1]), std::max(root.hi[a][2], root.hi[a][3]));
+    }
+    const double whole = surface(lo, hi);
+    return whole > 0.0 ? total / whole : total;
 }
 
 int KTriMeshDistTree::_build(Prim* prims, const float* boxes, int begin, int end, int depth, float* box) {

@@ -30,6 +30,15 @@ public:
     KTriMeshDistTree(const KTriMesh& mesh, int leafSize, int maxDepth);
 
     void set(const KTriMesh& mesh);
+    // The same tree as set(mesh) gives, for a mesh that may be the last one moved (an animated
+    // mesh): when mesh has the vertex count and the triangles of the mesh of the last set() or
+    // update(), every triangle was kept then and every corner is finite now, the hierarchy is kept
+    // and only its boxes are refitted to the new corners, in a fraction of a build's time. Queries
+    // answer exactly as after set(mesh), since closest points and ties do not depend on the
+    // hierarchy. Otherwise, or when the refitted boxes have grown to more than twice the surface
+    // of a fresh build's (relative to the whole mesh's box), the tree is built anew. Returns true
+    // when it refitted.
+    bool update(const KTriMesh& mesh);
     bool empty() const;
 
     // Closest point of the surface to p within maxDistance (inclusive), and its triangle. Returns
@@ -58,12 +67,21 @@ private:
     // Builds the node over prims[begin, end) (boxes: six floats per triangle index); returns its
     // index and puts its bounds (lo then hi) into box.
     int _build(Prim* prims, const float* boxes, int begin, int end, int depth, float* box);
+    // Recomputes every node's child boxes from the corners, children before parents; returns the
+    // boxes' total surface over the root box's surface.
+    double _refitBoxes();
 
     int _leafSize;
     int _maxDepth;
     std::vector<KVector> _corners;  // three per slot, in leaf order
     std::vector<int> _order;        // triangle index of each slot, grouped by leaf
     std::vector<Node> _nodes;       // node 0 is the root
+    // What update() compares against: the triangles and vertex count of the last build, whether
+    // it kept every triangle, and its relative box surface.
+    KInt3Array _triangles;
+    int _numVertices = -1;
+    bool _allKept = false;
+    double _builtSurface = 0.0;
 };
 
 }  // namespace Kavrin

@@ -15,6 +15,7 @@
 #include "KDeformationTransfer.h"
 #include "KDeltaMush.h"
 #include "KOffsetMeshDeformer.h"
+#include "KJiggleMeshDeformer.h"
 #include "KPluginRegistration.h"
 
 namespace {
@@ -32,6 +33,7 @@ const NodeClass kNodeClasses[] = {
     {&Kavrin::kDeltaMushNode, KDeltaMush::creator, KDeltaMush::initialize},
     {&Kavrin::kDTPointNode, KDTPointClass::creator, KDTPointClass::initialize},
     {&Kavrin::kOffsetMeshDeformerNode, KOffsetMeshDeformer::creator, KOffsetMeshDeformer::initialize},
+    {&Kavrin::kJiggleMeshDeformerNode, KJiggleMeshDeformer::creator, KJiggleMeshDeformer::initialize},
 };
 
 struct DrawOverrideClass {

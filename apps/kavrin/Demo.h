@@ -13,6 +13,7 @@ namespace Kavrin {
 void DeltaMushDemo(const std::string& folder, int threads);
 void TransferDemo(const std::string& folder, int threads);
 void OffsetDemo(const std::string& folder, int threads);
+void JiggleDemo(const std::string& folder, int threads);
 
 // Shared by the cases.
 std::string DemoPath(const std::string& folder, const std::string& name);

@@ -16,6 +16,7 @@ const DemoCase kDemoCases[] = {
     {DeltaMushDemo},
     {TransferDemo},
     {OffsetDemo},
+    {JiggleDemo},
 };
 
 }  // namespace

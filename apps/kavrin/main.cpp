@@ -19,6 +19,7 @@ const AddCommand kCommands[] = {
     AddDeltaMushCommand,
     AddTransferCommand,
     AddOffsetCommand,
+    AddJiggleCommand,
     AddDemoCommand,
 };
 

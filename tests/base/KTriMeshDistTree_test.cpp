@@ -215,3 +215,52 @@ TEST(KTriMeshDistTree, MaxDistanceNothingFoundAndLeftOutTriangles) {
         }
     }
 }
+
+// update(): an animated mesh refits the kept hierarchy, and every query answers bit for bit as a
+// tree built afresh on the moved mesh; anything else rebuilds.
+TEST(KTriMeshDistTree, UpdateRefitsAMovedMeshAndAnswersAsAFreshBuild) {
+    std::mt19937 rng(11);
+    const KTriMesh rest = Sheet(40, 2.0f);
+    const auto moved = [&rest](float t) {
+        KTriMesh m = rest;
+        for (KVector& p : m.points) p += KVector(0.3f * t, 0, 0.4f * std::sin(2 * p.x + t));
+        return m;
+    };
+    KTriMesh changed = moved(1.0f);
+    changed.triangles[5] = KInt3{0, 1, 42};
+    KTriMesh nan = moved(1.0f);
+    nan.points[7].z = std::numeric_limits<float>::quiet_NaN();
+    KTriMesh scrambled = moved(1.0f);
+    std::shuffle(scrambled.points.begin(), scrambled.points.end(), rng);
+    KTriMesh fewer = moved(1.0f);
+    fewer.points.pop_back();
+    const struct {
+        KTriMesh mesh;
+        bool refits;
+        const char* what;
+    } steps[] = {
+        {moved(0.5f), true, "moved"},
+        {moved(1.5f), true, "moved again"},
+        {changed, false, "other triangles"},
+        {moved(2.0f), false, "triangles as the last set(), which were others"},
+        {moved(2.5f), true, "moved after a rebuild"},
+        {nan, false, "a corner turned NaN: its triangles are left out"},
+        {moved(3.0f), false, "the last build left triangles out"},
+        {scrambled, false, "boxes that overlap far more than a fresh build's"},
+        {fewer, false, "fewer vertices"},
+    };
+    KTriMeshDistTree tree(rest, 10, 10);
+    const std::vector<KVector> queries = RandomPoints(rng, 300, 3.0f);
+    for (const auto& s : steps) {
+        EXPECT_EQ(tree.update(s.mesh), s.refits) << s.what;
+        const KTriMeshDistTree fresh(s.mesh, 10, 10);
+        for (const KVector& q : queries) {
+            KVector c1(9, 9, 9), c2(9, 9, 9);
+            int t1 = -2, t2 = -2;
+            const bool f1 = tree.getClosestPoint(q, c1, t1, 0.8f), f2 = fresh.getClosestPoint(q, c2, t2, 0.8f);
+            ASSERT_EQ(f1, f2) << s.what;
+            ASSERT_EQ(t1, t2) << s.what;
+            ASSERT_EQ(c1, c2) << s.what;
+        }
+    }
+}

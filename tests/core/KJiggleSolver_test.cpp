@@ -1,0 +1,668 @@
+// Jiggle engine: hand-worked steps, a sequence against a step-by-step reference, the time rules,
+// the edge cases of the simulation, map write-back, guards and threads.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <functional>
+#include <random>
+
+#include "KJiggleSolver.h"
+#include "MeshGenerators.h"
+
+using namespace Kavrin;
+
+namespace {
+
+// A roof along y: ridge x = 0, z = 1, falling by 3/4 per unit of |x| on both sides, so that the
+// faces' unit normals are (+-0.6, 0, 0.8). Vertex 1 (the middle of the ridge) is surrounded by six
+// triangles; its vertex normal is (0, 0, 1).
+KTriMesh Roof(double tx) {
+    KTriMesh m;
+    const float x = static_cast<float>(tx);
+    m.points = KVectorArray();
+    const KVector corners[] = {{x, -4, 1}, {x, 0, 1},      {x, 4, 1},      {x + 4, -4, -2},
+                               {x + 4, 4, -2}, {x - 4, -4, -2}, {x - 4, 4, -2}};
+    for (const KVector& c : corners) m.points.push_back(c);
+    // a = 0, m = 1, b = 2, c = 3, d = 4, e = 5, f = 6
+    m.triangles = KInt3Array();
+    for (const KInt3& t : {KInt3{1, 0, 3}, KInt3{1, 3, 4}, KInt3{1, 4, 2}, KInt3{1, 2, 6}, KInt3{1, 6, 5},
+                           KInt3{1, 5, 0}})
+        m.triangles.push_back(t);
+    return m;
+}
+
+// Everything one evaluation needs, owned here; input() points the engine at it.
+struct Frame {
+    KArray<KDouble3> points;  // iterated points, object space
+    KIntArray indices;
+    KArray<float> weights;
+    KArray<KDouble3> meshPoints;
+    KVectorArray normals;
+    KTriMesh tangent;
+    KArray<double> maps[3];  // damping, stiffness, normal strength; empty: no values
+    KJiggleInput in;
+
+    KJiggleInput& input() {
+        in.points = &points;
+        in.indices = &indices;
+        in.weights = &weights;
+        in.meshPoints = &meshPoints;
+        in.numVertices = meshPoints.length();
+        in.normals = &normals;
+        in.tangentMesh = &tangent;
+        KJiggleMap* m[3] = {&in.dampingMap, &in.stiffnessMap, &in.normalStrengthMap};
+        for (int k = 0; k < 3; ++k) {
+            *m[k] = KJiggleMap();
+            if (!maps[k].empty()) {
+                m[k]->values = maps[k].data();
+                m[k]->length = maps[k].length();
+            }
+        }
+        return in;
+    }
+};
+
+// A mesh given as points, every vertex deformed in vertex order with weight 1.
+Frame WholeMesh(const KVectorArray& pts, const KVectorArray& normals) {
+    Frame f;
+    for (int v = 0; v < pts.length(); ++v) {
+        f.points.push_back(KDouble3{pts[v].x, pts[v].y, pts[v].z});
+        f.indices.push_back(v);
+        f.weights.push_back(1.0f);
+    }
+    f.meshPoints = f.points;
+    f.normals = normals;
+    return f;
+}
+
+// One point moving along x through given positions, its vertex normal (0, 0, 1).
+Frame OnePoint(double x) {
+    KVectorArray p, n;
+    p.push_back(KVector(static_cast<float>(x), 0, 0));
+    n.push_back(KVector(0, 0, 1));
+    return WholeMesh(p, n);
+}
+
+// The step as the deformer describes it, written out once more with plain doubles, for checking
+// the engine against: state by vertex index, points in iterator order, every rule in its order.
+struct Reference {
+    bool first = true;
+    double lastTime = 0;
+    std::vector<std::array<double, 3>> cur, prev, vel;
+
+    static std::array<double, 3> Mul(const KDouble3& p, const double m[4][4]) {
+        std::array<double, 3> r;
+        for (int j = 0; j < 3; ++j) r[j] = p[0] * m[0][j] + p[1] * m[1][j] + p[2] * m[2][j] + 1.0 * m[3][j];
+        return r;
+    }
+
+    // Returns false when the points are left untouched; out then keeps the input.
+    bool evaluate(const KJiggleInput& in, std::vector<std::array<double, 3>>& out) {
+        const int count = in.points->length();
+        out.assign(static_cast<size_t>(count), {0, 0, 0});
+        for (int i = 0; i < count; ++i)
+            for (int k = 0; k < 3; ++k) out[i][k] = (*in.points)[i][k];
+        if (in.envelope < 1e-30f) return false;
+        if (first) {
+            const int nv = in.meshPoints->length();
+            cur.resize(nv);
+            prev.resize(nv);
+            vel.assign(nv, {0, 0, 0});
+            for (int j = 0; j < nv; ++j) cur[j] = prev[j] = Mul((*in.meshPoints)[j], in.localToWorld);
+            lastTime = in.time;
+            first = false;
+        }
+        const double dt = in.time - lastTime;
+        if (dt > 1.0 || dt < 0) {
+            lastTime = in.time;
+            return false;
+        }
+        if (double(in.startFrame) >= in.time) return false;
+        const double h = double(in.timeScale) * dt;
+        const double L = double(in.distanceLimit) * double(in.scale);
+        auto mapValue = [](const KJiggleMap& m, int idx) { return m.values && m.length > 0 ? m.values[idx] : 1.0; };
+        for (int i = 0; i < count; ++i) {
+            const int idx = (*in.indices)[i];
+            const double d = double(in.damping) * mapValue(in.dampingMap, idx);
+            const double s = double(in.stiffness) * mapValue(in.stiffnessMap, idx);
+            const double n = double(in.normalStrength) * mapValue(in.normalStrengthMap, idx);
+            const std::array<double, 3> g = Mul((*in.points)[i], in.localToWorld);
+            std::array<double, 3> p, e;
+            for (int k = 0; k < 3; ++k) vel[idx][k] = (cur[idx][k] - prev[idx][k]) * ((1 - d) * h);
+            for (int k = 0; k < 3; ++k) p[k] = cur[idx][k] + vel[idx][k];
+            for (int k = 0; k < 3; ++k) p[k] = p[k] + (g[k] - p[k]) * (s * h * h);
+            for (int k = 0; k < 3; ++k) e[k] = p[k] - g[k];
+            const double e2 = e[0] * e[0] + e[1] * e[1] + e[2] * e[2];
+            const double len = std::sqrt(e2);
+            if (len > L) {
+                if (e2 > 1e-20)
+                    for (double& c : e) c /= len;
+                for (int k = 0; k < 3; ++k) {
+                    e[k] *= L;
+                    p[k] = g[k] + e[k];
+                }
+            }
+            const KVector N = (*in.normals)[idx];
+            if (n < 1) {
+                const float c = float((1 - n) * (double(N.x) * e[0] + double(N.y) * e[1] + double(N.z) * e[2]));
+                const float Nc[3] = {N.x * c, N.y * c, N.z * c};
+                for (int k = 0; k < 3; ++k) p[k] -= Nc[k];
+                // (the snapping is checked by hand elsewhere)
+            }
+            const double b = in.directionBias;
+            if (b != 0) {
+                std::array<double, 3> r, u;
+                for (int k = 0; k < 3; ++k) r[k] = u[k] = p[k] - g[k];
+                const double r2 = r[0] * r[0] + r[1] * r[1] + r[2] * r[2];
+                if (r2 > 1e-20)
+                    for (double& c : u) c /= std::sqrt(r2);
+                const double kk = double(N.x) * u[0] + double(N.y) * u[1] + double(N.z) * u[2];
+                if (kk < 0)
+                    for (int k = 0; k < 3; ++k) p[k] += r[k] * (b * kk);
+            }
+            prev[idx] = cur[idx];
+            cur[idx] = p;
+            KDouble3 pw{p[0], p[1], p[2]};
+            const std::array<double, 3> q = Mul(pw, in.worldToLocal);
+            const double w = double((*in.weights)[i]) * double(in.envelope);
+            for (int k = 0; k < 3; ++k) out[i][k] = (*in.points)[i][k] + (q[k] - (*in.points)[i][k]) * w;
+        }
+        lastTime = in.time;
+        return true;
+    }
+};
+
+void ExpectPoint(const KDouble3& got, double x, double y, double z, double tol, const char* what) {
+    EXPECT_NEAR(got[0], x, tol) << what;
+    EXPECT_NEAR(got[1], y, tol) << what;
+    EXPECT_NEAR(got[2], z, tol) << what;
+}
+
+void SetTranslation(KJiggleInput& in, double x, double y, double z) {
+    for (int r = 0; r < 4; ++r)
+        for (int c = 0; c < 4; ++c) in.localToWorld[r][c] = in.worldToLocal[r][c] = r == c ? 1 : 0;
+    in.localToWorld[3][0] = x, in.localToWorld[3][1] = y, in.localToWorld[3][2] = z;
+    in.worldToLocal[3][0] = -x, in.worldToLocal[3][1] = -y, in.worldToLocal[3][2] = -z;
+}
+
+}  // namespace
+
+// Two steps of the ridge vertex of a roof sliding along x, every term on: maps, damping, spring,
+// the distance limit (step 1), the normal flattening (step 2), snapping onto the roof, the
+// direction bias, a matrix, and weight x envelope. Values worked out by hand in the comments.
+TEST(Jiggle, TwoHandWorkedStepsWithEveryTermOn) {
+    Frame f;
+    f.tangent = Roof(0);
+    for (const KVector& p : f.tangent.points) f.meshPoints.push_back(KDouble3{p.x, p.y, p.z});
+    f.points.push_back(KDouble3{0, 0, 1});
+    f.indices.push_back(1);
+    f.weights.push_back(0.5f);
+    f.normals.setLength(7, false);
+    f.normals[1] = KVector(0, 0, 1);
+    f.maps[0].setLengthWithValue(7, 0.5);  // d = 0.25 * 0.5 = 0.125
+    f.maps[1].setLengthWithValue(7, 0.5);  // s = 0.5 * 0.5 = 0.25
+    f.maps[2].setLengthWithValue(7, 0.5);  // n = 0.5 * 0.5 = 0.25
+    KJiggleInput& in = f.input();
+    in.damping = 0.25f;
+    in.stiffness = 0.5f;
+    in.normalStrength = 0.5f;
+    in.distanceLimit = 0.5f;  // L = 0.5 * 2 = 1
+    in.scale = 2.0f;
+    in.directionBias = 0.5f;
+    in.moreAccurateTangent = true;
+    in.envelope = 0.5f;  // blend = 0.5 * 0.5 = 0.25
+    SetTranslation(in, 0, 3, 0);  // along the ridge, so world and object space see the same roof
+
+    KJiggleSolver solver;
+    ASSERT_EQ(solver.evaluate(in).outcome.status, KOutcome::kUntouched);  // t = 0: start, at the start frame
+    ExpectPoint(solver.currentPositions()[1], 0, 3, 1, 0, "started at the goal in world space");
+
+    // t = 1, the roof slid by 2: g = (2, 3, 1). v = 0; spring: p = (0,3,1) + (2,0,0) * 0.25 = (0.5, 3, 1);
+    // e = (-1.5, 0, 0), |e| > 1: e = (-1, 0, 0), p = (1, 3, 1). N.e = 0: no flattening. Snapping: p is
+    // 0.6 above the left face (normal (-0.6, 0, 0.8)): closest (1.36, 3, 0.52). Bias: r = (-0.64, 0, -0.48),
+    // unit (-0.8, 0, -0.6), k = -0.6: p += r * (0.5 * -0.6) -> (1.552, 3, 0.664). Output:
+    // (2, 0, 1) + ((1.552, 0, 0.664) - (2, 0, 1)) * 0.25 = (1.888, 0, 0.916).
+    f.tangent = Roof(2);
+    f.points[0] = KDouble3{2, 0, 1};
+    in.time = 1;
+    ASSERT_EQ(solver.evaluate(f.input()).outcome.status, KOutcome::kDeformed);
+    ExpectPoint(solver.currentPositions()[1], 1.552, 3, 0.664, 1e-6, "step 1 state");
+    ExpectPoint(solver.previousPositions()[1], 0, 3, 1, 0, "step 1 previous");
+    ExpectPoint(solver.points()[0], 1.888, 0, 0.916, 1e-6, "step 1 output");
+
+    // t = 2, the roof at x = 3: g = (3, 3, 1). v = (1.552, 0, -0.336) * 0.875 = (1.358, 0, -0.294);
+    // p = (2.91, 3, 0.37); spring: + (0.09, 0, 0.63) * 0.25 -> (2.9325, 3, 0.5275); e = (-0.0675, 0,
+    // -0.4725), |e| < 1. c = 0.75 * -0.4725 = -0.354375: p = (2.9325, 3, 0.881875). Snapping: below the
+    // left face by 0.054 (right face 0.135, ridge 0.136): (2.9001, 3, 0.925075). Bias: r = (-0.0999, 0,
+    // -0.074925) = 0.124875 * (-0.8, 0, -0.6): p += r * -0.3 -> (2.93007, 3, 0.9475525). Output:
+    // (3, 0, 1) + ((2.93007, 0, 0.9475525) - (3, 0, 1)) * 0.25 = (2.9825175, 0, 0.986888125).
+    f.tangent = Roof(3);
+    f.points[0] = KDouble3{3, 0, 1};
+    in.time = 2;
+    ASSERT_EQ(solver.evaluate(f.input()).outcome.status, KOutcome::kDeformed);
+    ExpectPoint(solver.velocities()[1], 1.358, 0, -0.294, 1e-6, "step 2 velocity");
+    ExpectPoint(solver.currentPositions()[1], 2.93007, 3, 0.9475525, 1e-6, "step 2 state");
+    ExpectPoint(solver.points()[0], 2.9825175, 0, 0.986888125, 1e-6, "step 2 output");
+    EXPECT_EQ(solver.lastTime(), 2.0);
+}
+
+// Twelve frames of a waving sheet, deformed in a shuffled order over part of its vertices, with a
+// rotating, scaling, translating matrix, random maps and weights, the limit, the flattening and the
+// bias all at work, and time steps of every kind: the engine must match the reference to the bit.
+TEST(Jiggle, SequenceMatchesStepByStepReference) {
+    const KPolyMesh sheet = MakeDetailedGrid(9, 4.0f);
+    const int nv = sheet.numVertices();
+    std::mt19937 rng(7);
+    std::uniform_real_distribution<double> u(0.0, 1.0);
+
+    Frame f;
+    for (int v = 0; v < nv; ++v) f.meshPoints.push_back(KDouble3{sheet.points[v].x, sheet.points[v].y, sheet.points[v].z});
+    std::vector<int> order;
+    for (int v = 0; v < nv; ++v)
+        if (v % 5 != 3) order.push_back(v);
+    std::shuffle(order.begin(), order.end(), rng);
+    for (int v : order) {
+        f.indices.push_back(v);
+        f.weights.push_back(static_cast<float>(u(rng)));
+        f.points.push_back(KDouble3());
+    }
+    for (KArray<double>& m : f.maps)
+        for (int v = 0; v < nv; ++v) m.push_back(0.3 + 0.9 * u(rng));
+    f.normals.setLength(nv, false);
+
+    KJiggleInput& in = f.input();
+    in.damping = 0.2f;
+    in.stiffness = 0.45f;
+    in.normalStrength = 0.6f;
+    in.distanceLimit = 0.35f;
+    in.scale = 1.5f;
+    in.directionBias = -0.4f;
+    in.timeScale = 0.9f;
+    in.startFrame = 1;
+    in.envelope = 0.8f;
+    // Rows: 0.8 * rotation about z by the angle with cosine 0.6, then translation.
+    const double m[4][4] = {{0.48, 0.64, 0, 0}, {-0.64, 0.48, 0, 0}, {0, 0, 0.8, 0}, {1.5, -2, 0.25, 1}};
+    const double inv[4][4] = {{0.75, -1, 0, 0}, {1, 0.75, 0, 0}, {0, 0, 1.25, 0}, {0.875, 3, -0.3125, 1}};
+    std::copy(&m[0][0], &m[0][0] + 16, &in.localToWorld[0][0]);
+    std::copy(&inv[0][0], &inv[0][0] + 16, &in.worldToLocal[0][0]);
+
+    const double times[] = {0, 1, 2, 3, 3, 3.5, 4.25, 6, 7, 6.5, 7.5, 8.5};  // a repeat, a jump, a step back
+    KJiggleSolver solver;
+    Reference ref;
+    int deformed = 0;
+    for (double t : times) {
+        KPolyMesh pose = sheet;
+        for (KVector& p : pose.points) p.z += 0.6f * std::sin(1.3f * p.x + 0.8f * static_cast<float>(t)) + 0.2f * p.y * float(t);
+        for (int i = 0; i < f.indices.length(); ++i) {
+            const KVector& p = pose.points[f.indices[i]];
+            f.points[i] = KDouble3{p.x, p.y, p.z};
+        }
+        KTriMesh tri;
+        pose.triangulate(tri);
+        tri.getVertexNormals(f.normals, true);
+        in.time = t;
+        std::vector<std::array<double, 3>> expected;
+        const bool refDeformed = ref.evaluate(f.input(), expected);
+        const KJiggleResult r = solver.evaluate(f.input());
+        ASSERT_EQ(r.outcome.deformed(), refDeformed) << "t = " << t;
+        if (!refDeformed) continue;
+        ++deformed;
+        for (int i = 0; i < f.indices.length(); ++i)
+            for (int k = 0; k < 3; ++k) ASSERT_EQ(solver.points()[i][k], expected[i][k]) << "t = " << t << " point " << i;
+        for (int v = 0; v < nv; ++v)
+            for (int k = 0; k < 3; ++k) {
+                ASSERT_EQ(solver.currentPositions()[v][k], ref.cur[v][k]) << "t = " << t << " vertex " << v;
+                ASSERT_EQ(solver.velocities()[v][k], ref.vel[v][k]) << "t = " << t << " vertex " << v;
+            }
+    }
+    // 0 starts, 1 is at the start frame (the clock stays at 0), so 2 is a jump; 6 and 6.5 jump too.
+    EXPECT_EQ(deformed, 7);
+}
+
+// The clock: a jump forward of more than 1 or any step back only moves it (scrubbing back shows
+// the input once, then steps on from the kept state); at or before the start frame neither the
+// clock nor the state moves; the same time again steps with h = 0 (the velocity becomes zero, the
+// limit still applies).
+TEST(Jiggle, TimeRules) {
+    Frame f = OnePoint(0);
+    KJiggleInput& in = f.input();
+    in.startFrame = 2;
+    in.stiffness = 0.5f;
+    KJiggleSolver solver;
+    const struct {
+        double time, goal;
+        KOutcome::Status status;
+        double lastTime, x;
+        const char* what;
+    } steps[] = {
+        {0, 0, KOutcome::kUntouched, 0, 0, "start"},
+        {1, 0, KOutcome::kUntouched, 0, 0, "before the start frame: the clock stays"},
+        {2, 0, KOutcome::kUntouched, 2, 0, "dt = 2 jumps: only the clock moves"},
+        {2, 0, KOutcome::kUntouched, 2, 0, "at the start frame nothing moves"},
+        {3, 1, KOutcome::kDeformed, 3, 0.5, "dt = 1 steps: 0 + (1 - 0) * 0.5"},
+        {3, 3, KOutcome::kDeformed, 3, 2, "dt = 0: no velocity, no spring, e = -2.5 limited to -1"},
+        {2.5, 3, KOutcome::kUntouched, 2.5, 2, "backwards: only the clock moves"},
+        {3.5, 3, KOutcome::kDeformed, 3.5, 3.175, "steps from the kept state: 2 + 1.5 * 0.9, then the spring"},
+        {4.75, 3, KOutcome::kUntouched, 4.75, 3.175, "dt = 1.25 jumps"},
+    };
+    for (const auto& s : steps) {
+        f.points[0] = KDouble3{s.goal, 0, 0};
+        in.time = s.time;
+        EXPECT_EQ(solver.evaluate(f.input()).outcome.status, s.status) << s.what;
+        EXPECT_EQ(solver.lastTime(), s.lastTime) << s.what;
+        EXPECT_NEAR(solver.currentPositions()[0][0], s.x, 1e-6) << s.what;
+        if (s.status == KOutcome::kDeformed && s.goal == 3 && s.time == 3) {
+            EXPECT_EQ(solver.velocities()[0][0], 0.0) << s.what;
+        }
+    }
+}
+
+// The described edge cases of the simulation, each on one point sliding along x.
+TEST(Jiggle, NoSpringNoLossKeepsMovingAndUnitSpringLandsOnGoal) {
+    // First step with stiffness 1 lands on the goal (displacement 1), then no spring and no loss:
+    // the point keeps moving by 1 per step although the goal stays at 1.
+    Frame f = OnePoint(0);
+    KJiggleInput& in = f.input();
+    in.distanceLimit = 1e6f;
+    in.stiffness = 1.0f;
+    in.damping = 0.0f;
+    KJiggleSolver solver;
+    solver.evaluate(f.input());
+    f.points[0] = KDouble3{1, 0, 0};
+    for (int t = 1; t <= 5; ++t) {
+        in.time = t;
+        if (t == 2) in.stiffness = 0.0f;
+        ASSERT_EQ(solver.evaluate(f.input()).outcome.status, KOutcome::kDeformed);
+        EXPECT_EQ(solver.currentPositions()[0][0], double(t)) << "t = " << t;
+    }
+
+    // stiffness * h^2 = 1, whichever way: the point lands on the goal (before limit and bias).
+    const struct {
+        float stiffness, map, timeScale;
+    } units[] = {{1.0f, 1.0, 1.0f}, {0.25f, 1.0, 2.0f}, {0.5f, 0.5, 2.0f}, {1.0f, 4.0, 0.5f}};
+    for (const auto& c : units) {
+        Frame g = OnePoint(0);
+        g.maps[1].setLengthWithValue(1, c.map);
+        KJiggleInput& gi = g.input();
+        gi.stiffness = c.stiffness;
+        gi.timeScale = c.timeScale;
+        gi.damping = 0.3f;
+        gi.distanceLimit = 100.0f;
+        KJiggleSolver s;
+        for (int t = 0; t <= 3; ++t) {
+            g.points[0] = KDouble3{0.7 * t * t, 0.1 * t, 0};
+            gi.time = t;
+            s.evaluate(g.input());
+            EXPECT_NEAR(s.currentPositions()[0][0], 0.7 * t * t, 1e-14) << c.stiffness << " t = " << t;
+            EXPECT_NEAR(s.currentPositions()[0][1], 0.1 * t, 1e-14);
+        }
+    }
+}
+
+TEST(Jiggle, ZeroLimitPinsNormalStrengthOneSkipsSnappingWeightZeroKeepsInput) {
+    // A sheet moving up fast; the tangent mesh is far away, so any snapping would show.
+    const KPolyMesh sheet = MakeDetailedGrid(5, 2.0f);
+    KTriMesh tri;
+    sheet.triangulate(tri);
+    KVectorArray normals;
+    tri.getVertexNormals(normals, true);
+    const auto run = [&](const std::function<void(Frame&)>& setup, int steps, Frame* last = nullptr) {
+        Frame f = WholeMesh(sheet.points, normals);
+        f.tangent = tri;
+        for (KVector& p : f.tangent.points) p.z += 50.0f;
+        KJiggleInput& in = f.input();
+        in.normalStrength = 0.5f;
+        in.directionBias = 0.5f;
+        setup(f);
+        KJiggleSolver solver;
+        for (int t = 0; t <= steps; ++t) {
+            for (int v = 0; v < f.points.length(); ++v) f.points[v][2] = sheet.points[v].z + 0.8 * t + 0.1 * v;
+            f.in.time = t;
+            solver.evaluate(f.input());
+        }
+        if (last) *last = f;
+        return solver;
+    };
+
+    // distanceLimit 0 or scale 0: every point sits on its goal; e = 0 leaves nothing for the
+    // normal and bias terms.
+    for (const auto& limits : {std::make_pair(0.0f, 1.0f), std::make_pair(1.0f, 0.0f)}) {
+        Frame last;
+        const KJiggleSolver s = run([&](Frame& f) { f.in.distanceLimit = limits.first, f.in.scale = limits.second; }, 3, &last);
+        for (int v = 0; v < last.points.length(); ++v) {
+            EXPECT_EQ(s.currentPositions()[v], last.points[v]) << v;
+            EXPECT_EQ(s.points()[v], last.points[v]) << v;
+        }
+    }
+
+    // normalStrength 1 with map 1 skips the flattening and the snapping even with
+    // moreAccurateTangent on; a map value below 1 brings both back.
+    const KJiggleSolver plain = run([](Frame& f) { f.in.normalStrength = 1.0f; }, 3);
+    const KJiggleSolver accurate = run([](Frame& f) { f.in.normalStrength = 1.0f, f.in.moreAccurateTangent = true; }, 3);
+    const KJiggleSolver snapped = run(
+        [](Frame& f) {
+            f.in.normalStrength = 1.0f, f.in.moreAccurateTangent = true;
+            f.maps[2].setLengthWithValue(f.meshPoints.length(), 0.99);
+        },
+        3);
+    EXPECT_EQ(plain.currentPositions(), accurate.currentPositions());
+    EXPECT_EQ(plain.points(), accurate.points());
+    EXPECT_NE(plain.currentPositions(), snapped.currentPositions());
+
+    // Weight 0 leaves every point at its input, while the state evolves exactly as with weight 1.
+    Frame last;
+    const KJiggleSolver unweighted = run([](Frame& f) { f.weights.setLengthWithValue(f.weights.length(), 0.0f); }, 3, &last);
+    const KJiggleSolver weighted = run([](Frame&) {}, 3);
+    EXPECT_EQ(unweighted.points(), last.points);
+    EXPECT_EQ(unweighted.currentPositions(), weighted.currentPositions());
+    EXPECT_NE(weighted.points(), last.points);
+}
+
+// Snapping with the object away from the origin searches the object-space surface around a
+// world-space point, within 1.5 |e| + 1e-4; when nothing lies that near the point goes to the
+// world origin.
+TEST(Jiggle, SnappingSearchesTheObjectSpaceSurfaceWithinItsRadius) {
+    // One step of the roof's ridge vertex by 0.2 along x: p = (0.06, 0, 1 + lift), e = (-0.14, 0, 0),
+    // no flattening (e is along the ridge's tangent); the nearest roof point is the ridge vertex
+    // (0, 0, 1), sqrt(0.06^2 + lift^2) from p.
+    const double within = std::sqrt(0.175 * 0.175 - 0.06 * 0.06);  // 1.25 |e|: found
+    const struct {
+        double lift;
+        double x, y, z;  // world position after the step
+    } cases[] = {{within, 0, 0, 1}, {100, 0, 0, 0}};
+    for (const auto& c : cases) {
+        Frame f;
+        f.tangent = Roof(0);
+        for (const KVector& p : f.tangent.points) f.meshPoints.push_back(KDouble3{p.x, p.y, p.z});
+        f.points.push_back(KDouble3{0, 0, 1});
+        f.indices.push_back(1);
+        f.weights.push_back(1.0f);
+        f.normals.setLength(7, false);
+        f.normals[1] = KVector(0, 0, 1);
+        KJiggleInput& in = f.input();
+        in.normalStrength = 0.5f;
+        in.moreAccurateTangent = true;
+        SetTranslation(in, 0, 0, c.lift);
+        KJiggleSolver solver;
+        solver.evaluate(f.input());
+        f.points[0] = KDouble3{0.2, 0, 1};
+        in.time = 1;
+        ASSERT_EQ(solver.evaluate(f.input()).outcome.status, KOutcome::kDeformed);
+        ExpectPoint(solver.currentPositions()[1], c.x, c.y, c.z, 1e-6, "world position");
+        ExpectPoint(solver.points()[0], c.x, c.y, c.z - c.lift, 1e-6, "object space");
+    }
+}
+
+// Envelope: below 1e-30 nothing runs (the simulation does not even start); otherwise it scales.
+TEST(Jiggle, EnvelopeSwitchesOffAndScales) {
+    for (float envelope : {0.0f, 1e-31f, -1.0f}) {
+        Frame f = OnePoint(0);
+        f.in.envelope = envelope;
+        KJiggleSolver solver;
+        const KJiggleResult r = solver.evaluate(f.input());
+        EXPECT_EQ(r.outcome.status, KOutcome::kUntouched);
+        EXPECT_FALSE(r.writeDampingMap || r.writeStiffnessMap || r.writeNormalStrengthMap);
+        EXPECT_TRUE(solver.meshPointsNeeded());
+    }
+    KArray<KDouble3> outputs[2];
+    const float envelopes[2] = {1.0f, 0.5f};
+    for (int k = 0; k < 2; ++k) {
+        Frame f = OnePoint(0);
+        f.in.envelope = envelopes[k];
+        KJiggleSolver solver;
+        solver.evaluate(f.input());
+        f.points[0] = KDouble3{0.5, 0, 0};
+        f.in.time = 1;
+        solver.evaluate(f.input());
+        outputs[k] = solver.points();
+    }
+    EXPECT_NEAR(outputs[0][0][0], 0.15, 1e-7);   // 0 + 0.5 * 0.3
+    EXPECT_NEAR(outputs[1][0][0], 0.325, 1e-7);  // halfway between the input (0.5) and the jiggled point
+}
+
+// Maps without values become one 1.0 per vertex and are written back; stored maps are used as
+// they are, whatever their values.
+TEST(Jiggle, MapsWithoutValuesAreWrittenBackFull) {
+    Frame f = OnePoint(0);
+    f.meshPoints.push_back(KDouble3{5, 5, 5});  // a second vertex that is not deformed
+    f.normals.push_back(KVector(0, 0, 1));
+    f.maps[1] = KArray<double>{2.0, 7.0};
+    KJiggleSolver solver;
+    KJiggleInput& in = f.input();
+    KArray<double> empty;
+    in.dampingMap.values = empty.data();  // read, but empty
+    in.dampingMap.length = 0;
+    const KJiggleResult r = solver.evaluate(in);
+    EXPECT_TRUE(r.writeDampingMap);
+    EXPECT_FALSE(r.writeStiffnessMap);
+    EXPECT_TRUE(r.writeNormalStrengthMap);
+    EXPECT_EQ(solver.fullMap(), (KArray<double>{1.0, 1.0}));
+
+    // The in-memory attributes take the write-back, and keep a stored map.
+    KJiggleAttributes a;
+    a.hasStiffnessMap = true;
+    a.stiffnessMap = KArray<double>(9);
+    KJiggleSolver s2;
+    a.evaluate(s2, MakeDetailedGrid(3, 1.0f), 0.0, nullptr, 1.0f, 1);
+    EXPECT_TRUE(a.hasDampingMap && a.hasNormalStrengthMap);
+    KArray<double> ones;
+    ones.setLengthWithValue(9, 1.0);
+    EXPECT_EQ(a.dampingMap, ones);
+    EXPECT_EQ(a.stiffnessMap, KArray<double>(9));
+}
+
+// Guards: each turns a read outside an array into a failed evaluation with its message that
+// writes nothing and leaves the state as it was.
+TEST(Jiggle, GuardsFailWithTheirMessageAndTouchNothing) {
+    const struct {
+        const char* message;
+        std::function<void(Frame&)> spoil;
+    } cases[] = {
+        {kJiggleBadIndex, [](Frame& f) { f.indices[1] = 2; }},
+        {kJiggleBadIndex, [](Frame& f) { f.indices[0] = -1; }},
+        {kJiggleMeshGrew,
+         [](Frame& f) {
+             f.meshPoints.push_back(KDouble3()), f.normals.push_back(KVector(0, 0, 1));
+             f.indices[1] = 2;
+         }},
+        {kJiggleDampingMapTooShort, [](Frame& f) { f.maps[0] = KArray<double>{1.0}; }},
+        {kJiggleStiffnessMapTooShort, [](Frame& f) { f.maps[1] = KArray<double>{1.0}; }},
+        {kJiggleNormalStrengthMapTooShort, [](Frame& f) { f.maps[2] = KArray<double>{1.0}; }},
+        {kJiggleInputMismatch, [](Frame& f) { f.weights.pop_back(); }},
+        {kJiggleInputMismatch, [](Frame& f) { f.normals.pop_back(); }},
+    };
+    for (const auto& c : cases) {
+        KVectorArray pts, normals;
+        pts.push_back(KVector(0, 0, 0));
+        pts.push_back(KVector(1, 0, 0));
+        normals.push_back(KVector(0, 0, 1));
+        normals.push_back(KVector(0, 0, 1));
+        Frame f = WholeMesh(pts, normals);
+        KJiggleSolver solver;
+        solver.evaluate(f.input());  // started on two vertices
+        f.in.time = 1;
+        for (KDouble3& p : f.points) p[0] += 0.5;
+        c.spoil(f);
+        const KArray<KDouble3> before = solver.currentPositions();
+        const KJiggleResult r = solver.evaluate(f.input());
+        EXPECT_TRUE(r.outcome.failed()) << c.message;
+        EXPECT_EQ(r.outcome.message, c.message);
+        EXPECT_FALSE(r.writeDampingMap || r.writeStiffnessMap || r.writeNormalStrengthMap) << c.message;
+        EXPECT_EQ(solver.currentPositions(), before) << c.message;
+        EXPECT_EQ(solver.lastTime(), 0.0) << c.message;
+    }
+
+    // A failure at the first evaluation does not start the simulation; evaluations that do not
+    // step read nothing per vertex and so do not fail.
+    Frame f = OnePoint(0);
+    f.in.time = 1;
+    f.meshPoints.clear();
+    KJiggleSolver solver;
+    EXPECT_EQ(solver.evaluate(f.input()).outcome.message, kJiggleInputMismatch);
+    EXPECT_TRUE(solver.meshPointsNeeded());
+    Frame g = OnePoint(0);
+    solver.evaluate(g.input());
+    g.in.time = -1;
+    g.indices[0] = 40;
+    EXPECT_EQ(solver.evaluate(g.input()).outcome.status, KOutcome::kUntouched);
+}
+
+// The node's thread rule, and results that do not depend on the team size.
+TEST(Jiggle, ThreadsRuleAndIdenticalResults) {
+    EXPECT_EQ(KJiggleSolver::TeamSize(0, 8), 1);
+    EXPECT_EQ(KJiggleSolver::TeamSize(1, 8), 1) << "Multi-CPUs stays on one thread";
+    EXPECT_EQ(KJiggleSolver::TeamSize(2, 8), 8);
+    EXPECT_EQ(KJiggleSolver::TeamSize(3, 8), 1);
+
+    const KPolyMesh sheet = MakeDetailedGrid(90, 4.0f);  // 8,100 vertices: several threads take part
+    KArray<KDouble3> results[2];
+    const int threads[2] = {1, 4};
+    for (int k = 0; k < 2; ++k) {
+        KJiggleAttributes a;
+        a.normalStrength = 0.4f;
+        a.directionBias = 0.3f;
+        a.moreAccurateTangent = true;
+        KJiggleSolver solver;
+        for (int t = 0; t < 4; ++t) {
+            KPolyMesh pose = sheet;
+            for (KVector& p : pose.points) p.z += 0.3f * std::sin(p.x + t);
+            ASSERT_FALSE(a.evaluate(solver, pose, t, nullptr, 1.0f, threads[k]).outcome.failed());
+        }
+        results[k] = solver.points();
+    }
+    EXPECT_EQ(results[0], results[1]);
+}
+
+// Points that name the same vertex twice (no host iterator does) step one after the other on one
+// thread, whatever the team size: the second sees the state the first left, as in the reference.
+TEST(Jiggle, RepeatedVerticesStepInOrder) {
+    const KPolyMesh sheet = MakeDetailedGrid(64, 4.0f);  // 4,096 vertices, each named twice
+    KTriMesh tri;
+    sheet.triangulate(tri);
+    KVectorArray normals;
+    tri.getVertexNormals(normals, true);
+    Frame f = WholeMesh(sheet.points, normals);
+    const int nv = sheet.numVertices();
+    for (int v = 0; v < nv; ++v) {
+        f.indices.push_back(v);
+        f.points.push_back(f.points[v]);
+        f.weights.push_back(0.5f);
+    }
+    f.in.threads = 4;
+    f.in.normalStrength = 0.5f;
+    f.in.directionBias = 0.2f;
+    KJiggleSolver solver;
+    Reference ref;
+    std::vector<std::array<double, 3>> expected;
+    for (int t = 0; t < 4; ++t) {
+        for (int i = 0; i < f.points.length(); ++i) f.points[i][2] = sheet.points[f.indices[i]].z + 0.3 * t * t;
+        f.in.time = t;
+        ref.evaluate(f.input(), expected);
+        solver.evaluate(f.input());
+    }
+    for (int i = 0; i < f.points.length(); ++i)
+        for (int k = 0; k < 3; ++k) ASSERT_EQ(solver.points()[i][k], expected[i][k]) << i;
+}
