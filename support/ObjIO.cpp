@@ -201,7 +201,7 @@ KPolyMesh ParseObj(std::string_view text, const std::string& name, KCornerUVs* u
 
 KPolyMesh ReadObj(const std::string& path, KCornerUVs* uvs) { return ParseObj(ReadTextFile(path), path, uvs); }
 
-std::string FormatObj(const KPolyMesh& mesh) {
+std::string FormatObj(const KPolyMesh& mesh, const KCornerUVs* uvs) {
     // Guard (behaviour note "Results that are not finite")
     std::vector<int> bad;
     for (int i = 0; i < mesh.numVertices(); ++i) {
@@ -212,6 +212,28 @@ std::string FormatObj(const KPolyMesh& mesh) {
         throw KFileError(Plural(bad.size(), "vertex is", "vertices are") + " not finite (" + FirstFew(bad) +
                          "); nothing was written");
     if (!mesh.valid()) throw KFileError("the faces do not fit the vertices; nothing was written");
+    // Texture coordinates are written only when they describe these faces: one entry per corner,
+    // each face with a coordinate on every corner or on none (the reader's rule).
+    if (uvs && uvs->uvs.empty()) uvs = nullptr;
+    if (uvs) {
+        if (uvs->corners.length() != mesh.faceVertices.length())
+            throw KFileError("the texture coordinates do not fit the faces; nothing was written");
+        int corner = 0;
+        for (int f = 0; f < mesh.numFaces(); ++f) {
+            int mapped = 0;
+            for (int k = 0; k < mesh.faceCounts[f]; ++k, ++corner) {
+                const int uv = uvs->corners[corner];
+                if (uv >= uvs->uvs.length()) throw KFileError("a texture coordinate index is out of range; nothing was written");
+                mapped += uv >= 0 ? 1 : 0;
+            }
+            if (mapped != 0 && mapped != mesh.faceCounts[f])
+                throw KFileError("face " + std::to_string(f + 1) +
+                                 " has texture coordinates on some corners only; nothing was written");
+        }
+        for (const KFloat2& uv : uvs->uvs)
+            if (!std::isfinite(uv[0]) || !std::isfinite(uv[1]))
+                throw KFileError("a texture coordinate is not finite; nothing was written");
+    }
     std::string out;
     out.reserve(static_cast<size_t>(mesh.numVertices()) * 40 + mesh.faceVertices.size() * 8);
     for (const KVector& p : mesh.points) {
@@ -223,12 +245,25 @@ std::string FormatObj(const KPolyMesh& mesh) {
         AppendNumber(out, p.z);
         out += '\n';
     }
+    if (uvs) {
+        for (const KFloat2& uv : uvs->uvs) {
+            out += "vt ";
+            AppendNumber(out, uv[0]);
+            out += ' ';
+            AppendNumber(out, uv[1]);
+            out += '\n';
+        }
+    }
     int at = 0;
     for (int count : mesh.faceCounts) {
         out += 'f';
         for (int k = 0; k < count; ++k) {
             out += ' ';
             AppendNumber(out, mesh.faceVertices[at + k] + 1);
+            if (uvs && uvs->corners[at + k] >= 0) {
+                out += '/';
+                AppendNumber(out, uvs->corners[at + k] + 1);
+            }
         }
         out += '\n';
         at += count;
@@ -236,10 +271,10 @@ std::string FormatObj(const KPolyMesh& mesh) {
     return out;
 }
 
-void WriteObj(const std::string& path, const KPolyMesh& mesh) {
+void WriteObj(const std::string& path, const KPolyMesh& mesh, const KCornerUVs* uvs) {
     std::string text;
     try {
-        text = FormatObj(mesh);
+        text = FormatObj(mesh, uvs);
     } catch (const KFileError& e) {
         throw KFileError(path + ": " + e.what());
     }

@@ -39,13 +39,14 @@ KPolyMesh ReadObj(const std::string& path, KCornerUVs* uvs = nullptr);
 // The same on text already in memory; name stands for the file in messages.
 KPolyMesh ParseObj(std::string_view text, const std::string& name, KCornerUVs* uvs = nullptr);
 
-// Writes the points (the shortest decimal text that reads back as the same float) and the
-// original faces (one-based indices). Throws KFileError, writing nothing, when a point is not
-// finite or the faces do not fit the vertices (ReadObj would refuse the file), and when the file
-// cannot be written.
-void WriteObj(const std::string& path, const KPolyMesh& mesh);
+// Writes the points (the shortest decimal text that reads back as the same float), with uvs given
+// the texture coordinates ("vt", and "f v/vt" on the faces that have them), and the original
+// faces (one-based indices). Throws KFileError, writing nothing, when a point or coordinate is not
+// finite, the faces do not fit the vertices or the coordinates do not fit the faces (ReadObj
+// would refuse the file), and when the file cannot be written.
+void WriteObj(const std::string& path, const KPolyMesh& mesh, const KCornerUVs* uvs = nullptr);
 
 // The text WriteObj writes. Throws KFileError (without a file name) as WriteObj does.
-std::string FormatObj(const KPolyMesh& mesh);
+std::string FormatObj(const KPolyMesh& mesh, const KCornerUVs* uvs = nullptr);
 
 }  // namespace Kavrin

@@ -60,9 +60,9 @@ std::string RangeText(int lowest, int highest) { return std::to_string(lowest) +
 
 KPolyMesh LoadMesh(const std::string& path) { return ReadObj(path); }
 
-void SaveMesh(const std::string& path, const KPolyMesh& mesh) {
+void SaveMesh(const std::string& path, const KPolyMesh& mesh, const KCornerUVs* uvs) {
     try {
-        WriteObj(path, mesh);
+        WriteObj(path, mesh, uvs);
     } catch (const KFileError& e) {
         throw RunError(e.what());
     }
@@ -166,15 +166,24 @@ CLI::Option* AddCountOption(CLI::App* sub, const std::string& name, int& value, 
     return sub->add_option(name, value, description + " (" + range + ")")->check(check)->capture_default_str();
 }
 
+namespace {
+
+const CLI::Validator kFiniteNumber(
+    [](std::string& text) -> std::string {
+        double v = 0.0;
+        std::string why;
+        return ParseFloatWord(text, v, why) ? std::string() : why;
+    },
+    "");
+
+}  // namespace
+
 CLI::Option* AddFiniteOption(CLI::App* sub, const std::string& name, float& value, const std::string& description) {
-    const CLI::Validator check(
-        [](std::string& text) -> std::string {
-            double v = 0.0;
-            std::string why;
-            return ParseFloatWord(text, v, why) ? std::string() : why;
-        },
-        "");
-    return sub->add_option(name, value, description)->check(check)->capture_default_str();
+    return sub->add_option(name, value, description)->check(kFiniteNumber)->capture_default_str();
+}
+
+CLI::Option* AddFiniteOption(CLI::App* sub, const std::string& name, double& value, const std::string& description) {
+    return sub->add_option(name, value, description)->check(kFiniteNumber)->capture_default_str();
 }
 
 CLI::Option* AddOutputOption(CLI::App* sub, std::string& out, const std::string& description) {

@@ -17,6 +17,7 @@
 
 #include "KMessageSink.h"
 #include "KPolyMesh.h"
+#include "ObjIO.h"
 
 namespace Kavrin {
 
@@ -49,9 +50,9 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands);
 
 // Reads an OBJ file; any problem is a KFileError, which the tool reports as bad input.
 KPolyMesh LoadMesh(const std::string& path);
-// Writes an OBJ file; a failure (including a result with points that are not finite) is a
-// RunError.
-void SaveMesh(const std::string& path, const KPolyMesh& mesh);
+// Writes an OBJ file, with uvs given its texture coordinates too; a failure (including a result
+// with points that are not finite) is a RunError.
+void SaveMesh(const std::string& path, const KPolyMesh& mesh, const KCornerUVs* uvs = nullptr);
 
 // Throws UsageError unless pose has the vertex count and faces of rest.
 void RequireSameTopology(const KPolyMesh& rest, const std::string& restPath, const KPolyMesh& pose,
@@ -96,6 +97,7 @@ CLI::Option* AddCountOption(CLI::App* sub, const std::string& name, int& value, 
 
 // A number option that must be finite and within the range of a float.
 CLI::Option* AddFiniteOption(CLI::App* sub, const std::string& name, float& value, const std::string& description);
+CLI::Option* AddFiniteOption(CLI::App* sub, const std::string& name, double& value, const std::string& description);
 
 // The required "-o,--output PATH"; an empty path is refused.
 CLI::Option* AddOutputOption(CLI::App* sub, std::string& out, const std::string& description);

@@ -73,30 +73,4 @@ KVectorArray OffsetRun::deform(const KPolyMesh& mesh, const KArray<KFloat2>& uvs
 }
 
 // Decision (behaviour note "Offset command: texture coordinates kept")
-void SaveMeshWithUVs(const std::string& path, const KPolyMesh& mesh, const KCornerUVs& uvs) {
-    if (uvs.uvs.empty() || uvs.corners.length() != mesh.faceVertices.length()) {
-        SaveMesh(path, mesh);
-        return;
-    }
-    std::FILE* file = std::fopen(path.c_str(), "w");
-    if (!file) throw RunError(path + ": cannot write the file");
-    // Nine significant digits give every float back exactly.
-    for (const KVector& p : mesh.points) std::fprintf(file, "v %.9g %.9g %.9g\n", p.x, p.y, p.z);
-    for (const KFloat2& uv : uvs.uvs) std::fprintf(file, "vt %.9g %.9g\n", uv[0], uv[1]);
-    int at = 0;
-    for (int count : mesh.faceCounts) {
-        std::fputc('f', file);
-        for (int k = 0; k < count; ++k, ++at) {
-            const int uv = uvs.corners[at];
-            if (uv >= 0 && uv < uvs.uvs.length())
-                std::fprintf(file, " %d/%d", mesh.faceVertices[at] + 1, uv + 1);
-            else
-                std::fprintf(file, " %d", mesh.faceVertices[at] + 1);
-        }
-        std::fputc('\n', file);
-    }
-    const bool failed = std::ferror(file) != 0;
-    if (std::fclose(file) != 0 || failed) throw RunError(path + ": cannot write the file");
-}
-
 }  // namespace Kavrin

@@ -34,9 +34,5 @@ private:
     KArray<KDouble3> _normals;
 };
 
-// Writes mesh as SaveMesh does, with the texture coordinates of its face corners ("vt" lines and
-// "f v/vt" corners; a corner without one stays "v"). Without coordinates, or with corners that
-// do not belong to these faces, it is SaveMesh. A failure is a RunError.
-void SaveMeshWithUVs(const std::string& path, const KPolyMesh& mesh, const KCornerUVs& uvs);
 
 }  // namespace Kavrin

@@ -1,7 +1,6 @@
 // kavrin jiggle: secondary motion over a sequence of frames of an animated mesh.
 
 #include <chrono>
-#include <cstdio>
 
 #include "CommandSupport.h"
 #include "JiggleRun.h"
@@ -25,48 +24,33 @@ void AddJiggleCommand(CLI::App& app, std::vector<Command>& commands) {
         "Make an animated mesh lag behind and overshoot its motion; the frames are consecutive, the first at time 0, "
         "and share their vertices and faces.");
     // Decision (behaviour note "kavrin jiggle: option ranges"): the node's hard limits.
-    sub->add_option("--stiffness", a.stiffness, "pull of each point towards its animated position per step")
-        ->capture_default_str()
+    AddFiniteOption(sub, "--stiffness", a.stiffness, "pull of each point towards its animated position per step")
         ->check(CLI::Range(0.0f, 1.0f));
-    sub->add_option("--damping", a.damping, "share of the velocity lost per step")
-        ->capture_default_str()
-        ->check(CLI::Range(0.0f, 1.0f));
-    sub->add_option("--normal-strength", a.normalStrength,
+    AddFiniteOption(sub, "--damping", a.damping, "share of the velocity lost per step")->check(CLI::Range(0.0f, 1.0f));
+    AddFiniteOption(sub, "--normal-strength", a.normalStrength,
                     "how much of the motion along the surface normal is kept (1: all, 0: none)")
-        ->capture_default_str()
         ->check(CLI::Range(0.0f, 1.0f));
-    sub->add_option("--scale", a.scale, "multiplies the distance limit")->capture_default_str();
-    sub->add_option("--distance-limit", a.distanceLimit, "farthest a point may lag from its animated position")
-        ->capture_default_str();
-    sub->add_option("--direction-bias", a.directionBias,
+    AddFiniteOption(sub, "--scale", a.scale, "multiplies the distance limit");
+    AddFiniteOption(sub, "--distance-limit", a.distanceLimit, "farthest a point may lag from its animated position");
+    AddFiniteOption(sub, "--direction-bias", a.directionBias,
                     "positive: pull back points that lag behind the surface; negative: push them further")
-        ->capture_default_str()
         ->check(CLI::Range(-1.0f, 1.0f));
-    sub->add_option("--time-scale", a.timeScale, "simulation step per frame")
-        ->capture_default_str()
-        ->check(CLI::NonNegativeNumber);
+    AddFiniteOption(sub, "--time-scale", a.timeScale, "simulation step per frame")->check(CLI::NonNegativeNumber);
     sub->add_option("--start-frame", a.startFrame,
                     "frames at or before this one are written unchanged; above 0, so is the next (the clock, "
                     "which stood still, jumps)")
         ->capture_default_str();
     sub->add_flag("--more-accurate-tangent", a.moreAccurateTangent,
                   "snap flattened points back onto the surface (slower)");
-    sub->add_option("--stiffness-map", options->stiffnessMap, "per-vertex stiffness factors, one a line")
-        ->check(CLI::ExistingFile);
-    sub->add_option("--damping-map", options->dampingMap, "per-vertex damping factors, one a line")
-        ->check(CLI::ExistingFile);
+    sub->add_option("--stiffness-map", options->stiffnessMap, "per-vertex stiffness factors, one a line");
+    sub->add_option("--damping-map", options->dampingMap, "per-vertex damping factors, one a line");
     sub->add_option("--normal-strength-map", options->normalStrengthMap,
-                    "per-vertex normal-strength factors, one a line")
-        ->check(CLI::ExistingFile);
-    sub->add_option("--weights", options->weights, "per-vertex deformer weights, one a line (0 keeps the input)")
-        ->check(CLI::ExistingFile);
-    sub->add_option("--envelope", options->envelope, "blend of the jiggled result (below 1e-30: off)")
-        ->capture_default_str();
-    sub->add_option("--threads", options->threads, "worker threads (0: all cores)")->capture_default_str();
-    sub->add_option("frames", options->frames, "the mesh at consecutive frames (OBJ)")
-        ->required()
-        ->check(CLI::ExistingFile);
-    sub->add_option("-o,--output", options->out, "output file for one frame, else output folder")->required();
+                    "per-vertex normal-strength factors, one a line");
+    sub->add_option("--weights", options->weights, "per-vertex deformer weights, one a line (0 keeps the input)");
+    AddFiniteOption(sub, "--envelope", options->envelope, "blend of the jiggled result (below 1e-30: off)");
+    AddThreadsOption(sub, options->threads);
+    sub->add_option("frames", options->frames, "the mesh at consecutive frames (OBJ)")->required();
+    AddOutputOption(sub, options->out, "output file for one frame, else output folder");
 
     commands.push_back(Command{sub, [options]() {
         std::vector<KPolyMesh> frames;
@@ -89,7 +73,9 @@ void AddJiggleCommand(CLI::App& app, std::vector<Command>& commands) {
             const KArray<double> values = ReadValues(options->weights, nv);
             for (double w : values) weights.push_back(static_cast<float>(w));
         }
-        const std::vector<std::string> outputs = OutputPaths(options->out, options->frames);
+        const std::vector<std::string> outputs = OutputPaths(
+            options->out, options->frames,
+            {options->stiffnessMap, options->dampingMap, options->normalStrengthMap, options->weights});
 
         JiggleRun run(attributes, weights, options->threads);
         for (size_t i = 0; i < frames.size(); ++i) {
@@ -99,9 +85,8 @@ void AddJiggleCommand(CLI::App& app, std::vector<Command>& commands) {
             const double ms =
                 std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
             SaveMesh(outputs[i], result);
-            std::printf("[%zu/%zu] %s -> %s (%.1f ms)\n", i + 1, frames.size(), options->frames[i].c_str(),
-                        outputs[i].c_str(), ms);
-            std::fflush(stdout);
+            Progress("[%zu/%zu] %s -> %s (%.1f ms)", i + 1, frames.size(), options->frames[i].c_str(),
+                     outputs[i].c_str(), ms);
         }
     }});
 }

@@ -50,10 +50,6 @@ KTextureImage ReadTexture(const std::string& path) {
     return ReadTextureRed(path);
 }
 
-void RequireFinite(double value, const char* option) {
-    if (!std::isfinite(value)) throw UsageError(std::string(option) + " must be a finite number");
-}
-
 }  // namespace
 
 void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
@@ -62,6 +58,7 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
         float red = 0.0f;
         double scale = 1.0;
         float envelope = 1.0f;
+        int threads = 0;
         std::string weights;
         std::string uvSet = kObjUVSet;
         std::vector<std::string> meshes;
@@ -74,22 +71,20 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
     CLI::Option* texture = sub->add_option(
         "--texture", options->texture,
         "image (PNG, TIFF, OpenEXR, ...) whose red channel is sampled at each vertex's UV, bilinearly, repeating");
-    CLI::Option* red = sub->add_option("--red", options->red, "one red value for every vertex instead of an image");
-    sub->add_option("--scale", options->scale, "displacement per unit of red (negative pushes inwards)")
-        ->capture_default_str();
-    sub->add_option("--envelope", options->envelope, "multiplies the displacement")->capture_default_str();
-    sub->add_option("--weights", options->weights, "per-vertex weights, one value a line")->check(CLI::ExistingFile);
+    CLI::Option* red =
+        AddFiniteOption(sub, "--red", options->red, "one red value for every vertex instead of an image");
+    AddFiniteOption(sub, "--scale", options->scale, "displacement per unit of red (negative pushes inwards)");
+    AddFiniteOption(sub, "--envelope", options->envelope, "multiplies the displacement");
+    sub->add_option("--weights", options->weights, "per-vertex weights, one value a line");
     sub->add_option("--uv-set", options->uvSet, "UV set to sample (an OBJ file holds one, map1)")
         ->capture_default_str();
-    sub->add_option("meshes", options->meshes, "meshes (OBJ)")->required()->check(CLI::ExistingFile);
-    sub->add_option("-o,--output", options->out, "output file for one mesh, else output folder")->required();
+    AddThreadsOption(sub, options->threads);
+    sub->add_option("meshes", options->meshes, "meshes (OBJ)")->required();
+    AddOutputOption(sub, options->out, "output file for one mesh, else output folder");
 
     commands.push_back(Command{sub, [options, texture, red]() {
         const bool useTexture = texture->count() > 0;
         if (useTexture == (red->count() > 0)) throw UsageError("give one of --texture IMAGE and --red VALUE");
-        RequireFinite(options->red, "--red");
-        RequireFinite(options->scale, "--scale");
-        RequireFinite(options->envelope, "--envelope");
         // Decision (behaviour note "Offset command: one UV set")
         if (options->uvSet != kObjUVSet)
             throw UsageError("--uv-set " + options->uvSet + ": an OBJ file holds one UV set, named " + kObjUVSet);
@@ -116,7 +111,8 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
                                      " vertices");
             for (double w : values) weights.push_back(static_cast<float>(w));
         }
-        const std::vector<std::string> outputs = OutputPaths(options->out, options->meshes);
+        const std::vector<std::string> outputs =
+            OutputPaths(options->out, options->meshes, {options->weights, options->texture});
         KTextureImage image;
         if (useTexture) image = ReadTexture(options->texture);
 
@@ -131,17 +127,16 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
                                 "); they sample the image at UV (0, 0)");
         }
 
-        OffsetRun run(useTexture ? &image : nullptr, options->red, options->scale, options->envelope, 0);
+        OffsetRun run(useTexture ? &image : nullptr, options->red, options->scale, options->envelope, options->threads);
         for (size_t i = 0; i < meshes.size(); ++i) {
             const auto start = std::chrono::steady_clock::now();
             KPolyMesh result = meshes[i];
             result.points = run.deform(meshes[i], uvs[i].uvs, weights);
             const double ms =
                 std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-            SaveMeshWithUVs(outputs[i], result, corners[i]);
-            std::printf("[%zu/%zu] %s -> %s (%.1f ms)\n", i + 1, meshes.size(), options->meshes[i].c_str(),
-                        outputs[i].c_str(), ms);
-            std::fflush(stdout);
+            SaveMesh(outputs[i], result, &corners[i]);
+            Progress("[%zu/%zu] %s -> %s (%.1f ms)", i + 1, meshes.size(), options->meshes[i].c_str(),
+                     outputs[i].c_str(), ms);
         }
     }});
 }

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "CommandSupport.h"
 #include "Demo.h"
 #include "OffsetRun.h"
 #include "VertexNormalsUVs.h"
@@ -78,7 +79,7 @@ void OffsetDemo(const std::string& folder, int threads) {
     TexturedSphere(rings, segments, sphere, corners);
     const std::string pattern = DemoPath(folder, "offset-pattern.png");
     WriteImage(pattern, width, height, 3, BumpPattern(width, height), 8);
-    SaveMeshWithUVs(DemoPath(folder, "offset-sphere.obj"), sphere, corners);
+    SaveMesh(DemoPath(folder, "offset-sphere.obj"), sphere, &corners);
     std::printf("Offset: a textured sphere (%d vertices, %d faces) and a %d x %d pattern image of 12 x 6 bumps "
                 "(offset-pattern.png).\n",
                 sphere.numVertices(), sphere.numFaces(), width, height);
@@ -102,7 +103,7 @@ void OffsetDemo(const std::string& folder, int threads) {
             largest = std::max(largest, moved);
         }
         const char* name = s > 0 ? "offset-sphere-out.obj" : "offset-sphere-in.obj";
-        SaveMeshWithUVs(DemoPath(folder, name), result, corners);
+        SaveMesh(DemoPath(folder, name), result, &corners);
         std::printf("  scale %+.2f: %6.2f ms, largest move %.3f, off scale x red by at most %.2g -> %s\n", s, ms,
                     largest, worst, name);
     }

@@ -167,8 +167,8 @@ TEST_F(KavrinOffset, BadInputIsOneLineExitTwoAndNothingIsWritten) {
         {"--texture " + path("missing.png") + " " + mesh + o, path("missing.png") + ": cannot open the file"},
         {"--red 1 --weights " + three + " " + mesh + o, three + ": 3 weights, but " + mesh + " has 8 vertices"},
         {"--red 1 --uv-set uv2 " + mesh + o, "--uv-set uv2: an OBJ file holds one UV set, named map1"},
-        {"--red 1 --scale nan " + mesh + o, "--scale must be a finite number"},
-        {"--red inf " + mesh + o, "--red must be a finite number"},
+        {"--red 1 --scale nan " + mesh + o, "--scale: 'nan' is not a finite number"},
+        {"--red inf " + mesh + o, "--red: 'inf' is not a finite number"},
         {"--red 1 " + path("missing.obj") + o, ""},
     };
     for (const auto& c : cases) {
