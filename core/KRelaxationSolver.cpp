@@ -1,0 +1,260 @@
+#include "KRelaxationSolver.h"
+
+#include <cmath>
+
+#include "KPointTransform.h"
+#include "KThreads.h"
+
+namespace Kavrin {
+
+const char* const kRelaxNoPoints =
+    "KRelaxationMeshDeformer: the input geometry has no points for some of its indices; the points were left "
+    "untouched.";
+const char* const kRelaxNotFinite =
+    "KRelaxationMeshDeformer: the input mesh has a point that is not a number or infinite; the points were left "
+    "untouched.";
+const char* const kRelaxNoRings =
+    "KRelaxationMeshDeformer: the mesh's neighbour lists could not be read; nothing was bound.";
+const char* const kRelaxCachesDoNotFit =
+    "KRelaxationMeshDeformer: the binding loaded when the node was created belongs to a mesh with other vertices; "
+    "re-create the node (or reload the scene) to use the new binding. The points were left untouched.";
+const char* const kRelaxNoColliders =
+    "KRelaxationMeshDeformer: the colliders could not be read; the points were left untouched.";
+const char* const kRelaxBadMultipliers =
+    "KRelaxationMeshDeformer: the collider multipliers do not cover every vertex; the points were left untouched.";
+const char* const kRelaxNoNormals =
+    "KRelaxationMeshDeformer: the input mesh's normals could not be read; the points were left untouched.";
+
+namespace {
+
+inline void ToWorld(const KDouble3& p, const double m[4][4], KDouble3& out) {
+    const double in[4] = {p[0], p[1], p[2], 1.0};
+    double r[4];
+    TransformPoint(in, m, r);
+    out = KDouble3{r[0], r[1], r[2]};
+}
+
+}  // namespace
+
+bool KRelaxationSolver::bindingDue(const KRelaxationInput& in) const {
+    return Active(in.envelope) && (!in.stiffness || in.stiffness->length() != in.count);
+}
+
+bool KRelaxationSolver::storedBindingNeeded(const KRelaxationInput& in) const {
+    return Active(in.envelope) && _firstRun && !bindingDue(in);
+}
+
+bool KRelaxationSolver::collisionsNeeded(const KRelaxationInput& in) const {
+    return Active(in.envelope) && in.doCollisions && in.iterations >= 1 && in.numColliders > 0;
+}
+
+bool KRelaxationSolver::CollisionDue(int pass, int iterations, int steps) {
+    // Guard (behaviour note "Relaxation: collisionSteps below 1"): no remainder by 0.
+    if (steps < 1) return true;
+    return pass % steps == 0 || pass == iterations - 1;
+}
+
+KRelaxationResult KRelaxationSolver::evaluate(const KRelaxationInput& in) {
+    KRelaxationResult result;
+    _collisionPasses.clear();
+    if (!Active(in.envelope)) return result;
+    const int count = in.count > 0 ? in.count : 0;
+    // Guard (behaviour note "Relaxation: points that are not there or not finite").
+    if (count > 0 && !in.points) return KRelaxationResult{KOutcome::Failed(kRelaxNoPoints), false, false};
+    for (int i = 0; i < count; ++i)
+        if (!std::isfinite(in.points[i][0]) || !std::isfinite(in.points[i][1]) || !std::isfinite(in.points[i][2]))
+            return KRelaxationResult{KOutcome::Failed(kRelaxNotFinite), false, false};
+    const bool collisions = collisionsNeeded(in);
+    // Guard (behaviour note "Relaxation: collider inputs that do not cover the mesh").
+    if (collisions && count > 0 && !in.normals) return KRelaxationResult{KOutcome::Failed(kRelaxNoNormals), false, false};
+    if (collisions && !in.colliders) return KRelaxationResult{KOutcome::Failed(kRelaxNoColliders), false, false};
+    if (collisions && in.multipliers &&
+        in.multipliers->size() != static_cast<size_t>(count) * static_cast<size_t>(in.numColliders))
+        return KRelaxationResult{KOutcome::Failed(kRelaxBadMultipliers), false, false};
+
+    // The input in world space, then the deformer weights.
+    _input.setLength(count, false);
+    const KDouble3* points = in.points;
+    KDouble3* input = _input.data();
+#pragma omp parallel for schedule(static) num_threads(TeamFor(in.threads, count))
+    for (int i = 0; i < count; ++i) ToWorld(points[i], in.worldMatrix, input[i]);
+    _weights.setLength(count, false);
+    for (int i = 0; i < count; ++i) _weights[i] = in.weights ? in.weights[i] : 1.0f;
+
+    // A "stiffness" array that does not fit the mesh (none on a new node) binds it.
+    const bool bind = bindingDue(in);
+    if (bind) {
+        // Guard (behaviour note "Relaxation: neighbour lists outside the mesh").
+        if (!in.rings) return KRelaxationResult{KOutcome::Failed(kRelaxNoRings), false, false};
+        const KOutcome bound = BindRelaxation(_input.data(), count, *in.rings, _bound);
+        if (bound.failed()) {
+            // The lists written before the stop are kept, as they always were; a guard wrote none.
+            const bool partial = bound.message == kRelaxTooManyNeighbours;
+            return KRelaxationResult{bound, partial, false};
+        }
+        result.writeBinding = true;
+        _stiffness.setLengthWithValue(count, kRelaxDefaultStiffness);
+        result.writeStiffness = true;
+    } else {
+        _stiffness = *in.stiffness;
+    }
+
+    // The stored binding is loaded once, on the node's first evaluation: a later bind rewrites
+    // the stored lists but not the running node's caches.
+    if (_firstRun) {
+        const KRelaxationBindingData* stored = bind ? &_bound : in.stored;
+        static const KRelaxationBindingData kNone;
+        const KOutcome loaded = LoadRelaxationCaches(stored ? *stored : kNone, count, _caches);
+        if (loaded.failed()) {
+            result.outcome = loaded;
+            return result;
+        }
+        _firstRun = false;
+    }
+    // Guard (behaviour note "Relaxation: stored binding that does not fit").
+    if (!_caches.fits(count)) {
+        result.outcome = KOutcome::Failed(kRelaxCachesDoNotFit);
+        return result;
+    }
+
+    if (collisions) _collisions.prepare(_input.data(), count, in.colliders, in.numColliders);
+
+    // The passes, ping-ponging between two arrays: a pass reads the points of the one before and
+    // writes every vertex (moved or not) of the other.
+    _prev = _input;
+    _cur.setLength(count, false);
+    KArray<KDouble3>* from = &_prev;
+    KArray<KDouble3>* to = &_cur;
+    for (int pass = 0; pass < in.iterations; ++pass) {
+        _relaxPass(*from, *to, in.enableScaleSafe, in.threads);
+        if (collisions && CollisionDue(pass, in.iterations, in.collisionSteps)) {
+            _collisions.collide(to->data(), count, _weights.data(), in.multipliers ? in.multipliers->data() : nullptr,
+                                in.normals, in.threads);
+            _collisionPasses.push_back(pass);
+        }
+        std::swap(from, to);
+    }
+
+    // Final blend by weight and envelope, then back to object space.
+    _out.setLength(count, false);
+    const KDouble3* relaxed = from->data();
+    const float* weights = _weights.data();
+    const float envelope = in.envelope;
+    KDouble3* out = _out.data();
+#pragma omp parallel for schedule(static) num_threads(TeamFor(in.threads, count))
+    for (int i = 0; i < count; ++i) {
+        KDouble3 p = relaxed[i];
+        const float f = weights[i] * envelope;
+        if (f != 1.0f)
+            for (int a = 0; a < 3; ++a) p[a] = input[i][a] + (p[a] - input[i][a]) * static_cast<double>(f);
+        ToWorld(p, in.inverseWorldMatrix, out[i]);
+    }
+    result.outcome = KOutcome::Deformed();
+    return result;
+}
+
+void KRelaxationSolver::_relaxPass(const KArray<KDouble3>& prevPoints, KArray<KDouble3>& curPoints, bool scaleSafe,
+                                   int threads) const {
+    const int count = prevPoints.length();
+    const KDouble3* p = prevPoints.data();
+    KDouble3* cur = curPoints.data();
+    const float* weights = _weights.data();
+    const double* stiffness = _stiffness.data();
+    const int* offsets = _caches.offsets.data();
+    const int* sorted = _caches.connVrtIds.data();
+    const int* order = _caches.nrmOrderIds.data();
+    const double* ratios = _caches.scalableRatios.data();
+    const double* mvw = _caches.meanValWeights.data();
+    const float* heights = _caches.heightCache.data();
+#pragma omp parallel for schedule(static) num_threads(TeamFor(threads, count))
+    for (int i = 0; i < count; ++i) {
+        const KDouble3& y = p[i];
+        cur[i] = y;
+        if (weights[i] <= 0.001f) continue;
+        const int begin = offsets[i];
+        const int n = offsets[i + 1] - begin;
+        if (n < 1) continue;
+
+        // This thread's scratch: the neighbours in sorted order and their plane projections.
+        double q[kRelaxMaxNeighbours][3];
+        double r[kRelaxMaxNeighbours][3];
+        double c[3] = {0.0, 0.0, 0.0};
+        for (int k = 0; k < n; ++k) {
+            const KDouble3& x = p[sorted[begin + k]];
+            for (int a = 0; a < 3; ++a) {
+                q[k][a] = x[a];
+                c[a] += x[a];
+            }
+        }
+        for (int a = 0; a < 3; ++a) c[a] /= n;
+
+        // Ring normal from the neighbours in the host's order.
+        double N[3] = {0.0, 0.0, 0.0};
+        const int* o = order + begin;
+        for (int k = 1; k <= n; ++k) {
+            const KDouble3& pn = p[o[k % n]];
+            const KDouble3& pp = p[o[k - 1]];
+            const double a0 = pn[0] - c[0], a1 = pn[1] - c[1], a2 = pn[2] - c[2];
+            const double b0 = pp[0] - c[0], b1 = pp[1] - c[1], b2 = pp[2] - c[2];
+            N[0] += a1 * b2 - a2 * b1;
+            N[1] += a2 * b0 - a0 * b2;
+            N[2] += a0 * b1 - a1 * b0;
+        }
+        const double len = std::sqrt(N[0] * N[0] + N[1] * N[1] + N[2] * N[2]);
+        if (len > 0.0)
+            for (int a = 0; a < 3; ++a) N[a] /= len;
+        if (std::sqrt(N[0] * N[0] + N[1] * N[1] + N[2] * N[2]) < 0.001) continue;
+
+        double sum = 0.0;
+        for (int k = 0; k < n; ++k) sum += N[0] * q[k][0] + N[1] * q[k][1] + N[2] * q[k][2];
+        const double d = -sum / n;
+
+        // Mean-value estimate in the plane.
+        const double* w = mvw + begin;
+        double e[3] = {0.0, 0.0, 0.0};
+        for (int k = 0; k < n; ++k) {
+            const double s = N[0] * q[k][0] + N[1] * q[k][1] + N[2] * q[k][2] + d;
+            for (int a = 0; a < 3; ++a) {
+                r[k][a] = q[k][a] - N[a] * s;
+                e[a] += w[k] * r[k][a];
+            }
+        }
+
+        // Lift along the normal: the stored height, or each neighbour's prediction from its ratio.
+        double lift;
+        if (scaleSafe) {
+            const double* s = ratios + begin;
+            lift = 0.0;
+            for (int k = 0; k < n; ++k) {
+                const double l0 = e[0] - r[k][0], l1 = e[1] - r[k][1], l2 = e[2] - r[k][2];
+                const double l = std::sqrt(l0 * l0 + l1 * l1 + l2 * l2);
+                const double h = (q[k][0] - r[k][0]) * N[0] + (q[k][1] - r[k][1]) * N[1] + (q[k][2] - r[k][2]) * N[2];
+                lift += w[k] * (s[k] * l + h);
+            }
+        } else {
+            lift = static_cast<double>(heights[i]);
+        }
+
+        const double stiff = static_cast<double>(static_cast<float>(stiffness[i]));
+        KDouble3 out;
+        for (int a = 0; a < 3; ++a) {
+            const double t = e[a] + N[a] * lift;
+            out[a] = t + (y[a] - t) * stiff;
+        }
+        cur[i] = out;
+    }
+}
+
+KRelaxationResult KRelaxationAttributes::evaluate(KRelaxationSolver& solver, KRelaxationInput in) {
+    in.stiffness = hasStiffness ? &stiffness : nullptr;
+    in.stored = &binding;
+    const KRelaxationResult result = solver.evaluate(in);
+    if (result.writeBinding) binding = solver.binding();
+    if (result.writeStiffness) {
+        stiffness = solver.stiffness();
+        hasStiffness = true;
+    }
+    return result;
+}
+
+}  // namespace Kavrin
