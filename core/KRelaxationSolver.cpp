@@ -178,69 +178,87 @@ void KRelaxationSolver::_relaxPass(const KArray<KDouble3>& prevPoints, KArray<KD
         // This thread's scratch: the neighbours in sorted order and their plane projections.
         double q[kRelaxMaxNeighbours][3];
         double r[kRelaxMaxNeighbours][3];
-        double c[3] = {0.0, 0.0, 0.0};
+        const double inv = 1.0 / n;
+        double c0 = 0.0, c1 = 0.0, c2 = 0.0;
         for (int k = 0; k < n; ++k) {
             const KDouble3& x = p[sorted[begin + k]];
-            for (int a = 0; a < 3; ++a) {
-                q[k][a] = x[a];
-                c[a] += x[a];
-            }
+            q[k][0] = x[0];
+            q[k][1] = x[1];
+            q[k][2] = x[2];
+            c0 += x[0];
+            c1 += x[1];
+            c2 += x[2];
         }
-        for (int a = 0; a < 3; ++a) c[a] /= n;
+        c0 *= inv;
+        c1 *= inv;
+        c2 *= inv;
 
-        // Ring normal from the neighbours in the host's order.
-        double N[3] = {0.0, 0.0, 0.0};
+        // Ring normal from the neighbours in the host's order; a zero normal (a degenerate ring)
+        // leaves the vertex where it is, as any normal shorter than 0.001 does.
         const int* o = order + begin;
-        for (int k = 1; k <= n; ++k) {
-            const KDouble3& pn = p[o[k % n]];
-            const KDouble3& pp = p[o[k - 1]];
-            const double a0 = pn[0] - c[0], a1 = pn[1] - c[1], a2 = pn[2] - c[2];
-            const double b0 = pp[0] - c[0], b1 = pp[1] - c[1], b2 = pp[2] - c[2];
-            N[0] += a1 * b2 - a2 * b1;
-            N[1] += a2 * b0 - a0 * b2;
-            N[2] += a0 * b1 - a1 * b0;
+        const KDouble3* last = &p[o[n - 1]];
+        double b0 = (*last)[0] - c0, b1 = (*last)[1] - c1, b2 = (*last)[2] - c2;
+        double N0 = 0.0, N1 = 0.0, N2 = 0.0;
+        for (int k = 0; k < n; ++k) {
+            const KDouble3& pn = p[o[k]];
+            const double a0 = pn[0] - c0, a1 = pn[1] - c1, a2 = pn[2] - c2;
+            N0 += a1 * b2 - a2 * b1;
+            N1 += a2 * b0 - a0 * b2;
+            N2 += a0 * b1 - a1 * b0;
+            b0 = a0;
+            b1 = a1;
+            b2 = a2;
         }
-        const double len = std::sqrt(N[0] * N[0] + N[1] * N[1] + N[2] * N[2]);
-        if (len > 0.0)
-            for (int a = 0; a < 3; ++a) N[a] /= len;
-        if (std::sqrt(N[0] * N[0] + N[1] * N[1] + N[2] * N[2]) < 0.001) continue;
+        const double len2 = N0 * N0 + N1 * N1 + N2 * N2;
+        if (!(len2 > 0.0)) continue;
+        const double invLen = 1.0 / std::sqrt(len2);
+        N0 *= invLen;
+        N1 *= invLen;
+        N2 *= invLen;
 
         double sum = 0.0;
-        for (int k = 0; k < n; ++k) sum += N[0] * q[k][0] + N[1] * q[k][1] + N[2] * q[k][2];
-        const double d = -sum / n;
+        double s[kRelaxMaxNeighbours];
+        for (int k = 0; k < n; ++k) {
+            s[k] = N0 * q[k][0] + N1 * q[k][1] + N2 * q[k][2];
+            sum += s[k];
+        }
+        const double d = -sum * inv;
 
         // Mean-value estimate in the plane.
         const double* w = mvw + begin;
-        double e[3] = {0.0, 0.0, 0.0};
+        double e0 = 0.0, e1 = 0.0, e2 = 0.0;
         for (int k = 0; k < n; ++k) {
-            const double s = N[0] * q[k][0] + N[1] * q[k][1] + N[2] * q[k][2] + d;
-            for (int a = 0; a < 3; ++a) {
-                r[k][a] = q[k][a] - N[a] * s;
-                e[a] += w[k] * r[k][a];
-            }
+            const double h = s[k] + d;
+            r[k][0] = q[k][0] - N0 * h;
+            r[k][1] = q[k][1] - N1 * h;
+            r[k][2] = q[k][2] - N2 * h;
+            e0 += w[k] * r[k][0];
+            e1 += w[k] * r[k][1];
+            e2 += w[k] * r[k][2];
         }
 
-        // Lift along the normal: the stored height, or each neighbour's prediction from its ratio.
+        // Lift along the normal: the stored height, or each neighbour's prediction from its ratio
+        // (its in-plane distance to the estimate times the rest cotangent, plus its own height).
         double lift;
         if (scaleSafe) {
-            const double* s = ratios + begin;
+            const double* ratio = ratios + begin;
             lift = 0.0;
             for (int k = 0; k < n; ++k) {
-                const double l0 = e[0] - r[k][0], l1 = e[1] - r[k][1], l2 = e[2] - r[k][2];
+                const double l0 = e0 - r[k][0], l1 = e1 - r[k][1], l2 = e2 - r[k][2];
                 const double l = std::sqrt(l0 * l0 + l1 * l1 + l2 * l2);
-                const double h = (q[k][0] - r[k][0]) * N[0] + (q[k][1] - r[k][1]) * N[1] + (q[k][2] - r[k][2]) * N[2];
-                lift += w[k] * (s[k] * l + h);
+                const double h = (q[k][0] - r[k][0]) * N0 + (q[k][1] - r[k][1]) * N1 + (q[k][2] - r[k][2]) * N2;
+                lift += w[k] * (ratio[k] * l + h);
             }
         } else {
             lift = static_cast<double>(heights[i]);
         }
 
         const double stiff = static_cast<double>(static_cast<float>(stiffness[i]));
+        const double t0 = e0 + N0 * lift, t1 = e1 + N1 * lift, t2 = e2 + N2 * lift;
         KDouble3 out;
-        for (int a = 0; a < 3; ++a) {
-            const double t = e[a] + N[a] * lift;
-            out[a] = t + (y[a] - t) * stiff;
-        }
+        out[0] = t0 + (y[0] - t0) * stiff;
+        out[1] = t1 + (y[1] - t1) * stiff;
+        out[2] = t2 + (y[2] - t2) * stiff;
         cur[i] = out;
     }
 }
