@@ -13,6 +13,7 @@
 #include "KDeformationTransfer.h"
 #include "KDeltaMush.h"
 #include "KPluginRegistration.h"
+#include "KRelaxationMeshDeformer.h"
 
 namespace {
 
@@ -27,6 +28,7 @@ struct NodeClass {
 const NodeClass kNodeClasses[] = {
     {&Kavrin::kDeformationTransferNode, KDeformationTransfer::creator, KDeformationTransfer::initialize},
     {&Kavrin::kDeltaMushNode, KDeltaMush::creator, KDeltaMush::initialize},
+    {&Kavrin::kRelaxationMeshDeformerNode, KRelaxationMeshDeformer::creator, KRelaxationMeshDeformer::initialize},
 };
 
 struct DrawOverrideClass {
