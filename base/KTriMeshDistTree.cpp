@@ -209,6 +209,7 @@ void KTriMeshDistTree::set(const KTriMesh& mesh) {
     _corners.clear();
     _order.clear();
     _nodes.clear();
+    _extent = 0.0f;
 
     // One centre (twice the box centre, to spare the halving) per usable triangle, and the
     // boxes of all triangles by triangle index.
@@ -239,6 +240,8 @@ void KTriMeshDistTree::set(const KTriMesh& mesh) {
     _nodes.reserve(static_cast<size_t>(count / _leafSize + 1));
     float rootBox[6];
     _build(prims.data(), boxes.data(), 0, count, 0, rootBox);
+    _extent = 0.0f;
+    for (int k = 0; k < 6; ++k) _extent = std::max(_extent, std::fabs(rootBox[k]));
 
     // The build only permutes prims inside each node's range, so the final order is leaf order.
     _order.resize(prims.size());

@@ -74,6 +74,7 @@ private:
     std::vector<KVector> _corners;  // three per slot, in leaf order
     std::vector<int> _order;        // triangle index of each slot, grouped by leaf
     std::vector<Node> _nodes;       // node 0 is the root
+    float _extent = 0.0f;           // largest absolute corner coordinate (scale of float rounding)
 };
 
 }  // namespace Kavrin

@@ -3,6 +3,10 @@
 #include <cmath>
 #include <limits>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "KTriMeshDistTree.h"
 
 namespace Kavrin {
@@ -29,33 +33,72 @@ int KTriMeshDistTree::allIntersections(const KVector& source, const KVector& dir
     const double tol = tolerance > 0.0f ? tolerance : 0.0;
     const double tMax = static_cast<double>(maxDistance) + tol;
 
-    // Slab test of a box widened by the tolerance, in double; returns whether [0, tMax] meets it.
-    auto boxHit = [&](float lo0, float lo1, float lo2, float hi0, float hi1, float hi2) {
-        const double lo[3] = {lo0 - tol, lo1 - tol, lo2 - tol}, hi[3] = {hi0 + tol, hi1 + tol, hi2 + tol};
-        double t0 = -tol, t1 = tMax;
+    // The four child boxes of a node are tested together in single precision. The test is only a
+    // filter, so it is kept conservative: boxes are widened by the tolerance plus a margin above
+    // float rounding at the scene's scale, and the slab interval by a relative slack. An axis the
+    // ray runs parallel to gets a huge finite inverse, which rejects exactly the slabs the source
+    // lies outside of.
+    float origin[3], inv[3];
+    double scale = std::max(1.0, static_cast<double>(_extent));
+    for (int a = 0; a < 3; ++a) {
+        origin[a] = source[a];
+        const double id = d[a] == 0.0 ? 1e30 : std::max(-1e30, std::min(1e30, 1.0 / d[a]));
+        inv[a] = static_cast<float>(id);
+        scale = std::max(scale, std::fabs(o[a]));
+    }
+    const float margin = static_cast<float>(tol + 1e-6 * scale);
+    const float tStart = -margin, tEnd = static_cast<float>(tMax) + margin;
+#if defined(__SSE2__)
+    const __m128 vMargin = _mm_set1_ps(margin), vSlack = _mm_set1_ps(1e-6f);
+    const __m128 vSign = _mm_castsi128_ps(_mm_set1_epi32(0x7fffffff));
+    __m128 vOrigin[3], vInv[3];
+    for (int a = 0; a < 3; ++a) {
+        vOrigin[a] = _mm_set1_ps(origin[a]);
+        vInv[a] = _mm_set1_ps(inv[a]);
+    }
+    auto boxHits = [&](const Node& node) {
+        __m128 t0 = _mm_set1_ps(tStart), t1 = _mm_set1_ps(tEnd);
         for (int a = 0; a < 3; ++a) {
-            if (d[a] == 0.0) {
-                if (o[a] < lo[a] || o[a] > hi[a]) return false;
-                continue;
-            }
-            double ta = (lo[a] - o[a]) / d[a], tb = (hi[a] - o[a]) / d[a];
-            if (ta > tb) std::swap(ta, tb);
-            t0 = std::max(t0, ta);
-            t1 = std::min(t1, tb);
-            if (t0 > t1) return false;
+            const __m128 lo = _mm_sub_ps(_mm_sub_ps(_mm_loadu_ps(node.lo[a]), vMargin), vOrigin[a]);
+            const __m128 hi = _mm_sub_ps(_mm_add_ps(_mm_loadu_ps(node.hi[a]), vMargin), vOrigin[a]);
+            const __m128 ta = _mm_mul_ps(lo, vInv[a]), tb = _mm_mul_ps(hi, vInv[a]);
+            t0 = _mm_max_ps(t0, _mm_min_ps(ta, tb));
+            t1 = _mm_min_ps(t1, _mm_max_ps(ta, tb));
         }
-        return true;
+        const __m128 slack = _mm_mul_ps(vSlack, _mm_add_ps(_mm_and_ps(t0, vSign), _mm_and_ps(t1, vSign)));
+        const __m128i valid = _mm_cmpgt_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(node.count)),
+                                              _mm_set1_epi32(-1));
+        return _mm_movemask_ps(_mm_and_ps(_mm_cmple_ps(t0, _mm_add_ps(t1, slack)), _mm_castsi128_ps(valid)));
     };
+#else
+    auto boxHits = [&](const Node& node) {
+        float t0[4], t1[4];
+        for (int c = 0; c < 4; ++c) {
+            t0[c] = tStart;
+            t1[c] = tEnd;
+        }
+        for (int a = 0; a < 3; ++a)
+            for (int c = 0; c < 4; ++c) {
+                const float ta = (node.lo[a][c] - margin - origin[a]) * inv[a];
+                const float tb = (node.hi[a][c] + margin - origin[a]) * inv[a];
+                t0[c] = std::max(t0[c], std::min(ta, tb));
+                t1[c] = std::min(t1[c], std::max(ta, tb));
+            }
+        int mask = 0;
+        for (int c = 0; c < 4; ++c)
+            if (node.count[c] >= 0 && t0[c] <= t1[c] + 1e-6f * (std::fabs(t0[c]) + std::fabs(t1[c]))) mask |= 1 << c;
+        return mask;
+    };
+#endif
 
     int stack[kRayStackSize];
     int top = 0;
     stack[top++] = 0;
     while (top > 0) {
         const Node& node = _nodes[stack[--top]];
+        const int mask = boxHits(node);
         for (int c = 0; c < 4; ++c) {
-            if (node.count[c] < 0) continue;
-            if (!boxHit(node.lo[0][c], node.lo[1][c], node.lo[2][c], node.hi[0][c], node.hi[1][c], node.hi[2][c]))
-                continue;
+            if (!((mask >> c) & 1)) continue;
             if (node.count[c] == 0) {
                 stack[top++] = node.first[c];
                 continue;
@@ -70,20 +113,22 @@ int KTriMeshDistTree::allIntersections(const KVector& source, const KVector& dir
                                       d[0] * e2[1] - d[1] * e2[0]};
                 const double det = e1[0] * pv[0] + e1[1] * pv[1] + e1[2] * pv[2];
                 if (det == 0.0 || !std::isfinite(det)) continue;  // ray parallel to the triangle
-                const double inv = 1.0 / det;
+                // The barycentric tests scaled by |det|, so that most misses need no division.
+                const double sign = det > 0.0 ? 1.0 : -1.0, adet = det * sign;
                 const double tv[3] = {o[0] - p0[0], o[1] - p0[1], o[2] - p0[2]};
-                const double u = (tv[0] * pv[0] + tv[1] * pv[1] + tv[2] * pv[2]) * inv;
-                if (u < -tol || u > 1.0 + tol) continue;
+                const double us = (tv[0] * pv[0] + tv[1] * pv[1] + tv[2] * pv[2]) * sign;
+                if (us < -tol * adet || us > (1.0 + tol) * adet) continue;
                 const double qv[3] = {tv[1] * e1[2] - tv[2] * e1[1], tv[2] * e1[0] - tv[0] * e1[2],
                                       tv[0] * e1[1] - tv[1] * e1[0]};
-                const double v = (d[0] * qv[0] + d[1] * qv[1] + d[2] * qv[2]) * inv;
-                if (v < -tol || u + v > 1.0 + tol) continue;
-                const double t = (e2[0] * qv[0] + e2[1] * qv[1] + e2[2] * qv[2]) * inv;
+                const double vs = (d[0] * qv[0] + d[1] * qv[1] + d[2] * qv[2]) * sign;
+                if (vs < -tol * adet || us + vs > (1.0 + tol) * adet) continue;
+                const double t = (e2[0] * qv[0] + e2[1] * qv[1] + e2[2] * qv[2]) / det;
                 if (t < -tol || t > tMax) continue;
                 hits.push_back(static_cast<float>(std::max(0.0, std::min(t, static_cast<double>(maxDistance)))));
             }
         }
     }
+    if (hits.size() < 2) return static_cast<int>(hits.size());
     std::sort(hits.begin(), hits.end());
     // One crossing per cluster of hits closer than the tolerance (a shared edge or vertex).
     size_t kept = 0;

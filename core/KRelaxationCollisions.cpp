@@ -1,5 +1,6 @@
 #include "KRelaxationCollisions.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -47,7 +48,23 @@ void KRelaxationCollisions::prepare(const KDouble3* worldPoints, int count, cons
         out.active = !out.tree.empty();
     }
     for (int c = numColliders; c < static_cast<int>(_colliders.size()); ++c) _colliders[static_cast<size_t>(c)].active = false;
+    _count = count;
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    _closest.assign(static_cast<size_t>(count) * _colliders.size(), KVector(nan, nan, nan));
 }
+
+namespace {
+
+// An upper bound on the distance from p to a surface that holds the point q (up to float
+// rounding of q), so that a search within it finds exactly what an unbounded search finds.
+inline float SearchBound(const KVector& p, const KVector& q) {
+    if (std::isnan(q.x)) return std::numeric_limits<float>::infinity();
+    const double dx = double(p.x) - q.x, dy = double(p.y) - q.y, dz = double(p.z) - q.z;
+    const double scale = std::max(std::fabs(double(q.x)), std::max(std::fabs(double(q.y)), std::fabs(double(q.z))));
+    return static_cast<float>(std::sqrt(dx * dx + dy * dy + dz * dz) * (1.0 + 1e-5) + 1e-5 * (1.0 + scale));
+}
+
+}  // namespace
 
 int KRelaxationCollisions::activeColliders() const {
     int n = 0;
@@ -59,37 +76,51 @@ void KRelaxationCollisions::collide(KDouble3* points, int count, const float* we
                                     const KVector* normals, int threads) {
     if (!multipliers || !normals) return;
     const int numColliders = static_cast<int>(_colliders.size());
+    if (count > _count) return;
     const int team = TeamFor(threads, count, 512);
     if (static_cast<int>(_hits.size()) < team) _hits.resize(static_cast<size_t>(team));
     for (int c = 0; c < numColliders; ++c) {
         const Collider& collider = _colliders[static_cast<size_t>(c)];
         if (!collider.active) continue;
         const float reach = collider.reach;
-#pragma omp parallel for schedule(static) num_threads(team)
-        for (int v = 0; v < count; ++v) {
-            // A vertex of weight exactly 0.001 is collided, although the relax pass skips it.
-            if (weights && weights[v] < 0.001f) continue;
-            const double m = multipliers[static_cast<size_t>(v) * numColliders + c];
-            if (m == 0.0) continue;
-            KDouble3& point = points[v];
-            const KVector source(static_cast<float>(point[0]), static_cast<float>(point[1]),
-                                 static_cast<float>(point[2]));
-            const KVector direction = normals[v] * reach;
+        KVector* last = _closest.data() + static_cast<size_t>(c) * static_cast<size_t>(_count);
+#pragma omp parallel num_threads(team)
+        {
+            // The thread's last closest point bounds the search of a vertex that has none of its own.
+            const float nan = std::numeric_limits<float>::quiet_NaN();
+            KVector previous(nan, nan, nan);
             std::vector<float>& hits = _hits[static_cast<size_t>(OmpThreadNum())];
-            if (collider.tree.allIntersections(source, direction, reach, kTolerance, hits) % 2 == 0) continue;
+#pragma omp for schedule(static)
+            for (int v = 0; v < count; ++v) {
+                // A vertex of weight exactly 0.001 is collided, although the relax pass skips it.
+                if (weights && weights[v] < 0.001f) continue;
+                const double m = multipliers[static_cast<size_t>(v) * numColliders + c];
+                if (m == 0.0) continue;
+                KDouble3& point = points[v];
+                const KVector source(static_cast<float>(point[0]), static_cast<float>(point[1]),
+                                     static_cast<float>(point[2]));
+                const KVector direction = normals[v] * reach;
+                if (collider.tree.allIntersections(source, direction, reach, kTolerance, hits) % 2 == 0) continue;
 
-            KVector closest;
-            int triangle;
-            if (!collider.tree.getClosestPoint(source, closest, triangle, std::numeric_limits<float>::infinity()))
-                continue;
-            double q[3] = {closest.x, closest.y, closest.z};
-            if (m != 1.0) {
-                double e[3] = {q[0] - point[0], q[1] - point[1], q[2] - point[2]};
-                const double len = std::sqrt(e[0] * e[0] + e[1] * e[1] + e[2] * e[2]);
-                const double step = static_cast<double>(static_cast<float>(len)) * m;
-                for (int a = 0; a < 3; ++a) q[a] = point[a] + (len > 0.0 ? e[a] / len : 0.0) * step;
+                // The closest point on the whole surface (no distance limit). The bound only spares the
+                // search the triangles that cannot be nearer than a point of the surface found before.
+                KVector closest;
+                int triangle;
+                const float bound = SearchBound(source, std::isnan(last[v].x) ? previous : last[v]);
+                if (!collider.tree.getClosestPoint(source, closest, triangle, bound) &&
+                    !collider.tree.getClosestPoint(source, closest, triangle, std::numeric_limits<float>::infinity()))
+                    continue;
+                last[v] = closest;
+                previous = closest;
+                double q[3] = {closest.x, closest.y, closest.z};
+                if (m != 1.0) {
+                    double e[3] = {q[0] - point[0], q[1] - point[1], q[2] - point[2]};
+                    const double len = std::sqrt(e[0] * e[0] + e[1] * e[1] + e[2] * e[2]);
+                    const double step = static_cast<double>(static_cast<float>(len)) * m;
+                    for (int a = 0; a < 3; ++a) q[a] = point[a] + (len > 0.0 ? e[a] / len : 0.0) * step;
+                }
+                point = KDouble3{q[0], q[1], q[2]};
             }
-            point = KDouble3{q[0], q[1], q[2]};
         }
     }
 }
