@@ -36,7 +36,7 @@ void ColliderWeights(const std::vector<KMultiplierElement>& list, int index, KAr
 }
 
 double ClampMultiplier(double painted) {
-    // Guard (behaviour note "Relaxation: painted NaN"): NaN would pass both comparisons.
+    // Guard (behaviour note "Relaxation: painted NaN").
     if (std::isnan(painted)) return 0.0;
     return painted < 0.0 ? 0.0 : (painted > 1.0 ? 1.0 : painted);
 }
@@ -56,8 +56,7 @@ void MultiplierTable(const std::vector<KMultiplierElement>& list, int count, int
     const size_t rows = static_cast<size_t>(count > 0 ? count : 0), cols = static_cast<size_t>(numColliders > 0 ? numColliders : 0);
     table.assign(rows * cols, 0.0);
     for (const KMultiplierElement& element : list) {
-        // Guard (behaviour note "Relaxation: multipliers outside the table"): elements for vertices
-        // or colliders the evaluation does not have are not read.
+        // Guard (behaviour note "Relaxation: multipliers outside the table").
         if (element.vertex < 0 || static_cast<size_t>(element.vertex) >= rows) continue;
         for (const std::pair<int, double>& child : element.values)
             if (child.first >= 0 && static_cast<size_t>(child.first) < cols)

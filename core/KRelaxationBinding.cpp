@@ -119,8 +119,7 @@ void PolarCoordinates(const KDouble3* points, int i, const int* ids, int n, std:
         KPolarCoords& pc = polar[k];
         pc.vertexId = ids[k];
         pc.radius = std::sqrt(u * u + w * w);
-        // Decision (behaviour note "Relaxation: the X-axis neighbour has angle 0"): the neighbour
-        // that defines X lies on it exactly; its w is rounding noise of either sign.
+        // Decision (behaviour note "Relaxation: the X-axis neighbour has angle 0").
         pc.theta = k == 0 ? 0.0 : PolarAngle(u, w);
         pc.deltaTheta = 0.0;
     }
@@ -131,8 +130,7 @@ void PolarCoordinates(const KDouble3* points, int i, const int* ids, int n, std:
 }
 
 KOutcome BindRelaxation(const KDouble3* points, int count, const KVertexNeighbours& rings, KRelaxationBindingData& out) {
-    // Guard (behaviour note "Relaxation: neighbour lists outside the mesh"): checked before
-    // anything is written.
+    // Guard (behaviour note "Relaxation: neighbour lists outside the mesh").
     if (count > 0 && (!points || rings.numVertices() < count)) return KOutcome::Failed(kRelaxBindBadRings);
     for (int i = 0; i < count; ++i)
         for (const int* id = rings.begin(i); id != rings.end(i); ++id)
@@ -150,8 +148,7 @@ KOutcome BindRelaxation(const KDouble3* points, int count, const KVertexNeighbou
         const int* ids = rings.begin(i);
         const int n = rings.count(i);
         if (n < 1) {
-            // Decision (behaviour note "Relaxation: vertices without neighbours"): no plane and no
-            // axis; empty lists and height 0, so the vertex never moves.
+            // Decision (behaviour note "Relaxation: vertices without neighbours").
             out.connVrtId.push_back(std::vector<int>());
             out.connVrtIdNrmOrder.push_back(std::vector<int>());
             out.meanValueWeight.push_back(std::vector<double>());
@@ -167,6 +164,7 @@ KOutcome BindRelaxation(const KDouble3* points, int count, const KVertexNeighbou
         for (int k = 0; k < n; ++k) sorted[k] = polar[k].vertexId;
         out.connVrtId.push_back(sorted);
         out.connVrtIdNrmOrder.push_back(std::vector<int>(ids, ids + n));
+        // Kept on purpose (behaviour note "Relaxation: the 128-neighbour message").
         if (n > kRelaxMaxNeighbours) return KOutcome::Failed(kRelaxTooManyNeighbours);
 
         std::vector<double> weights(static_cast<size_t>(n));
@@ -185,7 +183,7 @@ KOutcome BindRelaxation(const KDouble3* points, int count, const KVertexNeighbou
         if (Dot(N, e) < 0.0) h = -h;
         out.b.push_back(h);
 
-        // Kept on purpose (behaviour note "Relaxation: zero and vertical edges"): no guard.
+        // Kept on purpose (behaviour note "Relaxation: zero and vertical edges").
         std::vector<double> ratios(static_cast<size_t>(n));
         for (int k = 0; k < n; ++k) {
             const KDouble3& q = points[polar[k].vertexId];
@@ -214,8 +212,7 @@ KOutcome LoadRelaxationCaches(const KRelaxationBindingData& stored, int count, K
             static_cast<float>(v < static_cast<int>(stored.b.size()) ? stored.b[static_cast<size_t>(v)] : 0.0));
         if (ratios.size() != sorted.size()) return KOutcome::Failed(kRelaxBadBScalable);
         if (weights.size() != sorted.size()) return KOutcome::Failed(kRelaxBadMeanValWgt);
-        // Guard (behaviour note "Relaxation: stored binding that does not fit"): the solve's
-        // scratch holds 128 neighbours and reads every id as a vertex.
+        // Guard (behaviour note "Relaxation: stored binding that does not fit").
         if (sorted.size() > static_cast<size_t>(kRelaxMaxNeighbours)) return KOutcome::Failed(kRelaxLoadTooLong);
         for (size_t k = 0; k < sorted.size(); ++k) {
             if (sorted[k] < 0 || order[k] < 0) return KOutcome::Failed(kRelaxLoadBadIds);

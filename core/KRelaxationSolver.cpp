@@ -49,7 +49,7 @@ bool KRelaxationSolver::collisionsNeeded(const KRelaxationInput& in) const {
 }
 
 bool KRelaxationSolver::CollisionDue(int pass, int iterations, int steps) {
-    // Guard (behaviour note "Relaxation: collisionSteps below 1"): no remainder by 0.
+    // Guard (behaviour note "Relaxation: collisionSteps below 1").
     if (steps < 1) return true;
     return pass % steps == 0 || pass == iterations - 1;
 }
@@ -99,8 +99,7 @@ KRelaxationResult KRelaxationSolver::evaluate(const KRelaxationInput& in) {
         _stiffness = *in.stiffness;
     }
 
-    // The stored binding is loaded once, on the node's first evaluation: a later bind rewrites
-    // the stored lists but not the running node's caches.
+    // Kept on purpose (behaviour note "Relaxation: caches loaded once").
     if (_firstRun) {
         const KRelaxationBindingData* stored = bind ? &_bound : in.stored;
         static const KRelaxationBindingData kNone;

@@ -98,8 +98,7 @@ MObject MakeDoubleArray(const Kavrin::KArray<double>& values) {
 KRelaxationMeshDeformer::KRelaxationMeshDeformer() {}
 
 KRelaxationMeshDeformer::~KRelaxationMeshDeformer() {
-    // Guard (behaviour note "Relaxation: callback removed with the node"): the callback's client
-    // data is this node.
+    // Guard (behaviour note "Relaxation: callback removed with the node").
     removeCallbacks();
 }
 
@@ -320,8 +319,7 @@ MStatus KRelaxationMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, co
     in.doCollisions = block.inputValue(doCollisionsObj).asBool();
     in.enableScaleSafe = block.inputValue(enableScaleSafeObj).asBool();
 
-    // Guard (behaviour note "Relaxation: whole polygon meshes only"): the neighbour lists are mesh
-    // vertex numbers, the working arrays are in iterator order.
+    // Guard (behaviour note "Relaxation: whole polygon meshes only").
     MStatus status;
     MFnMesh fnMesh(mesh, &status);
     if (mesh.isNull() || !status) {
@@ -402,6 +400,7 @@ MStatus KRelaxationMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, co
                 if (!world.isNull() && Kavrin::Convert(triMesh, world, false, nullptr)) collider.mesh = &triMesh;
             }
             in.colliders = _colliders.data();
+            // Kept on purpose (behaviour note "Relaxation: multipliers by collider position").
             KRelaxationStore::ReadMultipliers(block, _multiplierList);
             Kavrin::MultiplierTable(_multiplierList, count, in.numColliders, _multipliers);
             in.multipliers = &_multipliers;
