@@ -58,7 +58,7 @@ private:
     struct Collider {
         bool active = false;
         float reach = 0.0f;
-        KTriMeshDistTree tree{4, 20};
+        KTriMeshDistTree tree{2, 20};
     };
     std::vector<Collider> _colliders;
     std::vector<std::vector<float> > _hits;  // one buffer per thread

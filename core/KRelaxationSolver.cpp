@@ -228,6 +228,7 @@ void KRelaxationSolver::_relaxPass(const KArray<KDouble3>& prevPoints, KArray<KD
         double e0 = 0.0, e1 = 0.0, e2 = 0.0;
         for (int k = 0; k < n; ++k) {
             const double h = s[k] + d;
+            s[k] = h;  // from here on: the neighbour's height above the plane
             r[k][0] = q[k][0] - N0 * h;
             r[k][1] = q[k][1] - N1 * h;
             r[k][2] = q[k][2] - N2 * h;
@@ -237,7 +238,8 @@ void KRelaxationSolver::_relaxPass(const KArray<KDouble3>& prevPoints, KArray<KD
         }
 
         // Lift along the normal: the stored height, or each neighbour's prediction from its ratio
-        // (its in-plane distance to the estimate times the rest cotangent, plus its own height).
+        // (its in-plane distance to the estimate times the rest cotangent, plus its own height
+        // N.q + d, which is (q - r).N for the unit normal).
         double lift;
         if (scaleSafe) {
             const double* ratio = ratios + begin;
@@ -245,8 +247,7 @@ void KRelaxationSolver::_relaxPass(const KArray<KDouble3>& prevPoints, KArray<KD
             for (int k = 0; k < n; ++k) {
                 const double l0 = e0 - r[k][0], l1 = e1 - r[k][1], l2 = e2 - r[k][2];
                 const double l = std::sqrt(l0 * l0 + l1 * l1 + l2 * l2);
-                const double h = (q[k][0] - r[k][0]) * N0 + (q[k][1] - r[k][1]) * N1 + (q[k][2] - r[k][2]) * N2;
-                lift += w[k] * (ratio[k] * l + h);
+                lift += w[k] * (ratio[k] * l + s[k]);
             }
         } else {
             lift = static_cast<double>(heights[i]);
