@@ -380,9 +380,10 @@ MStatus KRelaxationMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, co
         in.stored = &_stored;
     }
 
-    MArrayDataHandle colliders = block.inputArrayValue(mshColliderObj);
-    in.numColliders = static_cast<int>(colliders.elementCount());
-    {
+    // The colliders are pulled only when passes with collisions will run.
+    if (in.doCollisions && in.iterations >= 1) {
+        MArrayDataHandle colliders = block.inputArrayValue(mshColliderObj);
+        in.numColliders = static_cast<int>(colliders.elementCount());
         const MPlug colliderPlugs(thisMObject(), mshColliderObj);
         if (_solver.collisionsNeeded(in)) {
             _colliderMeshes.resize(static_cast<size_t>(in.numColliders));
