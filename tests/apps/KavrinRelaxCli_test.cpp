@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -40,7 +41,8 @@ class KavrinRelaxCli : public ::testing::Test {
 protected:
     const fs::path dir =
         fs::temp_directory_path() /
-        (std::string("kavrin-relax-") + ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        (std::string("kavrin-relax-") + std::to_string(getpid()) + "-" +
+         ::testing::UnitTest::GetInstance()->current_test_info()->name());
     void SetUp() override {
         fs::remove_all(dir);
         fs::create_directories(dir);
