@@ -96,9 +96,9 @@ int KTriMeshDistTree::allIntersections(const KVector& source, const KVector& dir
     stack[top++] = 0;
     while (top > 0) {
         const Node& node = _nodes[stack[--top]];
-        const int mask = boxHits(node);
-        for (int c = 0; c < 4; ++c) {
-            if (!((mask >> c) & 1)) continue;
+        // The children whose box the ray meets, lowest first.
+        for (int mask = boxHits(node); mask != 0; mask &= mask - 1) {
+            const int c = mask & 1 ? 0 : (mask & 2 ? 1 : (mask & 4 ? 2 : 3));
             if (node.count[c] == 0) {
                 stack[top++] = node.first[c];
                 continue;
