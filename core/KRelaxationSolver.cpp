@@ -152,6 +152,112 @@ KRelaxationResult KRelaxationSolver::evaluate(const KRelaxationInput& in) {
     return result;
 }
 
+namespace {
+
+// What the relax pass reads besides the points of the pass before.
+struct RelaxTables {
+    const KDouble3* p;
+    const int* sorted;
+    const int* order;
+    const double* ratios;
+    const double* mvw;
+    const float* heights;
+};
+
+// The relaxed target of vertex i, whose n neighbours start at begin; false when the vertex stays
+// (a ring whose normal vanishes). kN > 0 fixes n at compile time so that the common valences run
+// unrolled; kN = 0 takes any n up to kRelaxMaxNeighbours. The arithmetic is the same either way.
+template <int kN>
+inline bool RelaxTarget(const RelaxTables& in, int i, int begin, int dynamicN, bool scaleSafe, double t[3]) {
+    const int n = kN > 0 ? kN : dynamicN;
+    const KDouble3* p = in.p;
+    // This thread's scratch: the neighbours in sorted order, their plane projections and heights.
+    double q[kN > 0 ? kN : kRelaxMaxNeighbours][3];
+    double r[kN > 0 ? kN : kRelaxMaxNeighbours][3];
+    double s[kN > 0 ? kN : kRelaxMaxNeighbours];
+    const double inv = 1.0 / n;
+    double c0 = 0.0, c1 = 0.0, c2 = 0.0;
+    const int* sorted = in.sorted + begin;
+    for (int k = 0; k < n; ++k) {
+        const KDouble3& x = p[sorted[k]];
+        q[k][0] = x[0];
+        q[k][1] = x[1];
+        q[k][2] = x[2];
+        c0 += x[0];
+        c1 += x[1];
+        c2 += x[2];
+    }
+    c0 *= inv;
+    c1 *= inv;
+    c2 *= inv;
+
+    // Ring normal from the neighbours in the host's order; a zero normal (a degenerate ring)
+    // leaves the vertex where it is, as any normal shorter than 0.001 does.
+    const int* o = in.order + begin;
+    const KDouble3& last = p[o[n - 1]];
+    double b0 = last[0] - c0, b1 = last[1] - c1, b2 = last[2] - c2;
+    double N0 = 0.0, N1 = 0.0, N2 = 0.0;
+    for (int k = 0; k < n; ++k) {
+        const KDouble3& pn = p[o[k]];
+        const double a0 = pn[0] - c0, a1 = pn[1] - c1, a2 = pn[2] - c2;
+        N0 += a1 * b2 - a2 * b1;
+        N1 += a2 * b0 - a0 * b2;
+        N2 += a0 * b1 - a1 * b0;
+        b0 = a0;
+        b1 = a1;
+        b2 = a2;
+    }
+    const double len2 = N0 * N0 + N1 * N1 + N2 * N2;
+    if (!(len2 > 0.0)) return false;
+    const double invLen = 1.0 / std::sqrt(len2);
+    N0 *= invLen;
+    N1 *= invLen;
+    N2 *= invLen;
+
+    double sum = 0.0;
+    for (int k = 0; k < n; ++k) {
+        s[k] = N0 * q[k][0] + N1 * q[k][1] + N2 * q[k][2];
+        sum += s[k];
+    }
+    const double d = -sum * inv;
+
+    // Mean-value estimate in the plane.
+    const double* w = in.mvw + begin;
+    double e0 = 0.0, e1 = 0.0, e2 = 0.0;
+    for (int k = 0; k < n; ++k) {
+        const double h = s[k] + d;
+        s[k] = h;  // from here on: the neighbour's height above the plane
+        r[k][0] = q[k][0] - N0 * h;
+        r[k][1] = q[k][1] - N1 * h;
+        r[k][2] = q[k][2] - N2 * h;
+        e0 += w[k] * r[k][0];
+        e1 += w[k] * r[k][1];
+        e2 += w[k] * r[k][2];
+    }
+
+    // Lift along the normal: the stored height, or each neighbour's prediction from its ratio
+    // (its in-plane distance to the estimate times the rest cotangent, plus its own height
+    // N.q + d, which is (q - r).N for the unit normal).
+    double lift;
+    if (scaleSafe) {
+        const double* ratio = in.ratios + begin;
+        lift = 0.0;
+        for (int k = 0; k < n; ++k) {
+            const double l0 = e0 - r[k][0], l1 = e1 - r[k][1], l2 = e2 - r[k][2];
+            const double l = std::sqrt(l0 * l0 + l1 * l1 + l2 * l2);
+            lift += w[k] * (ratio[k] * l + s[k]);
+        }
+    } else {
+        lift = static_cast<double>(in.heights[i]);
+    }
+    t[0] = e0 + N0 * lift;
+    t[1] = e1 + N1 * lift;
+    t[2] = e2 + N2 * lift;
+    return true;
+}
+
+}  // namespace
+
 void KRelaxationSolver::_relaxPass(const KArray<KDouble3>& prevPoints, KArray<KDouble3>& curPoints, bool scaleSafe,
                                    int threads) const {
     const int count = prevPoints.length();
@@ -160,11 +266,12 @@ void KRelaxationSolver::_relaxPass(const KArray<KDouble3>& prevPoints, KArray<KD
     const float* weights = _weights.data();
     const double* stiffness = _stiffness.data();
     const int* offsets = _caches.offsets.data();
-    const int* sorted = _caches.connVrtIds.data();
-    const int* order = _caches.nrmOrderIds.data();
-    const double* ratios = _caches.scalableRatios.data();
-    const double* mvw = _caches.meanValWeights.data();
-    const float* heights = _caches.heightCache.data();
+    const RelaxTables tables = {p,
+                                _caches.connVrtIds.data(),
+                                _caches.nrmOrderIds.data(),
+                                _caches.scalableRatios.data(),
+                                _caches.meanValWeights.data(),
+                                _caches.heightCache.data()};
 #pragma omp parallel for schedule(static) num_threads(TeamFor(threads, count))
     for (int i = 0; i < count; ++i) {
         const KDouble3& y = p[i];
@@ -173,92 +280,22 @@ void KRelaxationSolver::_relaxPass(const KArray<KDouble3>& prevPoints, KArray<KD
         const int begin = offsets[i];
         const int n = offsets[i + 1] - begin;
         if (n < 1) continue;
-
-        // This thread's scratch: the neighbours in sorted order and their plane projections.
-        double q[kRelaxMaxNeighbours][3];
-        double r[kRelaxMaxNeighbours][3];
-        const double inv = 1.0 / n;
-        double c0 = 0.0, c1 = 0.0, c2 = 0.0;
-        for (int k = 0; k < n; ++k) {
-            const KDouble3& x = p[sorted[begin + k]];
-            q[k][0] = x[0];
-            q[k][1] = x[1];
-            q[k][2] = x[2];
-            c0 += x[0];
-            c1 += x[1];
-            c2 += x[2];
+        double t[3];
+        bool moves;
+        switch (n) {
+            case 3: moves = RelaxTarget<3>(tables, i, begin, n, scaleSafe, t); break;
+            case 4: moves = RelaxTarget<4>(tables, i, begin, n, scaleSafe, t); break;
+            case 5: moves = RelaxTarget<5>(tables, i, begin, n, scaleSafe, t); break;
+            case 6: moves = RelaxTarget<6>(tables, i, begin, n, scaleSafe, t); break;
+            default: moves = RelaxTarget<0>(tables, i, begin, n, scaleSafe, t); break;
         }
-        c0 *= inv;
-        c1 *= inv;
-        c2 *= inv;
-
-        // Ring normal from the neighbours in the host's order; a zero normal (a degenerate ring)
-        // leaves the vertex where it is, as any normal shorter than 0.001 does.
-        const int* o = order + begin;
-        const KDouble3* last = &p[o[n - 1]];
-        double b0 = (*last)[0] - c0, b1 = (*last)[1] - c1, b2 = (*last)[2] - c2;
-        double N0 = 0.0, N1 = 0.0, N2 = 0.0;
-        for (int k = 0; k < n; ++k) {
-            const KDouble3& pn = p[o[k]];
-            const double a0 = pn[0] - c0, a1 = pn[1] - c1, a2 = pn[2] - c2;
-            N0 += a1 * b2 - a2 * b1;
-            N1 += a2 * b0 - a0 * b2;
-            N2 += a0 * b1 - a1 * b0;
-            b0 = a0;
-            b1 = a1;
-            b2 = a2;
-        }
-        const double len2 = N0 * N0 + N1 * N1 + N2 * N2;
-        if (!(len2 > 0.0)) continue;
-        const double invLen = 1.0 / std::sqrt(len2);
-        N0 *= invLen;
-        N1 *= invLen;
-        N2 *= invLen;
-
-        double sum = 0.0;
-        double s[kRelaxMaxNeighbours];
-        for (int k = 0; k < n; ++k) {
-            s[k] = N0 * q[k][0] + N1 * q[k][1] + N2 * q[k][2];
-            sum += s[k];
-        }
-        const double d = -sum * inv;
-
-        // Mean-value estimate in the plane.
-        const double* w = mvw + begin;
-        double e0 = 0.0, e1 = 0.0, e2 = 0.0;
-        for (int k = 0; k < n; ++k) {
-            const double h = s[k] + d;
-            s[k] = h;  // from here on: the neighbour's height above the plane
-            r[k][0] = q[k][0] - N0 * h;
-            r[k][1] = q[k][1] - N1 * h;
-            r[k][2] = q[k][2] - N2 * h;
-            e0 += w[k] * r[k][0];
-            e1 += w[k] * r[k][1];
-            e2 += w[k] * r[k][2];
-        }
-
-        // Lift along the normal: the stored height, or each neighbour's prediction from its ratio
-        // (its in-plane distance to the estimate times the rest cotangent, plus its own height
-        // N.q + d, which is (q - r).N for the unit normal).
-        double lift;
-        if (scaleSafe) {
-            const double* ratio = ratios + begin;
-            lift = 0.0;
-            for (int k = 0; k < n; ++k) {
-                const double l0 = e0 - r[k][0], l1 = e1 - r[k][1], l2 = e2 - r[k][2];
-                const double l = std::sqrt(l0 * l0 + l1 * l1 + l2 * l2);
-                lift += w[k] * (ratio[k] * l + s[k]);
-            }
-        } else {
-            lift = static_cast<double>(heights[i]);
-        }
-
+        if (!moves) continue;
+        // Stiffness blend towards the point of the pass before.
         const double stiff = static_cast<double>(static_cast<float>(stiffness[i]));
-        const double t0 = e0 + N0 * lift, t1 = e1 + N1 * lift, t2 = e2 + N2 * lift;
         KDouble3 out;
-        out[0] = t0 + (y[0] - t0) * stiff;
-        out[1] = t1 + (y[1] - t1) * stiff;
-        out[2] = t2 + (y[2] - t2) * stiff;
+        out[0] = t[0] + (y[0] - t[0]) * stiff;
+        out[1] = t[1] + (y[1] - t[1]) * stiff;
+        out[2] = t[2] + (y[2] - t[2]) * stiff;
         cur[i] = out;
     }
 }
