@@ -210,6 +210,7 @@ void KTriMeshDistTree::set(const KTriMesh& mesh) {
     _corners.clear();
     _order.clear();
     _nodes.clear();
+    _extent = 0.0f;
 
     // One centre (twice the box centre, to spare the halving) per usable triangle, and the
     // boxes of all triangles by triangle index.
@@ -241,6 +242,8 @@ void KTriMeshDistTree::set(const KTriMesh& mesh) {
     _nodes.reserve(static_cast<size_t>(count / _leafSize + 1));
     float rootBox[6];
     _build(prims.data(), boxes.data(), 0, count, 0, rootBox);
+    _extent = 0.0f;
+    for (int k = 0; k < 6; ++k) _extent = std::max(_extent, std::fabs(rootBox[k]));
 
     // The build only permutes prims inside each node's range, so the final order is leaf order.
     _order.resize(prims.size());
@@ -276,7 +279,13 @@ bool KTriMeshDistTree::update(const KTriMesh& mesh) {
         }
         // Decision (behaviour note "KTriMeshDistTree::update"): a refit that has loosened the
         // boxes to twice a build's surface is replaced by a build.
-        if (finite && _refitBoxes() <= 2.0 * _builtSurface) return true;
+        if (finite && _refitBoxes() <= 2.0 * _builtSurface) {
+            // The scale of float rounding the ray queries use follows the moved corners.
+            _extent = 0.0f;
+            for (const KVector& c : _corners)
+                _extent = std::max(_extent, std::max(std::fabs(c.x), std::max(std::fabs(c.y), std::fabs(c.z))));
+            return true;
+        }
     }
     set(mesh);
     return false;

@@ -52,6 +52,16 @@ public:
     // On failure triangle is -1 and a, b are left unchanged.
     bool getClosestPoint(const KVector& p, int& triangle, float& a, float& b, float maxDistance) const;
 
+    // Every crossing of the ray source + t * unit(direction), t from 0 to maxDistance, with the
+    // surface: the distances t, nearest first, into hits (replaced); returns their number. A
+    // triangle counts when the ray meets it within `tolerance` of its edges (barycentric) and of
+    // the ray's ends; crossings less than `tolerance` apart along the ray (a ray through a shared
+    // edge or vertex) count once. Nothing is found for a zero, NaN or infinite direction, a
+    // non-finite source, a NaN or negative maxDistance or an empty tree. Const and thread-safe;
+    // hits is the caller's, so a caller that keeps it allocates only when it grows.
+    int allIntersections(const KVector& source, const KVector& direction, float maxDistance, float tolerance,
+                         std::vector<float>& hits) const;
+
 private:
     // One inner node: the boxes of its up to four children, stored per axis so that the four box
     // distances are computed together.
@@ -82,6 +92,7 @@ private:
     int _numVertices = -1;
     bool _allKept = false;
     double _builtSurface = 0.0;
+    float _extent = 0.0f;           // largest absolute corner coordinate (scale of float rounding)
 };
 
 }  // namespace Kavrin

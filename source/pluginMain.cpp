@@ -17,6 +17,7 @@
 #include "KOffsetMeshDeformer.h"
 #include "KJiggleMeshDeformer.h"
 #include "KPluginRegistration.h"
+#include "KRelaxationMeshDeformer.h"
 
 namespace {
 
@@ -34,6 +35,7 @@ const NodeClass kNodeClasses[] = {
     {&Kavrin::kDTPointNode, KDTPointClass::creator, KDTPointClass::initialize},
     {&Kavrin::kOffsetMeshDeformerNode, KOffsetMeshDeformer::creator, KOffsetMeshDeformer::initialize},
     {&Kavrin::kJiggleMeshDeformerNode, KJiggleMeshDeformer::creator, KJiggleMeshDeformer::initialize},
+    {&Kavrin::kRelaxationMeshDeformerNode, KRelaxationMeshDeformer::creator, KRelaxationMeshDeformer::initialize},
 };
 
 struct DrawOverrideClass {

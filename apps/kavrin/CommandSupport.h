@@ -45,6 +45,7 @@ struct Command {
 void AddDeltaMushCommand(CLI::App& app, std::vector<Command>& commands);
 void AddTransferCommand(CLI::App& app, std::vector<Command>& commands);
 void AddJiggleCommand(CLI::App& app, std::vector<Command>& commands);
+void AddRelaxCommand(CLI::App& app, std::vector<Command>& commands);
 void AddDemoCommand(CLI::App& app, std::vector<Command>& commands);
 void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands);
 

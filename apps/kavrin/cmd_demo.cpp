@@ -17,6 +17,7 @@ const DemoCase kDemoCases[] = {
     {TransferDemo},
     {OffsetDemo},
     {JiggleDemo},
+    {RelaxDemo},
 };
 
 }  // namespace

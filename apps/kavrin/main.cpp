@@ -20,6 +20,7 @@ const AddCommand kCommands[] = {
     AddTransferCommand,
     AddOffsetCommand,
     AddJiggleCommand,
+    AddRelaxCommand,
     AddDemoCommand,
 };
 

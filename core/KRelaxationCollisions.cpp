@@ -1,0 +1,128 @@
+#include "KRelaxationCollisions.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "KThreads.h"
+
+namespace Kavrin {
+
+const float KRelaxationCollisions::kTolerance = 1e-6f;
+
+void KBox::expand(double x, double y, double z) {
+    const double p[3] = {x, y, z};
+    for (int a = 0; a < 3; ++a) {
+        if (empty || p[a] < lo[a]) lo[a] = p[a];
+        if (empty || p[a] > hi[a]) hi[a] = p[a];
+    }
+    empty = false;
+}
+
+bool KBox::intersects(const KBox& o) const {
+    if (empty || o.empty) return false;
+    for (int a = 0; a < 3; ++a)
+        if (lo[a] > o.hi[a] || o.lo[a] > hi[a]) return false;
+    return true;
+}
+
+void KRelaxationCollisions::prepare(const KDouble3* worldPoints, int count, const KRelaxationCollider* colliders,
+                                    int numColliders) {
+    if (static_cast<int>(_colliders.size()) < numColliders) _colliders.resize(static_cast<size_t>(numColliders));
+    for (Collider& c : _colliders) c.active = false;
+    KBox meshBox;
+    for (int i = 0; i < count; ++i) meshBox.expand(worldPoints[i][0], worldPoints[i][1], worldPoints[i][2]);
+
+    for (int c = 0; c < numColliders; ++c) {
+        const KRelaxationCollider& in = colliders[c];
+        Collider& out = _colliders[static_cast<size_t>(c)];
+        if (!in.connected || !in.mesh) continue;
+        KBox box;
+        for (const KVector& p : in.mesh->points)
+            if (std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z)) box.expand(p.x, p.y, p.z);
+        if (!box.intersects(meshBox)) continue;
+        const double w = box.width() + meshBox.width(), h = box.height() + meshBox.height(),
+                     d = box.depth() + meshBox.depth();
+        out.reach = static_cast<float>(std::sqrt(w * w + h * h + d * d));
+        out.tree.set(*in.mesh);
+        out.active = !out.tree.empty();
+    }
+    for (int c = numColliders; c < static_cast<int>(_colliders.size()); ++c) _colliders[static_cast<size_t>(c)].active = false;
+    _count = count;
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    _closest.assign(static_cast<size_t>(count) * _colliders.size(), KVector(nan, nan, nan));
+}
+
+namespace {
+
+// An upper bound on the distance from p to a surface that holds the point q (up to float
+// rounding of q), so that a search within it finds exactly what an unbounded search finds.
+inline float SearchBound(const KVector& p, const KVector& q) {
+    if (std::isnan(q.x)) return std::numeric_limits<float>::infinity();
+    const double dx = double(p.x) - q.x, dy = double(p.y) - q.y, dz = double(p.z) - q.z;
+    const double scale = std::max(std::fabs(double(q.x)), std::max(std::fabs(double(q.y)), std::fabs(double(q.z))));
+    return static_cast<float>(std::sqrt(dx * dx + dy * dy + dz * dz) * (1.0 + 1e-5) + 1e-5 * (1.0 + scale));
+}
+
+}  // namespace
+
+int KRelaxationCollisions::activeColliders() const {
+    int n = 0;
+    for (const Collider& c : _colliders) n += c.active ? 1 : 0;
+    return n;
+}
+
+void KRelaxationCollisions::collide(KDouble3* points, int count, const float* weights, const double* multipliers,
+                                    const KVector* normals, int threads) {
+    if (!multipliers || !normals) return;
+    const int numColliders = static_cast<int>(_colliders.size());
+    if (count > _count) return;
+    const int team = TeamFor(threads, count, 512);
+    if (static_cast<int>(_hits.size()) < team) _hits.resize(static_cast<size_t>(team));
+    for (int c = 0; c < numColliders; ++c) {
+        const Collider& collider = _colliders[static_cast<size_t>(c)];
+        if (!collider.active) continue;
+        const float reach = collider.reach;
+        KVector* last = _closest.data() + static_cast<size_t>(c) * static_cast<size_t>(_count);
+#pragma omp parallel num_threads(team)
+        {
+            // The thread's last closest point bounds the search of a vertex that has none of its own.
+            const float nan = std::numeric_limits<float>::quiet_NaN();
+            KVector previous(nan, nan, nan);
+            std::vector<float>& hits = _hits[static_cast<size_t>(OmpThreadNum())];
+#pragma omp for schedule(static)
+            for (int v = 0; v < count; ++v) {
+                // A vertex of weight exactly 0.001 is collided, although the relax pass skips it.
+                if (weights && weights[v] < 0.001f) continue;
+                const double m = multipliers[static_cast<size_t>(v) * numColliders + c];
+                if (m == 0.0) continue;
+                KDouble3& point = points[v];
+                const KVector source(static_cast<float>(point[0]), static_cast<float>(point[1]),
+                                     static_cast<float>(point[2]));
+                const KVector direction = normals[v] * reach;
+                if (collider.tree.allIntersections(source, direction, reach, kTolerance, hits) % 2 == 0) continue;
+
+                // The closest point on the whole surface (no distance limit). The bound only spares the
+                // search the triangles that cannot be nearer than a point of the surface found before.
+                KVector closest;
+                int triangle;
+                const float bound = SearchBound(source, std::isnan(last[v].x) ? previous : last[v]);
+                if (!collider.tree.getClosestPoint(source, closest, triangle, bound) &&
+                    !collider.tree.getClosestPoint(source, closest, triangle, std::numeric_limits<float>::infinity()))
+                    continue;
+                last[v] = closest;
+                previous = closest;
+                double q[3] = {closest.x, closest.y, closest.z};
+                if (m != 1.0) {
+                    double e[3] = {q[0] - point[0], q[1] - point[1], q[2] - point[2]};
+                    const double len = std::sqrt(e[0] * e[0] + e[1] * e[1] + e[2] * e[2]);
+                    const double step = static_cast<double>(static_cast<float>(len)) * m;
+                    for (int a = 0; a < 3; ++a) q[a] = point[a] + (len > 0.0 ? e[a] / len : 0.0) * step;
+                }
+                point = KDouble3{q[0], q[1], q[2]};
+            }
+        }
+    }
+}
+
+}  // namespace Kavrin
