@@ -45,12 +45,13 @@ struct KSparseLeastSquares::Library {
     cholmod_dense* y = nullptr;
     cholmod_dense* e = nullptr;
 
-    Library() {
+    explicit Library(bool supernodal) {
         cholmod_start(&cm);
         // The library prints nothing itself; its errors arrive through the handler.
         cm.print = 0;
         cm.error_handler = ErrorHandler;
-        cm.supernodal = CHOLMOD_SUPERNODAL;
+        // Decision (behaviour note "Deformation transfer: Cholesky factorisation of the normal equations").
+        cm.supernodal = supernodal ? CHOLMOD_SUPERNODAL : CHOLMOD_SIMPLICIAL;
     }
     void freeObjects() {
         cholmod_free_sparse(&normal, &cm);
@@ -66,9 +67,9 @@ struct KSparseLeastSquares::Library {
     }
 };
 
-KSparseLeastSquares::KSparseLeastSquares() {
+KSparseLeastSquares::KSparseLeastSquares(Method method) {
     ActiveScope scope(this);
-    _lib.reset(new Library);
+    _lib.reset(new Library(method == kSupernodal));
 }
 
 KSparseLeastSquares::~KSparseLeastSquares() {
@@ -191,6 +192,7 @@ KSparseStatus KSparseLeastSquares::analyse(int cols, const KIntArray& rowStart, 
     if (!_lib->factor) return _status(false);
     _work.assign(static_cast<size_t>(team), std::vector<double>(cols, 0.0));
     _valueCopy.assign(static_cast<size_t>(nnz), 0.0);
+    _colValue.assign(static_cast<size_t>(nnz), 0.0);
     return _status(true);
 }
 
@@ -201,7 +203,7 @@ void KSparseLeastSquares::_formNormalMatrix() {
     const int* ci = _colIndex.data();
     const int* cs = _colStart.data();
     const int* cr = _colRow.data();
-    const int* cp = _colPos.data();
+    const double* cv = _colValue.data();
     const double* v = _valueCopy.data();
     const int* mp = static_cast<const int*>(_lib->normal->p);
     const int* mi = static_cast<const int*>(_lib->normal->i);
@@ -213,7 +215,7 @@ void KSparseLeastSquares::_formNormalMatrix() {
         double* w = _work[OmpThreadNum()].data();
         for (int p = cs[j]; p < cs[j + 1]; ++p) {
             const int r = cr[p];
-            const double a = v[cp[p]];
+            const double a = cv[p];
             for (int q = rs[r]; q < rs[r + 1]; ++q) {
                 const int i = ci[q];
                 if (i >= j) w[i] += a * v[q];
@@ -236,6 +238,7 @@ KSparseStatus KSparseLeastSquares::factor(const double* values) {
         return s;
     }
     std::copy(values, values + _valueCopy.size(), _valueCopy.begin());
+    for (size_t p = 0; p < _colValue.size(); ++p) _colValue[p] = _valueCopy[_colPos[p]];
     _formNormalMatrix();
     cholmod_common* cm = &_lib->cm;
     const int ok = cholmod_factorize(_lib->normal, _lib->factor, cm);
@@ -257,19 +260,39 @@ KSparseStatus KSparseLeastSquares::factor(const double* values) {
 }
 
 void KSparseLeastSquares::multiplyTransposed(const double* b, int nrhs, double* atb) const {
-    const int nRows = rows();
+    const size_t nRows = static_cast<size_t>(rows());
     const int* cs = _colStart.data();
     const int* cr = _colRow.data();
-    const int* cp = _colPos.data();
-    const double* v = _valueCopy.data();
+    const double* cv = _colValue.data();
     const int cols = _cols;
+    const size_t stride = static_cast<size_t>(cols);
+    if (nrhs == 3) {
+        const double* b0 = b;
+        const double* b1 = b + nRows;
+        const double* b2 = b + 2 * nRows;
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, cols))
+        for (int j = 0; j < cols; ++j) {
+            double s0 = 0.0, s1 = 0.0, s2 = 0.0;
+            for (int p = cs[j]; p < cs[j + 1]; ++p) {
+                const double a = cv[p];
+                const int r = cr[p];
+                s0 += a * b0[r];
+                s1 += a * b1[r];
+                s2 += a * b2[r];
+            }
+            atb[j] = s0;
+            atb[stride + j] = s1;
+            atb[2 * stride + j] = s2;
+        }
+        return;
+    }
 #pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, cols))
     for (int j = 0; j < cols; ++j) {
         for (int c = 0; c < nrhs; ++c) {
-            const double* bc = b + static_cast<size_t>(c) * nRows;
+            const double* bc = b + c * nRows;
             double s = 0.0;
-            for (int p = cs[j]; p < cs[j + 1]; ++p) s += v[cp[p]] * bc[cr[p]];
-            atb[static_cast<size_t>(c) * cols + j] = s;
+            for (int p = cs[j]; p < cs[j + 1]; ++p) s += cv[p] * bc[cr[p]];
+            atb[c * stride + j] = s;
         }
     }
 }

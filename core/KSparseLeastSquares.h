@@ -34,7 +34,12 @@ struct KSparseStatus {
 
 class KSparseLeastSquares {
 public:
-    KSparseLeastSquares();
+    // Supernodal factorisation (dense blocks through BLAS) pays off where the factor is made once
+    // per solve; the simplicial one analyses and factors quicker on mesh-shaped systems of this size
+    // and solves quicker, which suits a factor kept for many solves.
+    enum Method { kSupernodal, kSimplicial };
+
+    explicit KSparseLeastSquares(Method method = kSupernodal);
     ~KSparseLeastSquares();
     KSparseLeastSquares(const KSparseLeastSquares&) = delete;
     KSparseLeastSquares& operator=(const KSparseLeastSquares&) = delete;
@@ -80,8 +85,8 @@ private:
     // A by rows (the caller's pattern) and by columns (row and value position per entry).
     KIntArray _rowStart, _colIndex;
     KIntArray _colStart, _colRow, _colPos;
-    const double* _values = nullptr;
-    std::vector<double> _valueCopy;
+    std::vector<double> _valueCopy;  // A's values by rows
+    std::vector<double> _colValue;   // and by columns
     // Lower triangle of A^T A by columns: row indices, and per thread a dense accumulator.
     std::vector<std::vector<double>> _work;
     // The error the library reported during the running call.

@@ -61,7 +61,7 @@ private:
     KIntArray _firstRow;  // per target triangle, its first scalar row
     std::vector<double> _anchorRhs;  // the anchors' share of each row, moved to the right-hand side
     std::vector<double> _rhs, _atb, _x;
-    KSparseLeastSquares _ls;
+    KSparseLeastSquares _ls{KSparseLeastSquares::kSimplicial};
     std::string _failure, _report;
 };
 
