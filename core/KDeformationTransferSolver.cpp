@@ -62,8 +62,8 @@ KDeformationTransferResult KDeformationTransferSolver::compute(const KDeformatio
     _iterCount = input.iterCount;
 
     // A recalculation works on a copy of the kept state, and the output is written aside: both
-    // replace what is kept only when the evaluation as a whole succeeds, so a failed evaluation
-    // leaves everything as it was.
+    // replace what is kept only when the evaluation as a whole succeeds.
+    // Guard (behaviour note "Deformation transfer: a failed evaluation changes nothing").
     std::unique_ptr<State> next;
     bool ok = true;
     bool outputWritten = false;

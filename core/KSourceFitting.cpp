@@ -60,6 +60,7 @@ bool KSourceFitting::prepare(const KTriMesh& source, const KTriMesh& target, con
     const int nST = source.numTriangles();
 
     for (int i = 0; i < pairs.length(); ++i) {
+        // Guard (behaviour note "Deformation transfer: marker pairs outside the meshes").
         const int s = pairs[i][0];
         const int t = pairs[i][1];
         if (s < 0 || s >= nSV || t < 0 || t >= nTV) return _fail(DtPairOutside(i, s, t, nSV, nTV));
@@ -85,7 +86,9 @@ bool KSourceFitting::prepare(const KTriMesh& source, const KTriMesh& target, con
         // Guard (behaviour note "Deformation transfer: a singular source fit names its cause").
         if (!used[v] && !_pinned[v]) return _fail(DtIsolatedSourceVertex(v));
 
-    // Neighbour pairs in the order of the smooth term: triangle by triangle, slot by slot.
+    // Neighbour pairs in the order of the smooth term: triangle by triangle, slot by slot; an
+    // empty slot gives no rows.
+    // Decision (behaviour note "Deformation transfer: no unpaired smooth block on a border").
     KTriMeshConnectionInfo info(source);
     info.calculate_t2t();
     _pairTri.clear();
@@ -100,6 +103,7 @@ bool KSourceFitting::prepare(const KTriMesh& source, const KTriMesh& target, con
 
     // Pattern: 3 rows per pair (the columns of both triangles' free and fourth vertices), 3 rows
     // per triangle, one row per free vertex.
+    // Decision (behaviour note "Deformation transfer: the three coordinates share one scalar system").
     const int nRows = 3 * nPairs + 3 * nST + _nFree;
     _rowStart.setLength(nRows + 1, false);
     _colIndex.clear();

@@ -36,6 +36,7 @@ void ErrorHandler(int status, const char* file, int line, const char* message) {
 
 // The context and the objects made in it: the normal matrix (its pattern fixed at analyse), the
 // symbolic and numeric factor, and the solve's dense work objects.
+// Guard (behaviour note "Deformation transfer: one sparse-library context per solver, nothing leaked").
 struct KSparseLeastSquares::Library {
     cholmod_common cm;
     cholmod_sparse* normal = nullptr;
@@ -210,6 +211,7 @@ void KSparseLeastSquares::_formNormalMatrix() {
     double* mx = static_cast<double*>(_lib->normal->x);
     // Column j of A^T A sums, over the rows of A that hold j in increasing order, that row's
     // entries times its entry at j: the same order whatever the team.
+    // Decision (behaviour note "Deformation transfer: parallel assembly, bit-identical").
 #pragma omp parallel for schedule(static) num_threads(team)
     for (int j = 0; j < cols; ++j) {
         double* w = _work[OmpThreadNum()].data();
