@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config
   libsuitesparse-dev libnanoflann-dev libcli11-dev libtinyobjloader-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libopenblas0-serial
+  libopenblas0-pthread
 )
 
 missing=()

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <thread>
 #include <vector>
 
 #include "KSparseLeastSquares.h"
@@ -111,4 +112,38 @@ TEST(SparseLeastSquares, ResultsDoNotDependOnTheThreadCount) {
         ASSERT_TRUE(ls.solve(p.b.data(), 2, (threads == 1 ? x1 : x2).data()).ok());
     }
     EXPECT_TRUE(x1 == x2);
+}
+
+TEST(SparseLeastSquares, ObjectsOnSeveralThreadsAtOnceGiveTheSameResults) {
+    // Two nodes may evaluate at the same time: each object, and the BLAS beneath the supernodal
+    // factorisation, must then give what one object alone gives. (Debian's single-threaded OpenBLAS
+    // build fails this: its work buffers are shared between calling threads.)
+    const int n = 70, cols = n * n;
+    KIntArray rowStart{0}, colIndex;
+    std::vector<double> values;
+    for (int i = 0; i < cols; ++i) {
+        for (int c : {i, (i + 1) % cols, (i + n) % cols}) {
+            colIndex.push_back(c);
+            values.push_back(std::sin(0.1 * colIndex.length()) + (c == i ? 3.0 : 0.0));
+        }
+        rowStart.push_back(colIndex.length());
+    }
+    std::vector<double> b(3 * static_cast<size_t>(cols));
+    for (size_t k = 0; k < b.size(); ++k) b[k] = std::cos(0.3 * k);
+    auto run = [&](std::vector<double>& x) {
+        KSparseLeastSquares ls;
+        bool ok = ls.analyse(cols, rowStart, colIndex, 1).ok();
+        for (int i = 0; i < 3 && ok; ++i) ok = ls.factor(values.data()).ok() && ls.solve(b.data(), 3, x.data()).ok();
+        if (!ok) x.clear();
+    };
+    std::vector<double> reference(3 * static_cast<size_t>(cols));
+    run(reference);
+    ASSERT_FALSE(reference.empty());
+    for (int round = 0; round < 2; ++round) {
+        std::vector<std::vector<double>> x(4, std::vector<double>(reference.size()));
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) threads.emplace_back([&, t] { run(x[t]); });
+        for (std::thread& t : threads) t.join();
+        for (int t = 0; t < 4; ++t) ASSERT_TRUE(x[t] == reference) << "round " << round << ", thread " << t;
+    }
 }
