@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <functional>
+#include <map>
 #include <sstream>
 #include <thread>
 #include <tuple>
@@ -446,36 +447,46 @@ TEST(DeformationTransferBorders, OpenMeshesTransferLikeClosedOnesAwayFromTheBord
 
     const KTriMesh closedSame = Triangulated(ico), closedTarget = Triangulated(icoTarget);
     const KTriMesh closedUV = Triangulated(uv);
+    const KTriMesh slitTarget = Triangulated(slit);
     const struct {
         const char* name;
         KTriMesh source, target;
         const KTriMesh* closedSource;
+        const KTriMesh* closedTarget;
         std::vector<KVector> landmarks;
         short mode;
         float below;       // the height up to which the results are compared
         double tolerance;  // of the target's size
     } cases[] = {
-        {"same topology, both open", Triangulated(openIco), Triangulated(openTarget), &closedSame, below, 1, 0.2f, 0.03},
+        {"same topology, both open", Triangulated(openIco), Triangulated(openTarget), &closedSame, &closedTarget, below, 1, 0.2f, 0.03},
         {"same topology, markers on the border", Triangulated(openIco), Triangulated(openTarget), &closedSame,
-         onBorder, 1, 0.2f, 0.03},
+         &closedTarget, onBorder, 1, 0.2f, 0.03},
         // Where the target is closed, its part over the source's opening finds no source triangle
         // and keeps its rest shape; the opening is kept small here (z > 0.9).
         {"open source", Triangulated(KeepFaces(uv, [](const KVector& c) { return c.z < 0.9f; })), closedTarget,
-         &closedUV, below, 2, 0.2f, 0.03},
-        {"open target", closedUV, Triangulated(openTarget), &closedUV, below, 2, 0.2f, 0.03},
-        {"both open, markers on the border", Triangulated(cap(uv)), Triangulated(openTarget), &closedUV, onBorder, 2,
-         0.2f, 0.03},
-        {"slit source", Triangulated(slit), closedTarget, &closedUV, below, 2, 0.2f, 0.01},
+         &closedUV, &closedTarget, below, 2, 0.2f, 0.03},
+        {"open target", closedUV, Triangulated(openTarget), &closedUV, &closedTarget, below, 2, 0.2f, 0.03},
+        {"both open, markers on the border", Triangulated(cap(uv)), Triangulated(openTarget), &closedUV,
+         &closedTarget, onBorder, 2, 0.2f, 0.03},
+        {"slit source", slitTarget, closedTarget, &closedUV, &closedTarget, below, 2, 0.2f, 0.01},
+        {"slit target", closedSame, slitTarget, &closedSame, &closedUV, below, 2, 0.2f, 0.01},
     };
     for (const auto& c : cases) {
-        const KVectorArray closed = TransferTwist(*c.closedSource, closedTarget, c.landmarks, c.mode);
+        const KVectorArray closed = TransferTwist(*c.closedSource, *c.closedTarget, c.landmarks, c.mode);
         const KVectorArray open = TransferTwist(c.source, c.target, c.landmarks, c.mode);
         ASSERT_FALSE(closed.empty() || open.empty()) << c.name;
-        // Open target vertices are closed ones renumbered in order: match them by rest position.
+        // Open target vertices are closed ones, renumbered or copied: match them by rest position.
+        std::map<std::tuple<float, float, float>, int> closedIndex;
+        for (int j = c.closedTarget->numVertices() - 1; j >= 0; --j) {
+            const KVector& p = c.closedTarget->points[j];
+            closedIndex[std::make_tuple(p.x, p.y, p.z)] = j;
+        }
         std::vector<std::pair<int, int>> match;
-        for (int i = 0, j = 0; i < c.target.numVertices(); ++i) {
-            while (!(closedTarget.points[j] == c.target.points[i])) ++j;
-            if (c.target.points[i].z < c.below) match.push_back({i, j});
+        for (int i = 0; i < c.target.numVertices(); ++i) {
+            const KVector& p = c.target.points[i];
+            const auto j = closedIndex.find(std::make_tuple(p.x, p.y, p.z));
+            ASSERT_TRUE(j != closedIndex.end()) << c.name << " " << i;
+            if (p.z < c.below) match.push_back({i, j->second});
         }
         KVector shift;
         for (const auto& m : match) shift += (closed[m.second] - open[m.first]) / float(match.size());
@@ -485,5 +496,53 @@ TEST(DeformationTransferBorders, OpenMeshesTransferLikeClosedOnesAwayFromTheBord
         std::printf("%-38s largest distance below z = %4.1f: %.3f%% of the size (%zu vertices)\n", c.name,
                     c.below, 100 * worst / size, match.size());
         EXPECT_LT(worst / size, c.tolerance) << c.name;
+    }
+}
+
+TEST(DeformationTransferBorders, GridPatchesCarryABendAcrossTopologies) {
+    // Two open sheets of the same surface, 15 x 15 and 22 x 22 vertices: the source bent around Y
+    // must bend the target the same way, which the target bent directly shows.
+    const KPolyMesh sourcePatch = MakeDetailedGrid(15, 2.0f), targetPatch = MakeDetailedGrid(22, 2.0f);
+    const KTriMesh source = Triangulated(sourcePatch), target = Triangulated(targetPatch);
+    std::vector<KVector> landmarks;
+    for (float x : {-1.0f, 0.0f, 1.0f})
+        for (float y : {-1.0f, 0.0f, 1.0f}) landmarks.push_back(KVector(x, y, 0));
+    In in;
+    in.reCalculate = true;
+    in.aim = 2;
+    in.calcMode = 2;
+    in.iterCount = 3;
+    in.sourceMesh = source;
+    in.targetMesh = target;
+    for (const KVector& l : landmarks) in.vertCorres.insert(in.vertCorres.end(), {Nearest(source, l), Nearest(target, l)});
+    in.srcFixPNum = KIntArray{in.vertCorres[0]};
+    in.trgFixPNum = KIntArray{in.vertCorres[1]};
+    in.threads = 2;
+    KDeformationTransferSolver solver;
+    KRecordingSink sink;
+    ASSERT_FALSE(solver.compute(in, sink).outcome.failed());
+    for (float degrees : {45.0f, 90.0f}) {
+        const float angle = degrees * 3.14159265f / 180.0f;
+        in.reCalculate = false;
+        in.sourceMesh.points = BendAroundY(sourcePatch, angle).points;
+        ASSERT_FALSE(solver.compute(in, sink).outcome.failed());
+        const KVectorArray expected = BendAroundY(targetPatch, angle).points;
+        // Both results keep the fixed corner on the posed source's; compare after aligning centroids.
+        KVector shift;
+        const int n = target.numVertices();
+        for (int i = 0; i < n; ++i)
+            shift += (expected[i] - KVector(float(solver.outPoints()[i][0]), float(solver.outPoints()[i][1]),
+                                            float(solver.outPoints()[i][2]))) / float(n);
+        float mean = 0, worst = 0;
+        for (int i = 0; i < n; ++i) {
+            const KVector got(float(solver.outPoints()[i][0]), float(solver.outPoints()[i][1]),
+                              float(solver.outPoints()[i][2]));
+            const float d = (got + shift - expected[i]).length();
+            mean += d / n;
+            worst = std::max(worst, d);
+        }
+        std::printf("grid bend %2.0f deg: mean %.3f%%, largest %.3f%% of the size\n", degrees, 50 * mean, 50 * worst);
+        EXPECT_LT(mean / 2, 0.01) << degrees;
+        EXPECT_LT(worst / 2, 0.03) << degrees;
     }
 }
