@@ -7,6 +7,13 @@
 
 namespace Kavrin {
 
+namespace {
+
+// Decision (behaviour note "Deformation transfer: light per-pose loops stay on one thread").
+const int kOutputItemsPerThread = 16384;
+
+}  // namespace
+
 KDeformationTransferSolver::KDeformationTransferSolver() {}
 
 KDeformationTransferSolver::~KDeformationTransferSolver() {}
@@ -263,7 +270,7 @@ bool KDeformationTransferSolver::_setOutPoints(const KTriMesh& target, const KVe
     KDouble4* op = out.points.data();
     KDouble3* on = out.normals.data();
     int* ids = out.normalVerts.data();
-#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nv))
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nv, kOutputItemsPerThread))
     for (int i = 0; i < nv; ++i) {
         const KVector p = points[i] - offset;
         op[i] = KDouble4{p.x, p.y, p.z, 1.0};
@@ -289,7 +296,7 @@ bool KDeformationTransferSolver::_setOutDeformedSource(const KVectorArray& fitte
     const KVector offset = out.offset;
     const KVector* points = fitted.data();
     KDouble4* op = out.points.data();
-#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nv))
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nv, kOutputItemsPerThread))
     for (int i = 0; i < nv; ++i) {
         const KVector p = points[i] - offset;
         op[i] = KDouble4{p.x, p.y, p.z, 1.0};

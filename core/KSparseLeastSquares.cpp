@@ -262,6 +262,9 @@ KSparseStatus KSparseLeastSquares::factor(const double* values) {
 }
 
 void KSparseLeastSquares::multiplyTransposed(const double* b, int nrhs, double* atb) const {
+    // A product is a few operations per entry: a thread takes at least 65,536 entries.
+    // Decision (behaviour note "Deformation transfer: light per-pose loops stay on one thread").
+    const int team = TeamFor(_threads, _colIndex.length(), 65536);
     const size_t nRows = static_cast<size_t>(rows());
     const int* cs = _colStart.data();
     const int* cr = _colRow.data();
@@ -272,7 +275,7 @@ void KSparseLeastSquares::multiplyTransposed(const double* b, int nrhs, double* 
         const double* b0 = b;
         const double* b1 = b + nRows;
         const double* b2 = b + 2 * nRows;
-#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, cols))
+#pragma omp parallel for schedule(static) num_threads(team)
         for (int j = 0; j < cols; ++j) {
             double s0 = 0.0, s1 = 0.0, s2 = 0.0;
             for (int p = cs[j]; p < cs[j + 1]; ++p) {
@@ -288,7 +291,7 @@ void KSparseLeastSquares::multiplyTransposed(const double* b, int nrhs, double* 
         }
         return;
     }
-#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, cols))
+#pragma omp parallel for schedule(static) num_threads(team)
     for (int j = 0; j < cols; ++j) {
         for (int c = 0; c < nrhs; ++c) {
             const double* bc = b + c * nRows;

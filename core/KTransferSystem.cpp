@@ -15,6 +15,11 @@ const char* const kSystem = "transfer system";
 const char* const kNotBuilt = "the transfer system was not built.";
 const char* const kNotWritten = "the output was not written.";
 
+// The loops of a pose solve do little per item: below this many items per thread, meeting a
+// second thread costs more than it saves.
+// Decision (behaviour note "Deformation transfer: light per-pose loops stay on one thread").
+const int kPoseItemsPerThread = 16384;
+
 // Rows a target triangle's pairing gives: one block for count 0, one per slot for a positive count.
 inline int Blocks(const KInt4& tc) { return tc[3] == 0 ? 1 : std::max(tc[3], 0); }
 
@@ -173,7 +178,7 @@ bool KTransferSystem::solve(const KVectorArray& posedSource, const KTriMesh& tar
     const KMatrix3d* restInv = _restInverse.data();
     const KInt4* corres = _triCorres.data();
     const int* first = _firstRow.data();
-#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nTT))
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nTT, kPoseItemsPerThread))
     for (int t = 0; t < nTT; ++t) {
         const KInt4& tc = corres[t];
         for (int row = first[t]; row < first[t + 1]; ++row)
@@ -210,7 +215,7 @@ bool KTransferSystem::solve(const KVectorArray& posedSource, const KTriMesh& tar
     const int* column = _column.data();
     const KVector* rest = _restTarget.data();
     KVector* out = targetPoints.data();
-#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nTV))
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nTV, kPoseItemsPerThread))
     for (int i = 0; i < nTV; ++i) {
         const int c = column[i];
         out[i] = c < 0 ? rest[i]
