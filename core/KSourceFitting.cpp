@@ -36,7 +36,6 @@ bool KSourceFitting::_sparseFailed(const KSparseStatus& status) {
         return _fail(kDtCholmodError);
     }
     const int c = status.column;
-    const int nv = _points.length();
     if (c >= 0 && c < _nFree) {
         const int v = static_cast<int>(std::find(_column.begin(), _column.end(), c) - _column.begin());
         return _fail(DtSingularAt(kFit, "source vertex " + std::to_string(v), kAbandoned));
@@ -44,7 +43,6 @@ bool KSourceFitting::_sparseFailed(const KSparseStatus& status) {
     if (c >= _nFree && c - _nFree < _triangles.length())
         return _fail(DtSingularAt(kFit, "the fourth vertex of source triangle " + std::to_string(c - _nFree),
                                   kAbandoned));
-    (void)nv;
     return _fail(DtSingular(kFit, kAbandoned));
 }
 
@@ -78,13 +76,12 @@ bool KSourceFitting::prepare(const KTriMesh& source, const KTriMesh& target, con
     _nFree = 0;
     for (int v = 0; v < nSV; ++v)
         if (!_pinned[v]) _column[v] = _nFree++;
-    KCharArray used;
-    used.setLength(nSV, true);
+    _used.setLength(nSV, true);
     for (const KInt3& t : _triangles)
-        for (int k = 0; k < 3; ++k) used[t[k]] = 1;
+        for (int k = 0; k < 3; ++k) _used[t[k]] = 1;
     for (int v = 0; v < nSV; ++v)
         // Guard (behaviour note "Deformation transfer: a singular source fit names its cause").
-        if (!used[v] && !_pinned[v]) return _fail(DtIsolatedSourceVertex(v));
+        if (!_used[v] && !_pinned[v]) return _fail(DtIsolatedSourceVertex(v));
 
     // Neighbour pairs in the order of the smooth term: triangle by triangle, slot by slot; an
     // empty slot gives no rows.
@@ -246,12 +243,8 @@ bool KSourceFitting::solve() {
     const int nSV = _points.length();
     KVector* p = _points.data();
     // Vertices in no triangle keep their place; every other pinned vertex sits on its pin.
-    KCharArray used;
-    used.setLength(nSV, true);
-    for (const KInt3& t : _triangles)
-        for (int k = 0; k < 3; ++k) used[t[k]] = 1;
     for (int i = 0; i < nSV; ++i) {
-        if (!used[i]) continue;
+        if (!_used[i]) continue;
         if (_pinned[i]) {
             p[i] = _pinPos[i];
             continue;

@@ -82,6 +82,7 @@ private:
     KVectorArray _points;
     KVectorArray _closest;
     KCharArray _pinned;
+    KCharArray _used;  // per vertex: in some triangle
     KVectorArray _pinPos;
     KIntArray _column;
     int _nFree = 0;
