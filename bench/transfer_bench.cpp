@@ -1,9 +1,11 @@
 // Deformation transfer on the cat and lion meshes (7,207 -> 5,000 vertices, 55 markers) when the
-// shared data is present, else on generated spheres of similar size:
+// shared data is present, else on generated spheres of similar size. The second argument picks
+// the target: 0 the lion, 1 the lion with every triangle split into four (19,998 vertices), to see
+// how each stage grows with the target.
 //   BM_TransferCorrespondence  the correspondence search (fit with 5 iterations, then pairing);
 //   BM_TransferFactor          building and factoring the transfer system;
 //   BM_TransferSolvePose       one transfer pass for a new source pose, as the node runs it.
-// The thread count is the benchmark argument.
+// The first argument is the thread count.
 
 #include <benchmark/benchmark.h>
 
@@ -11,8 +13,10 @@
 #include <string>
 #include <sys/stat.h>
 
-#include "../tests/core/DeformationTransferTestSupport.h"
+#include "KDeformationTransferSolver.h"
+#include "KTransferSystem.h"
 #include "MarkerFile.h"
+#include "MeshGenerators.h"
 #include "ObjIO.h"
 
 using namespace Kavrin;
@@ -30,36 +34,37 @@ bool Exists(const std::string& path) {
     return stat(path.c_str(), &st) == 0;
 }
 
-TransferData LoadData() {
+TransferData LoadData(bool larger) {
     TransferData d;
     const std::string dir = std::string(KAVRIN_DATA_DIR) + "/cat-lion/";
     if (Exists(dir + "markers.txt")) {
-        ReadObj(dir + "cat-reference.obj").triangulate(d.source);
-        ReadObj(dir + "lion-reference.obj").triangulate(d.target);
-        ReadObj(dir + "cat-05.obj").triangulate(d.pose);
-        d.markers = ReadMarkers(dir + "markers.txt", d.source.numVertices(), d.target.numVertices());
-        d.origin = "cat-lion";
+        const KPolyMesh lion = ReadObj(dir + "lion-reference.obj");
+        d.source = Triangulated(ReadObj(dir + "cat-reference.obj"));
+        d.target = Triangulated(larger ? SplitIntoFour(lion) : lion);
+        d.pose = Triangulated(ReadObj(dir + "cat-05.obj"));
+        // Split meshes keep the original vertices' indices, so the markers hold.
+        d.markers = ReadMarkers(dir + "markers.txt", d.source.numVertices(), lion.numVertices());
+        d.origin = larger ? "cat-lion x4" : "cat-lion";
         return d;
     }
-    // Generated: a bumpy sphere of 10,242 vertices onto a stretched sphere of 2,562 vertices,
-    // the same order of size as the cat and the lion.
-    d.source = dttest::Icosphere(5);
-    dttest::Bump(d.source, 0.03f, 1);
-    d.target = dttest::Icosphere(4);
-    for (KVector& p : d.target.points) p = KVector(1.4f * p.x, 0.8f * p.y, p.z);
+    // Generated: a bumpy sphere of 10,242 vertices onto a stretched sphere of 2,562 vertices
+    // (10,242 when larger), the same order of size as the cat and the lion.
+    KPolyMesh source = MakeIcosphere(5);
+    AddRadialBumps(source, 0.03f, 1);
+    KPolyMesh target = MakeIcosphere(larger ? 5 : 4);
+    ScalePoints(target, 1.4f, 0.8f, 1.0f);
+    d.source = Triangulated(source);
+    d.target = Triangulated(target);
     d.pose = d.source;
     for (KVector& p : d.pose.points) p = KVector(p.x, p.y + 0.3f * p.x * p.x, p.z);
-    for (int i = 0; i < 12; ++i) {
-        d.markers.push_back(i);
-        d.markers.push_back(i);
-    }
-    d.origin = "generated";
+    for (int i = 0; i < 12; ++i) d.markers.insert(d.markers.end(), {i, i});
+    d.origin = larger ? "generated x4" : "generated";
     return d;
 }
 
-const TransferData& Data() {
-    static const TransferData data = LoadData();
-    return data;
+const TransferData& Data(int64_t larger) {
+    static const TransferData data[2] = {LoadData(false), LoadData(true)};
+    return data[larger ? 1 : 0];
 }
 
 KDeformationTransferInput Input(const TransferData& d, bool recalc, short aim, int threads) {
@@ -88,7 +93,7 @@ void Label(benchmark::State& state, const TransferData& d) {
 
 // The "Wrap Deformer" aim runs the correspondence search with the pairing and builds nothing.
 static void BM_TransferCorrespondence(benchmark::State& state) {
-    const TransferData& d = Data();
+    const TransferData& d = Data(state.range(1));
     const KDeformationTransferInput in = Input(d, true, 3, int(state.range(0)));
     for (auto _ : state) {
         KDeformationTransferSolver solver;
@@ -98,24 +103,30 @@ static void BM_TransferCorrespondence(benchmark::State& state) {
     }
     Label(state, d);
 }
-BENCHMARK(BM_TransferCorrespondence)->Arg(2)->Unit(benchmark::kSecond)->UseRealTime()->Iterations(1);
+BENCHMARK(BM_TransferCorrespondence)
+    ->Args({2, 0})
+    ->Args({2, 1})
+    ->Unit(benchmark::kSecond)
+    ->UseRealTime()
+    ->Iterations(1);
 
 static void BM_TransferFactor(benchmark::State& state) {
-    const TransferData& d = Data();
+    const TransferData& d = Data(state.range(1));
     KDeformationTransferSolver solver;
     KRecordingSink sink;
     solver.compute(Input(d, true, 3, int(state.range(0))), sink);
     const KInt4Array pairing = solver.triCorres();
     for (auto _ : state) {
-        KDeformationTransferTestAccess access(solver, sink);
-        if (access.build(d.source, d.target, pairing) != 1) state.SkipWithError("build failed");
+        KTransferSystem system;
+        if (!system.build(d.source, d.target, pairing, int(state.range(0))))
+            state.SkipWithError(system.failure().c_str());
     }
     Label(state, d);
 }
-BENCHMARK(BM_TransferFactor)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_TransferFactor)->Args({2, 0})->Args({2, 1})->Unit(benchmark::kMillisecond)->UseRealTime();
 
 static void BM_TransferSolvePose(benchmark::State& state) {
-    const TransferData& d = Data();
+    const TransferData& d = Data(state.range(1));
     KDeformationTransferSolver solver;
     KRecordingSink sink;
     solver.compute(Input(d, true, 2, int(state.range(0))), sink);
@@ -128,4 +139,10 @@ static void BM_TransferSolvePose(benchmark::State& state) {
     }
     Label(state, d);
 }
-BENCHMARK(BM_TransferSolvePose)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_TransferSolvePose)
+    ->Args({1, 0})
+    ->Args({2, 0})
+    ->Args({1, 1})
+    ->Args({2, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();

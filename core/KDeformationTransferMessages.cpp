@@ -1,6 +1,5 @@
 #include "KDeformationTransferMessages.h"
 
-#include <sstream>
 
 namespace Kavrin {
 
@@ -35,11 +34,6 @@ std::string DtPairOutside(int pair, int source, int target, int sourceVertices, 
            N(targetVertices) + "); nothing was recalculated.";
 }
 
-std::string DtMorePairsThanVertices(int pairs, int sourceVertices) {
-    return "KDeformationTransfer: there are more correspondence pairs (" + N(pairs) + ") than source vertices (" +
-           N(sourceVertices) + "); nothing was recalculated.";
-}
-
 std::string DtMeshIndicesInvalid(const char* mesh) {
     return std::string("KDeformationTransfer: the ") + mesh +
            " mesh has triangles that name vertices it does not have; nothing was recalculated.";
@@ -72,16 +66,21 @@ std::string DtSingular(const char* system, const char* consequence) {
            consequence;
 }
 
-std::string DtUmfpackFailed(const char* system, int status, const char* consequence) {
-    return std::string("KDeformationTransfer: UMFPACK failed on the ") + system + " (status " + N(status) + "); " +
-           consequence;
+std::string DtSingularAt(const char* system, const std::string& where, const char* consequence) {
+    return std::string("KDeformationTransfer: the normal equations of the ") + system + " are singular at " + where +
+           "; " + consequence;
 }
 
-std::string DtCholmodReport(const void* stream, int status, const char* file, int line, const char* message) {
-    std::ostringstream text;
-    text << stream << ", cholmod error: file: " << (file ? file : "") << " line: " << line << " status: " << status
-         << ": " << (message ? message : "") << "\n";
-    return text.str();
+std::string DtIsolatedSourceVertex(int vertex) {
+    return "KDeformationTransfer: source vertex " + N(vertex) +
+           " lies in no triangle and no marker pins it, so the source fit is singular; the correspondence search "
+           "was abandoned.";
+}
+
+std::string DtDegenerateTriangle(const char* mesh, int triangle, int a, int b, int c, const char* system,
+                                 const char* consequence) {
+    return std::string("KDeformationTransfer: ") + mesh + " triangle " + N(triangle) + " (vertices " + N(a) + ", " +
+           N(b) + ", " + N(c) + ") has no area, so the " + system + " is singular; " + consequence;
 }
 
 }  // namespace Kavrin

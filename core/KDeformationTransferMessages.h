@@ -25,15 +25,18 @@ extern const char* const kDtIterationCount;  // followed by the iteration number
 // Guard messages.
 std::string DtFixedVertexOutside(const char* mesh, int vertex, int numVertices);
 std::string DtPairOutside(int pair, int source, int target, int sourceVertices, int targetVertices);
-std::string DtMorePairsThanVertices(int pairs, int sourceVertices);
 std::string DtMeshIndicesInvalid(const char* mesh);
 std::string DtPairingSize(int entries, int targetTriangles);
 std::string DtPairingNamesMissingTriangle(int targetTriangle);
 std::string DtSourceChanged(int vertices, int triangles, int restVertices, int restTriangles);
 std::string DtTargetChanged(int vertices, int triangles, int builtVertices, int builtTriangles);
 std::string DtSingular(const char* system, const char* consequence);
-std::string DtUmfpackFailed(const char* system, int status, const char* consequence);
-// The sparse library's own report, written as output after kDtCholmodError.
-std::string DtCholmodReport(const void* stream, int status, const char* file, int line, const char* message);
+// The normal equations broke down at `where` ("source vertex 12", "the fourth vertex of target
+// triangle 7").
+std::string DtSingularAt(const char* system, const std::string& where, const char* consequence);
+// Why a source fit or a transfer system is singular, found before it is factored.
+std::string DtIsolatedSourceVertex(int vertex);
+std::string DtDegenerateTriangle(const char* mesh, int triangle, int a, int b, int c, const char* system,
+                                 const char* consequence);
 
 }  // namespace Kavrin

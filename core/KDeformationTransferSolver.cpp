@@ -1,69 +1,28 @@
-// Deformation transfer: the compute flow of the node, its output arrays and its messages.
+// Deformation transfer: the node's state machine, its output arrays and its messages.
 
-#include "KDeformationTransferInternal.h"
-
-#include <cstdio>
+#include "KDeformationTransferSolver.h"
 
 #include "KThreads.h"
+#include "KTrianglePairing.h"
 
 namespace Kavrin {
 
 namespace {
 
-thread_local KDeformationTransferSolver* tActiveSolver = nullptr;
+// Decision (behaviour note "Deformation transfer: light per-pose loops stay on one thread").
+const int kOutputItemsPerThread = 16384;
 
 }  // namespace
 
-KActiveSolverScope::KActiveSolverScope(KDeformationTransferSolver* solver) : _previous(tActiveSolver) {
-    tActiveSolver = solver;
-}
+KDeformationTransferSolver::KDeformationTransferSolver() {}
 
-KActiveSolverScope::~KActiveSolverScope() { tActiveSolver = _previous; }
-
-void cholmod_error_handler(int status, const char* file, int line, const char* message) {
-    if (tActiveSolver) tActiveSolver->_cholmodError(status, file, line, message);
-}
-
-// Everything a recalculation may change, kept so that a failed evaluation can put it back.
-struct KDeformationTransferSolver::Saved {
-    KTriMesh refSrcMesh;
-    KArray<KDouble4> outPoints;
-    KArray<KDouble3> outNormals;
-    KIntArray outNormalVerts;
-    KInt2Array vertCorres;
-    KInt4Array triCorres;
-    int srcFixP = 0;
-    int trgFixP = 0;
-    KVector offset;
-    bool ready = false;
-    int nRows = 0;
-    int nCols = 0;
-    KInt3Array trgCols;
-    cholmod_sparse* At = nullptr;
-    cholmod_sparse* AtA = nullptr;
-    void* Numeric = nullptr;
-    int sysTrgVerts = 0;
-    int sysTrgTris = 0;
-};
-
-KDeformationTransferSolver::KDeformationTransferSolver() : _common(new cholmod_common) {}
-
-KDeformationTransferSolver::~KDeformationTransferSolver() {
-    KActiveSolverScope scope(this);
-    _sink = nullptr;
-    if (_saved) _restore();
-    if (_cholmodStarted) {
-        cholmod_common* cm = _common.get();
-        cholmod_free_triplet(&_T, cm);
-        cholmod_free_dense(&_b, cm);
-        cholmod_free_dense(&_x, cm);
-        cholmod_free_sparse(&_A, cm);
-        _releaseSystem(_At, _AtA, _Numeric);
-        cholmod_finish(cm);
-    }
-}
+KDeformationTransferSolver::~KDeformationTransferSolver() {}
 
 void KDeformationTransferSolver::setClock(std::function<std::time_t()> clock) { _clock = std::move(clock); }
+
+long KDeformationTransferSolver::libraryObjects() const {
+    return _fitting.libraryObjects() + (_state.system ? _state.system->libraryObjects() : 0);
+}
 
 // ---------------------------------------------------------------------------------------------
 // Messages
@@ -89,16 +48,11 @@ void KDeformationTransferSolver::_progress(const std::string& message) {
     if (_sink) _sink->output(text);
 }
 
-void KDeformationTransferSolver::_abort(const std::string& message) {
-    if (!_aborted) _failure = message;
-    _aborted = true;
-}
-
-// Guard (behaviour note "Deformation transfer: sparse-library errors never end the process").
-void KDeformationTransferSolver::_cholmodError(int status, const char* file, int line, const char* message) {
-    // Kept on purpose (behaviour note "Deformation transfer: address of stderr in the library's line").
-    if (_sink) _sink->output(DtCholmodReport(static_cast<const void*>(stderr), status, file, line, message));
-    _abort(kDtCholmodError);
+bool KDeformationTransferSolver::_abort(const std::string& message, const std::string& libraryReport) {
+    // Guard (behaviour note "Deformation transfer: sparse-library errors never end the process").
+    if (!libraryReport.empty() && _sink) _sink->output(libraryReport);
+    _failure = message;
+    return false;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -106,39 +60,58 @@ void KDeformationTransferSolver::_cholmodError(int status, const char* file, int
 
 KDeformationTransferResult KDeformationTransferSolver::compute(const KDeformationTransferInput& input,
                                                                KMessageSink& sink) {
-    KActiveSolverScope scope(this);
     KDeformationTransferResult result;
     _sink = &sink;
     _threads = input.threads;
-    _aborted = false;
     _failure.clear();
-
     _aim = input.aim;
     _calcMode = input.calcMode;
     _iterCount = input.iterCount;
-    _srcMesh = input.sourceMesh;
-    _trgMesh = input.targetMesh;
 
+    // A recalculation works on a copy of the kept state, and the output is written aside: both
+    // replace what is kept only when the evaluation as a whole succeeds.
+    // Guard (behaviour note "Deformation transfer: a failed evaluation changes nothing").
+    std::unique_ptr<State> next;
+    bool ok = true;
+    bool outputWritten = false;
+    // The source of this evaluation's transfer pass: after a fit, the fitted working copy.
+    const KVectorArray* source = &input.sourceMesh.points;
     if (input.reCalculate) {
-        _save();
-        _recalculate(input, result);
+        next.reset(new State);
+        State& n = *next;
+        n.refSrcMesh = _state.refSrcMesh;
+        n.vertCorres = _state.vertCorres;
+        n.triCorres = _state.triCorres;
+        n.fitted = _state.fitted;
+        n.srcFixP = _state.srcFixP;
+        n.trgFixP = _state.trgFixP;
+        n.ready = _state.ready;
+        bool fitted = false;
+        ok = _recalculate(input, n, result, fitted);
+        outputWritten = ok && _aim == kSourceToTarget && fitted && _iterCount >= 1;
+        // Decision (behaviour note "Deformation transfer: the recalculating evaluation's transfer pass").
+        if (fitted) source = &n.fitted;
     }
-
-    if (!_aborted) {
-        if (_ready) {
-            _transferPass(input, result);
+    const State& state = next ? *next : _state;
+    if (ok) {
+        if (state.ready) {
+            ok = _transferPass(input, state, *source, result);
+            outputWritten = ok && result.output == KDeformationTransferResult::kFromTarget;
         } else if (_aim != kSourceToTarget) {
             sink.warning(kDtNoCorrespondences);
         }
     }
 
-    if (_aborted) {
-        // A guard or the sparse library stopped a stage: nothing of this evaluation is kept.
-        if (_saved) _restore();
+    if (!ok) {
         result = KDeformationTransferResult();
         result.outcome = KOutcome::Failed(_failure);
     } else {
-        if (_saved) _dropSaved();
+        if (next) _commit(*next);
+        if (outputWritten) std::swap(_out, _next);
+        if (result.output == KDeformationTransferResult::kFromSource)
+            _fillOutputFlags(result, input.sourceMesh);
+        else if (result.output == KDeformationTransferResult::kFromTarget)
+            _fillOutputFlags(result, input.targetMesh);
         if (!result.outcome.failed() && result.output != KDeformationTransferResult::kNoOutput)
             result.outcome = KOutcome::Deformed();
     }
@@ -146,188 +119,189 @@ KDeformationTransferResult KDeformationTransferSolver::compute(const KDeformatio
     return result;
 }
 
-void KDeformationTransferSolver::_recalculate(const KDeformationTransferInput& input,
-                                              KDeformationTransferResult& result) {
+void KDeformationTransferSolver::_commit(State& next) {
+    _state.refSrcMesh = std::move(next.refSrcMesh);
+    _state.vertCorres.swap(next.vertCorres);
+    _state.triCorres.swap(next.triCorres);
+    _state.fitted.swap(next.fitted);
+    _state.srcFixP = next.srcFixP;
+    _state.trgFixP = next.trgFixP;
+    _state.ready = next.ready;
+    // A new system replaces the kept one; a recalculation in another aim drops it.
+    if (next.system || !next.ready) _state.system = std::move(next.system);
+}
+
+bool KDeformationTransferSolver::_recalculate(const KDeformationTransferInput& input, State& next,
+                                              KDeformationTransferResult& result, bool& fitted) {
     if (input.srcFixPNum.empty())
         _sink->error(kDtNoSourceFixedPoint);
     else
-        _srcFixP = input.srcFixPNum[0];
+        next.srcFixP = input.srcFixPNum[0];
     if (input.trgFixPNum.empty())
         _sink->error(kDtNoTargetFixedPoint);
     else
-        _trgFixP = input.trgFixPNum[0];
+        next.trgFixP = input.trgFixPNum[0];
 
     const int n = input.vertCorres.length() / 2;
     if (n == 0) {
-        // "reCalculate" stays set, so the next evaluation tries again.
+        // Kept on purpose (behaviour note "Deformation transfer: reCalculate stays set without pairs").
         _sink->error(kDtNoCorrespondences);
-        return;
+        return true;
     }
-    _vertCorres.clear();
-    for (int i = 0; i < n; ++i) _vertCorres.push_back(KInt2{input.vertCorres[2 * i], input.vertCorres[2 * i + 1]});
+    next.vertCorres.clear();
+    for (int i = 0; i < n; ++i) next.vertCorres.push_back(KInt2{input.vertCorres[2 * i], input.vertCorres[2 * i + 1]});
 
     if (_aim == kTransfer) {
-        // A failed search does not stop the build: the system uses whatever _triCorres holds.
-        _findTriangleCorrespondence();
-        if (_aborted) return;
+        // Kept on purpose (behaviour note "Deformation transfer: a failed search still builds").
+        if (!_findTriangleCorrespondence(input, next, fitted)) return false;
         _progress(kDtBuildingMatrix);
-        _createCoefficientMatrix();
-        if (_aborted) return;
+        std::unique_ptr<KTransferSystem> system(new KTransferSystem);
+        if (!system->build(next.refSrcMesh, input.targetMesh, next.triCorres, _threads))
+            return _abort(system->failure(), system->libraryReport());
+        next.system = std::move(system);
+        next.ready = true;
         _progress(kDtMatrixCreated);
     } else {
-        _findTriangleCorrespondence();
-        if (_aborted) return;
-        _ready = false;
-        // "Source To Target" has just filled the output points; "Wrap Deformer" uses the arrays
-        // as earlier passes left them.
+        if (!_findTriangleCorrespondence(input, next, fitted)) return false;
+        next.ready = false;
+        // "Source To Target" has just written the fitted source aside; "Wrap Deformer" hands out
+        // the arrays as earlier passes left them.
         result.output = KDeformationTransferResult::kFromSource;
-        _fillOutputFlags(result, input.sourceMesh);
     }
     result.writeReCalculate = true;
     result.reCalculate = false;
+    return true;
 }
 
-bool KDeformationTransferSolver::_transferPass(const KDeformationTransferInput& input,
-                                               KDeformationTransferResult& result) {
+// The correspondence search. Returns false only when the evaluation fails; a search that stops
+// early (topology check, calcMode) returns true and leaves the pairing as it was.
+bool KDeformationTransferSolver::_findTriangleCorrespondence(const KDeformationTransferInput& input, State& next,
+                                                             bool& fitted) {
+    _progress(kDtFindingCorrespondences);
+    const KTriMesh& src = input.sourceMesh;
+    const KTriMesh& trg = input.targetMesh;
+    // Guard (behaviour note "Deformation transfer: meshes whose triangles name missing vertices").
+    if (!src.indicesValid() || !trg.indicesValid())
+        return _abort(DtMeshIndicesInvalid(src.indicesValid() ? "target" : "source"));
+    next.refSrcMesh = src;
+
+    if (src.numVertices() == trg.numVertices() && _calcMode != kSameTopology) {
+        _sink->warning(kDtModeMayBeInaccurate);
+    } else if (src.numVertices() != trg.numVertices() && _calcMode == kSameTopology) {
+        _sink->error(kDtCheckCalcMode);
+        return true;
+    }
+
+    const bool fitOk = _fitting.fit(src, trg, next.vertCorres, _iterCount, _threads, [this](int iteration) {
+        _progress(kDtIterationCount + std::to_string(iteration));
+    });
+    if (!fitOk) return _abort(_fitting.failure(), _fitting.libraryReport());
+    next.fitted = _fitting.points();
+    fitted = true;
+    if (_aim == kSourceToTarget) {
+        // The fitted source is shown after every iteration; only the last one is seen.
+        if (_iterCount >= 1 && !_setOutDeformedSource(next.fitted, trg, next)) return false;
+        return true;
+    }
+
+    KTriMesh fittedMesh;
+    fittedMesh.points = next.fitted;
+    fittedMesh.triangles = src.triangles;
+    if (!PairTriangles(fittedMesh, trg, _calcMode, _threads, next.triCorres)) {
+        _sink->error(kDtInvalidCalcMode);
+        return true;
+    }
+    if (_calcMode == kDifferentTopology) _progress(kDtCorrespondencesFound);
+    return true;
+}
+
+bool KDeformationTransferSolver::_transferPass(const KDeformationTransferInput& input, const State& state,
+                                               const KVectorArray& source, KDeformationTransferResult& result) {
     if (input.vertCorres.length() < 2) {
         result.outcome = KOutcome::Failed(kDtNoCorrespondences, KOutcome::kWarning);
-        return false;
+        return true;
     }
-    _deformationTransfer();
-    if (_aborted) return false;
-    _setOutPoints();
-    if (_aborted) return false;
+    KTransferSystem* system = state.system ? state.system.get() : _state.system.get();
+    if (!system) return _abort(DtSingular("transfer system", "the output was not written."));
+    const KTriMesh& rest = state.refSrcMesh;
+    const KTriMesh& src = input.sourceMesh;
+    // Guard (behaviour note "Deformation transfer: source changed since the build").
+    if (source.length() != rest.numVertices() || !(src.triangles == rest.triangles))
+        return _abort(DtSourceChanged(source.length(), src.numTriangles(), rest.numVertices(), rest.numTriangles()));
+    _deformed.triangles = input.targetMesh.triangles;
+    if (!system->solve(source, input.targetMesh, _deformed.points))
+        return _abort(system->failure(), system->libraryReport());
+    if (!_setOutPoints(_deformed, source, state)) return false;
     result.output = KDeformationTransferResult::kFromTarget;
-    _fillOutputFlags(result, input.targetMesh);
     return true;
 }
 
 void KDeformationTransferSolver::_fillOutputFlags(KDeformationTransferResult& result, const KTriMesh& copied) const {
     const int nv = copied.numVertices();
-    result.setPoints = _outPoints.length() == nv;
-    bool normals = _outNormals.length() == _outNormalVerts.length();
-    for (int i = 0; normals && i < _outNormalVerts.length(); ++i)
-        normals = _outNormalVerts[i] >= 0 && _outNormalVerts[i] < nv;
+    result.setPoints = _out.points.length() == nv;
+    bool normals = _out.normals.length() == _out.normalVerts.length();
+    for (int i = 0; normals && i < _out.normalVerts.length(); ++i)
+        normals = _out.normalVerts[i] >= 0 && _out.normalVerts[i] < nv;
     result.setNormals = normals;
-}
-
-// ---------------------------------------------------------------------------------------------
-// Keeping and restoring the state around a recalculation
-
-void KDeformationTransferSolver::_save() {
-    _saved.reset(new Saved);
-    Saved& s = *_saved;
-    s.refSrcMesh = _refSrcMesh;
-    s.outPoints = _outPoints;
-    s.outNormals = _outNormals;
-    s.outNormalVerts = _outNormalVerts;
-    s.vertCorres = _vertCorres;
-    s.triCorres = _triCorres;
-    s.srcFixP = _srcFixP;
-    s.trgFixP = _trgFixP;
-    s.offset = _offset;
-    s.ready = _ready;
-    s.nRows = _nRows;
-    s.nCols = _nCols;
-    s.trgCols = _trgCols;
-    s.At = _At;
-    s.AtA = _AtA;
-    s.Numeric = _Numeric;
-    s.sysTrgVerts = _sysTrgVerts;
-    s.sysTrgTris = _sysTrgTris;
-}
-
-void KDeformationTransferSolver::_restore() {
-    Saved& s = *_saved;
-    // A system built during the failed evaluation is dropped; the kept one comes back.
-    if (_At != s.At || _AtA != s.AtA || _Numeric != s.Numeric) _releaseSystem(_At, _AtA, _Numeric);
-    _refSrcMesh = s.refSrcMesh;
-    _outPoints = s.outPoints;
-    _outNormals = s.outNormals;
-    _outNormalVerts = s.outNormalVerts;
-    _vertCorres = s.vertCorres;
-    _triCorres = s.triCorres;
-    _srcFixP = s.srcFixP;
-    _trgFixP = s.trgFixP;
-    _offset = s.offset;
-    _ready = s.ready;
-    _nRows = s.nRows;
-    _nCols = s.nCols;
-    _trgCols = s.trgCols;
-    _At = s.At;
-    _AtA = s.AtA;
-    _Numeric = s.Numeric;
-    _sysTrgVerts = s.sysTrgVerts;
-    _sysTrgTris = s.sysTrgTris;
-    _saved.reset();
-}
-
-bool KDeformationTransferSolver::_systemIsSaved() const { return _saved && _saved->At == _At; }
-
-void KDeformationTransferSolver::_dropSaved() {
-    Saved& s = *_saved;
-    // The evaluation succeeded: a system it replaced is released now.
-    if (_At != s.At || _AtA != s.AtA || _Numeric != s.Numeric) _releaseSystem(s.At, s.AtA, s.Numeric);
-    _saved.reset();
 }
 
 // ---------------------------------------------------------------------------------------------
 // Output arrays
 
-void KDeformationTransferSolver::_setOutPoints() {
-    const int nv = _trgMesh.numVertices();
-    if (_trgFixP < 0 || _trgFixP >= nv) {
-        _abort(DtFixedVertexOutside("target", _trgFixP, nv));
-        return;
-    }
-    if (_srcFixP < 0 || _srcFixP >= _srcMesh.numVertices()) {
-        _abort(DtFixedVertexOutside("source", _srcFixP, _srcMesh.numVertices()));
-        return;
-    }
-    _outPoints.setLength(nv, false);
-    _outNormals.setLength(nv, false);
-    _outNormalVerts.setLength(nv, false);
+bool KDeformationTransferSolver::_setOutPoints(const KTriMesh& target, const KVectorArray& source,
+                                               const State& state) {
+    const int nv = target.numVertices();
+    // Guard (behaviour note "Deformation transfer: fixed vertices outside the meshes").
+    if (state.trgFixP < 0 || state.trgFixP >= nv) return _abort(DtFixedVertexOutside("target", state.trgFixP, nv));
+    if (state.srcFixP < 0 || state.srcFixP >= source.length())
+        return _abort(DtFixedVertexOutside("source", state.srcFixP, source.length()));
+    Output& out = _next;
+    out.points.setLength(nv, false);
+    out.normals.setLength(nv, false);
+    out.normalVerts.setLength(nv, false);
 
     KVectorArray normals;
-    _trgMesh.getVertexNormals(normals, true);
-    _offset = _trgMesh.points[_trgFixP] - _srcMesh.points[_srcFixP];
+    target.getVertexNormals(normals, true);
+    out.offset = target.points[state.trgFixP] - source[state.srcFixP];
 
-    const KVector offset = _offset;
-    const KVector* points = _trgMesh.points.data();
+    const KVector offset = out.offset;
+    const KVector* points = target.points.data();
     const KVector* n = normals.data();
-    KDouble4* out = _outPoints.data();
-    KDouble3* outNormals = _outNormals.data();
-    int* ids = _outNormalVerts.data();
-#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nv))
+    KDouble4* op = out.points.data();
+    KDouble3* on = out.normals.data();
+    int* ids = out.normalVerts.data();
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nv, kOutputItemsPerThread))
     for (int i = 0; i < nv; ++i) {
         const KVector p = points[i] - offset;
-        out[i] = KDouble4{p.x, p.y, p.z, 1.0};
-        outNormals[i] = KDouble3{n[i].x, n[i].y, n[i].z};
+        op[i] = KDouble4{p.x, p.y, p.z, 1.0};
+        on[i] = KDouble3{n[i].x, n[i].y, n[i].z};
         ids[i] = i;
     }
+    return true;
 }
 
-void KDeformationTransferSolver::_setOutDeformedSource() {
-    const int nv = _srcMesh.numVertices();
-    if (_trgFixP < 0 || _trgFixP >= _trgMesh.numVertices()) {
-        _abort(DtFixedVertexOutside("target", _trgFixP, _trgMesh.numVertices()));
-        return;
-    }
-    if (_srcFixP < 0 || _srcFixP >= nv) {
-        _abort(DtFixedVertexOutside("source", _srcFixP, nv));
-        return;
-    }
-    _outPoints.setLength(nv, false);
-    _offset = _trgMesh.points[_trgFixP] - _srcMesh.points[_srcFixP];
-
-    const KVector offset = _offset;
-    const KVector* points = _srcMesh.points.data();
-    KDouble4* out = _outPoints.data();
-#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nv))
+bool KDeformationTransferSolver::_setOutDeformedSource(const KVectorArray& fitted, const KTriMesh& target,
+                                                       const State& state) {
+    const int nv = fitted.length();
+    // Guard (behaviour note "Deformation transfer: fixed vertices outside the meshes").
+    if (state.trgFixP < 0 || state.trgFixP >= target.numVertices())
+        return _abort(DtFixedVertexOutside("target", state.trgFixP, target.numVertices()));
+    if (state.srcFixP < 0 || state.srcFixP >= nv) return _abort(DtFixedVertexOutside("source", state.srcFixP, nv));
+    // The normals are not touched: the output keeps those of the earlier pass.
+    Output& out = _next;
+    out.normals = _out.normals;
+    out.normalVerts = _out.normalVerts;
+    out.points.setLength(nv, false);
+    out.offset = target.points[state.trgFixP] - fitted[state.srcFixP];
+    const KVector offset = out.offset;
+    const KVector* points = fitted.data();
+    KDouble4* op = out.points.data();
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nv, kOutputItemsPerThread))
     for (int i = 0; i < nv; ++i) {
         const KVector p = points[i] - offset;
-        out[i] = KDouble4{p.x, p.y, p.z, 1.0};
+        op[i] = KDouble4{p.x, p.y, p.z, 1.0};
     }
+    return true;
 }
 
 }  // namespace Kavrin

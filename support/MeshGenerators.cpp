@@ -127,3 +127,95 @@ void ScalePoints(KPolyMesh& mesh, float sx, float sy, float sz) {
 }
 
 }  // namespace Kavrin
+
+namespace Kavrin {
+
+namespace {
+
+KVector FaceCentroid(const KPolyMesh& mesh, int first, int count) {
+    KVector c;
+    for (int k = 0; k < count; ++k) c += mesh.points[mesh.faceVertices[first + k]];
+    return c / static_cast<float>(count);
+}
+
+}  // namespace
+
+KTriMesh Triangulated(const KPolyMesh& mesh) {
+    KTriMesh tri;
+    mesh.triangulate(tri);
+    return tri;
+}
+
+void AddRadialBumps(KPolyMesh& mesh, float amount, int seed) {
+    for (KVector& p : mesh.points)
+        p *= 1.0f + amount * std::sin(5.1f * p.x + 3.7f * p.y + seed) * std::cos(4.3f * p.z * seed + 0.5f);
+}
+
+KPolyMesh KeepFaces(const KPolyMesh& mesh, const std::function<bool(const KVector&)>& keep) {
+    KPolyMesh out;
+    std::vector<int> renumber(static_cast<size_t>(mesh.numVertices()), -1);
+    std::vector<int> kept;
+    for (int f = 0, at = 0; f < mesh.numFaces(); at += mesh.faceCounts[f++]) {
+        if (!keep(FaceCentroid(mesh, at, mesh.faceCounts[f]))) continue;
+        out.faceCounts.push_back(mesh.faceCounts[f]);
+        for (int k = 0; k < mesh.faceCounts[f]; ++k) {
+            const int v = mesh.faceVertices[at + k];
+            renumber[v] = 0;
+            kept.push_back(v);
+        }
+    }
+    for (int v = 0, n = 0; v < mesh.numVertices(); ++v)
+        if (renumber[v] == 0) {
+            renumber[v] = n++;
+            out.points.push_back(mesh.points[v]);
+        }
+    for (int v : kept) out.faceVertices.push_back(renumber[v]);
+    return out;
+}
+
+KPolyMesh CutSlit(const KPolyMesh& mesh, const std::vector<int>& path,
+                  const std::function<bool(const KVector&)>& side) {
+    KPolyMesh out = mesh;
+    std::map<int, int> copyOf;
+    for (size_t i = 1; i + 1 < path.size(); ++i) {
+        copyOf[path[i]] = out.points.length();
+        out.points.push_back(mesh.points[path[i]]);
+    }
+    for (int f = 0, at = 0; f < mesh.numFaces(); at += mesh.faceCounts[f++]) {
+        if (!side(FaceCentroid(mesh, at, mesh.faceCounts[f]))) continue;
+        for (int k = 0; k < mesh.faceCounts[f]; ++k) {
+            const auto it = copyOf.find(mesh.faceVertices[at + k]);
+            if (it != copyOf.end()) out.faceVertices[at + k] = it->second;
+        }
+    }
+    return out;
+}
+
+}  // namespace Kavrin
+
+namespace Kavrin {
+
+KPolyMesh SplitIntoFour(const KPolyMesh& mesh) {
+    KInt3Array triangles;
+    mesh.fanTriangles(triangles);
+    KPolyMesh out;
+    out.points = mesh.points;
+    std::map<std::pair<int, int>, int> midpoints;
+    auto midpoint = [&](int a, int b) {
+        const std::pair<int, int> key(std::min(a, b), std::max(a, b));
+        const auto it = midpoints.find(key);
+        if (it != midpoints.end()) return it->second;
+        out.points.push_back((mesh.points[a] + mesh.points[b]) * 0.5f);
+        return midpoints[key] = out.points.length() - 1;
+    };
+    for (const KInt3& t : triangles) {
+        const int ab = midpoint(t[0], t[1]), bc = midpoint(t[1], t[2]), ca = midpoint(t[2], t[0]);
+        for (const KInt3& f : {KInt3{t[0], ab, ca}, KInt3{t[1], bc, ab}, KInt3{t[2], ca, bc}, KInt3{ab, bc, ca}}) {
+            out.faceCounts.push_back(3);
+            out.faceVertices.insert(out.faceVertices.end(), {f[0], f[1], f[2]});
+        }
+    }
+    return out;
+}
+
+}  // namespace Kavrin

@@ -30,3 +30,38 @@ KPolyMesh MakeIcosphere(int subdivisions);
 void ScalePoints(KPolyMesh& mesh, float sx, float sy, float sz);
 
 }  // namespace Kavrin
+
+#include <functional>
+#include <vector>
+
+namespace Kavrin {
+
+// The mesh as triangles (each face split into a fan around its first vertex).
+KTriMesh Triangulated(const KPolyMesh& mesh);
+
+// Moves every point along its own direction from the origin by up to amount times its distance,
+// by a smooth pattern of its position (the seed varies it): meshes cut from the same one get the
+// same bumps where they agree, and no two faces are alike.
+void AddRadialBumps(KPolyMesh& mesh, float amount, int seed);
+
+// The faces whose centroid satisfies keep, with the vertices they use renumbered in their old
+// order: cuts an opening (a cap, a patch) out of a mesh.
+KPolyMesh KeepFaces(const KPolyMesh& mesh, const std::function<bool(const KVector&)>& keep);
+
+// Cuts a slit along path, a run of vertices each joined to the next by an edge: every inner
+// vertex of the path is split in two, and the faces around it whose centroid satisfies side take
+// the new copy (appended after the existing vertices). The ends stay whole, so the slit is a
+// border of path.size() - 1 edges on each lip.
+KPolyMesh CutSlit(const KPolyMesh& mesh, const std::vector<int>& path,
+                  const std::function<bool(const KVector&)>& side);
+
+}  // namespace Kavrin
+
+namespace Kavrin {
+
+// Every face split into triangles (a fan), and every triangle into four at its edge midpoints:
+// four times the faces, about four times the vertices, the same surface. The original vertices
+// keep their indices; the midpoints follow.
+KPolyMesh SplitIntoFour(const KPolyMesh& mesh);
+
+}  // namespace Kavrin

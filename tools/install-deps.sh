@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libgl-dev libglu1-mesa-dev libosmesa6-dev
   clang libclang-rt-dev
+  libopenblas0-pthread
 )
 
 missing=()

@@ -1,0 +1,227 @@
+#include "KTransferSystem.h"
+
+#include <algorithm>
+#include <numeric>
+
+#include "KDeformationTransferMessages.h"
+#include "KThreads.h"
+#include "KTriangleFrame.h"
+
+namespace Kavrin {
+
+namespace {
+
+const char* const kSystem = "transfer system";
+const char* const kNotBuilt = "the transfer system was not built.";
+const char* const kNotWritten = "the output was not written.";
+
+// The loops of a pose solve do little per item: below this many items per thread, meeting a
+// second thread costs more than it saves.
+// Decision (behaviour note "Deformation transfer: light per-pose loops stay on one thread").
+const int kPoseItemsPerThread = 16384;
+
+// Rows a target triangle's pairing gives: one block for count 0, one per slot for a positive count.
+inline int Blocks(const KInt4& tc) { return tc[3] == 0 ? 1 : std::max(tc[3], 0); }
+
+int Root(std::vector<int>& parent, int v) {
+    while (parent[v] != v) v = parent[v] = parent[parent[v]];
+    return v;
+}
+
+}  // namespace
+
+bool KTransferSystem::_fail(const std::string& message) {
+    _failure = message;
+    return false;
+}
+
+bool KTransferSystem::_sparseFailed(const KSparseStatus& status) {
+    if (status.code == KSparseStatus::kLibraryError) {
+        _report = status.report;
+        return _fail(kDtCholmodError);
+    }
+    const int c = status.column;
+    if (c >= 0 && c < _nFree) {
+        const int v = static_cast<int>(std::find(_column.begin(), _column.end(), c) - _column.begin());
+        return _fail(DtSingularAt(kSystem, "target vertex " + std::to_string(v), kNotBuilt));
+    }
+    if (c >= _nFree && c - _nFree < _nTT)
+        return _fail(
+            DtSingularAt(kSystem, "the fourth vertex of target triangle " + std::to_string(c - _nFree), kNotBuilt));
+    return _fail(DtSingular(kSystem, kNotBuilt));
+}
+
+bool KTransferSystem::build(const KTriMesh& restSource, const KTriMesh& target, const KInt4Array& triCorres,
+                            int threads) {
+    _built = false;
+    _failure.clear();
+    _report.clear();
+    _threads = threads;
+    const int nTV = target.numVertices();
+    const int nTT = target.numTriangles();
+    const int nST = restSource.numTriangles();
+
+    // Guard (behaviour note "Deformation transfer: pairing that does not fit the build").
+    if (triCorres.length() != nTT) return _fail(DtPairingSize(triCorres.length(), nTT));
+    for (int t = 0; t < nTT; ++t) {
+        const KInt4& tc = triCorres[t];
+        bool valid = tc[3] <= 3;
+        for (int s = 0; valid && s < tc[3]; ++s) valid = tc[s] == -1 || (tc[s] >= 0 && tc[s] < nST);
+        if (!valid) return _fail(DtPairingNamesMissingTriangle(t));
+    }
+    _nTV = nTV;
+    _nTT = nTT;
+    _triCorres = triCorres;
+    _sourceTriangles = restSource.triangles;
+    _restTarget = target.points;
+
+    const KVector* tp = target.points.data();
+    const KInt3* tt = target.triangles.data();
+    for (int t = 0; t < nTT; ++t)
+        // Guard (behaviour note "Deformation transfer: a singular transfer system names its cause").
+        if (TriangleIsDegenerate(tp[tt[t][0]], tp[tt[t][1]], tp[tt[t][2]]))
+            return _fail(DtDegenerateTriangle("target", t, tt[t][0], tt[t][1], tt[t][2], kSystem, kNotBuilt));
+    const KVector* sp = restSource.points.data();
+    const KInt3* st = restSource.triangles.data();
+    for (int t = 0; t < nTT; ++t)
+        for (int s = 0; s < triCorres[t][3]; ++s) {
+            const int src = triCorres[t][s];
+            if (src >= 0 && TriangleIsDegenerate(sp[st[src][0]], sp[st[src][1]], sp[st[src][2]]))
+                return _fail(
+                    DtDegenerateTriangle("source", src, st[src][0], st[src][1], st[src][2], kSystem, kNotBuilt));
+        }
+
+    // Decision (behaviour note "Deformation transfer: one vertex per connected part stays put").
+    std::vector<int> parent(static_cast<size_t>(nTV));
+    std::iota(parent.begin(), parent.end(), 0);
+    for (int t = 0; t < nTT; ++t)
+        for (int k = 1; k < 3; ++k) {
+            const int a = Root(parent, tt[t][0]), b = Root(parent, tt[t][k]);
+            if (a != b) parent[std::max(a, b)] = std::min(a, b);
+        }
+    _column.setLengthWithValue(nTV, -1);
+    _anchors.clear();
+    _nFree = 0;
+    for (int v = 0; v < nTV; ++v) {
+        if (Root(parent, v) == v)
+            _anchors.push_back(v);
+        else
+            _column[v] = _nFree++;
+    }
+
+    // One frame inverse per target triangle (rest pose) and per source triangle (source rest pose).
+    std::vector<KMatrix3d> inverse(static_cast<size_t>(nTT));
+    _restInverse.assign(static_cast<size_t>(nST), KMatrix3d());
+#pragma omp parallel for schedule(static) num_threads(TeamFor(threads, nTT))
+    for (int t = 0; t < nTT; ++t)
+        inverse[t] = TriangleFrameInverse(tp[tt[t][0]], tp[tt[t][1]], tp[tt[t][2]], kUnitNormalFrame);
+#pragma omp parallel for schedule(static) num_threads(TeamFor(threads, nST))
+    for (int t = 0; t < nST; ++t)
+        _restInverse[t] = TriangleFrameInverse(sp[st[t][0]], sp[st[t][1]], sp[st[t][2]], kUnitNormalFrame);
+
+    // Pattern and values: 3 rows per block, the triangle's free vertices and its fourth vertex.
+    _firstRow.setLength(nTT + 1, false);
+    _firstRow[0] = 0;
+    for (int t = 0; t < nTT; ++t) _firstRow[t + 1] = _firstRow[t] + 3 * Blocks(triCorres[t]);
+    const int nRows = _firstRow[nTT];
+    KIntArray rowStart, colIndex;
+    rowStart.setLength(nRows + 1, false);
+    rowStart[0] = 0;
+    std::vector<double> values;
+    _anchorRhs.assign(3 * static_cast<size_t>(nRows), 0.0);
+    int row = 0;
+    for (int t = 0; t < nTT; ++t) {
+        for (int b = 0; b < Blocks(triCorres[t]); ++b)
+            for (int k = 0; k < 3; ++k, ++row) {
+                for (int j = 0; j < 3; ++j) {
+                    const int v = tt[t][j];
+                    const double coef = FrameCoefficient(inverse[t], j, k);
+                    if (_column[v] < 0) {
+                        for (int r = 0; r < 3; ++r) _anchorRhs[r * nRows + row] -= coef * tp[v][r];
+                    } else {
+                        colIndex.push_back(_column[v]);
+                        values.push_back(coef);
+                    }
+                }
+                colIndex.push_back(_nFree + t);
+                values.push_back(FrameCoefficient(inverse[t], 3, k));
+                rowStart[row + 1] = colIndex.length();
+            }
+    }
+    KSparseStatus status = _ls.analyse(_nFree + nTT, rowStart, colIndex, threads);
+    if (status.ok()) status = _ls.factor(values.data());
+    if (!status.ok()) return _sparseFailed(status);
+
+    _rhs.assign(3 * static_cast<size_t>(nRows), 0.0);
+    _atb.assign(3 * static_cast<size_t>(_ls.cols()), 0.0);
+    _x.assign(3 * static_cast<size_t>(_ls.cols()), 0.0);
+    _built = true;
+    return true;
+}
+
+bool KTransferSystem::solve(const KVectorArray& posedSource, const KTriMesh& target, KVectorArray& targetPoints) {
+    _failure.clear();
+    _report.clear();
+    const int nTV = target.numVertices();
+    const int nTT = target.numTriangles();
+    // Guard (behaviour note "Deformation transfer: target changed since the build").
+    if (!_built || nTV != _nTV || nTT != _nTT || !target.indicesValid())
+        return _fail(DtTargetChanged(nTV, nTT, _nTV, _nTT));
+
+    // Right-hand side: for each block the source triangle's deformation S = V~ V^-1 (identity for a
+    // triangle without a pair), plus the anchors' share.
+    const int nRows = _ls.rows();
+    double* rhs = _rhs.data();
+    const double* anchor = _anchorRhs.data();
+    const KVector* cur = posedSource.data();
+    const KInt3* st = _sourceTriangles.data();
+    const KMatrix3d* restInv = _restInverse.data();
+    const KInt4* corres = _triCorres.data();
+    const int* first = _firstRow.data();
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nTT, kPoseItemsPerThread))
+    for (int t = 0; t < nTT; ++t) {
+        const KInt4& tc = corres[t];
+        for (int row = first[t]; row < first[t + 1]; ++row)
+            for (int r = 0; r < 3; ++r) rhs[r * nRows + row] = anchor[r * nRows + row];
+        if (tc[3] == 0) {
+            for (int k = 0; k < 3; ++k) rhs[k * nRows + first[t] + k] += 1.0;
+            continue;
+        }
+        for (int s = 0; s < tc[3]; ++s) {
+            const int src = tc[s];
+            if (src == -1) continue;
+            const KInt3& tri = st[src];
+            const KMatrix3d vd = TriangleFrame(cur[tri[0]], cur[tri[1]], cur[tri[2]], kUnitNormalFrame);
+            const KMatrix3d& vi = restInv[src];
+            const int row = first[t] + 3 * s;
+            for (int r = 0; r < 3; ++r)
+                for (int k = 0; k < 3; ++k)
+                    rhs[r * nRows + row + k] += vd(r, 0) * vi(0, k) + vd(r, 1) * vi(1, k) + vd(r, 2) * vi(2, k);
+        }
+    }
+    _ls.multiplyTransposed(rhs, 3, _atb.data());
+    const KSparseStatus status = _ls.solveNormal(_atb.data(), 3, _x.data());
+    if (!status.ok()) {
+        if (status.code == KSparseStatus::kLibraryError) {
+            _report = status.report;
+            return _fail(kDtCholmodError);
+        }
+        return _fail(DtSingular(kSystem, kNotWritten));
+    }
+
+    targetPoints.setLength(nTV, false);
+    const int n = _ls.cols();
+    const double* x = _x.data();
+    const int* column = _column.data();
+    const KVector* rest = _restTarget.data();
+    KVector* out = targetPoints.data();
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nTV, kPoseItemsPerThread))
+    for (int i = 0; i < nTV; ++i) {
+        const int c = column[i];
+        out[i] = c < 0 ? rest[i]
+                       : KVector(static_cast<float>(x[c]), static_cast<float>(x[n + c]), static_cast<float>(x[2 * n + c]));
+    }
+    return true;
+}
+
+}  // namespace Kavrin
