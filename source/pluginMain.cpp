@@ -13,6 +13,7 @@
 #include "KDeformationTransfer.h"
 #include "KDeltaMush.h"
 #include "KPluginRegistration.h"
+#include "KWrapMeshDeformer.h"
 
 namespace {
 
@@ -27,6 +28,7 @@ struct NodeClass {
 const NodeClass kNodeClasses[] = {
     {&Kavrin::kDeformationTransferNode, KDeformationTransfer::creator, KDeformationTransfer::initialize},
     {&Kavrin::kDeltaMushNode, KDeltaMush::creator, KDeltaMush::initialize},
+    {&Kavrin::kWrapMeshDeformerNode, KWrapMeshDeformer::creator, KWrapMeshDeformer::initialize},
 };
 
 struct DrawOverrideClass {
