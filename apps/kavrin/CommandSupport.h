@@ -35,6 +35,7 @@ struct Command {
 
 void AddDeltaMushCommand(CLI::App& app, std::vector<Command>& commands);
 void AddTransferCommand(CLI::App& app, std::vector<Command>& commands);
+void AddWrapCommand(CLI::App& app, std::vector<Command>& commands);
 void AddDemoCommand(CLI::App& app, std::vector<Command>& commands);
 
 // Reads an OBJ file; any problem is a KFileError, which the tool reports as bad input.

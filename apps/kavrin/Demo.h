@@ -12,6 +12,7 @@ namespace Kavrin {
 
 void DeltaMushDemo(const std::string& folder, int threads);
 void TransferDemo(const std::string& folder, int threads);
+void WrapDemo(const std::string& folder, int threads);
 
 // Shared by the cases.
 std::string DemoPath(const std::string& folder, const std::string& name);

@@ -20,6 +20,7 @@ struct DemoCase {
 const DemoCase kDemoCases[] = {
     {DeltaMushDemo},
     {TransferDemo},
+    {WrapDemo},
 };
 
 }  // namespace

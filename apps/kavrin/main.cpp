@@ -16,6 +16,7 @@ typedef void (*AddCommand)(CLI::App&, std::vector<Command>&);
 const AddCommand kCommands[] = {
     AddDeltaMushCommand,
     AddTransferCommand,
+    AddWrapCommand,
     AddDemoCommand,
 };
 
