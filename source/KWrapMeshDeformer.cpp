@@ -171,7 +171,6 @@ MStatus KWrapMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, const MM
     double out[4];
     for (iter.reset(); !iter.isDone(); iter.next()) {
         const MPoint current = iter.position(MSpace::kObject);
-        // Kept on purpose (behaviour note "Wrap: points are written back by their geometry index")
         _engine.objectPoint(iter.index(), current.w, inverse.matrix, out);
         iter.setPosition(MPoint(out[0], out[1], out[2], out[3]), MSpace::kObject);
     }
