@@ -3,11 +3,14 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <cmath>
 #include <limits>
 
 #include "KWrapBinding.h"
 #include "MeshGenerators.h"
+#include "ObjIO.h"
 
 using namespace Kavrin;
 
@@ -450,4 +453,34 @@ TEST(Wrap, BadInputFailsTheBindAndKeepsTheBindingHeld) {
     Node empty;
     EXPECT_EQ(empty.run(driver, KVectorArray()).outcome.status, KOutcome::kUntouched);
     EXPECT_TRUE(empty.run(driver, KVectorArray()).outcome.deformed());
+}
+
+TEST(Wrap, RealMeshesComeBackAndFollowATranslation) {
+    // The lion bound to the cat: points everywhere around a real mesh, most of them off edges and
+    // corners of their triangles.
+    const std::string dir = std::string(KAVRIN_DATA_DIR) + "/cat-lion/";
+    struct stat st;
+    if (stat((dir + "cat-reference.obj").c_str(), &st) != 0) GTEST_SKIP() << "no data in " << dir;
+    KTriMesh cat;
+    ReadObj(dir + "cat-reference.obj").triangulate(cat);
+    const KVectorArray lion = ReadObj(dir + "lion-reference.obj").points;
+    const KVector move(0.3f, -0.2f, 0.5f);
+    const KTriMesh catMoved = Translated(cat, move);
+    Node node;
+    ASSERT_EQ(node.run(cat, lion).outcome.status, KOutcome::kUntouched);
+    ASSERT_TRUE(node.run(cat, lion).outcome.deformed());
+    const KVectorArray same = node.engine.points();
+    ASSERT_TRUE(node.run(catMoved, lion).outcome.deformed());
+    double back = 0, moved = 0, size = 0;
+    for (int i = 0; i < lion.length(); ++i) {
+        back = std::max(back, double((same[i] - lion[i]).length()));
+        // The plane of the point's triangle moves by the part of the translation along its normal.
+        const KVector onPlane = ProjectDouble(cat, node.store.bindTriangles[i], lion[i]);
+        const KVector along = ProjectDouble(catMoved, node.store.bindTriangles[i], onPlane) - onPlane;
+        moved = std::max(moved, double((node.engine.points()[i] - (lion[i] + along)).length()));
+        size = std::max(size, double(lion[i].length()));
+    }
+    EXPECT_LT(back, 1e-6 * size);
+    // Single-precision weights of points lying far outside small triangles magnify rounding.
+    EXPECT_LT(moved, 2e-4 * size);
 }
