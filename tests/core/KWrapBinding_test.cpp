@@ -127,22 +127,19 @@ TEST(Wrap, FollowsTheTrianglesPlane) {
     const struct {
         const char* what;
         KVector move;
-        bool floorMoves, wallMoves;
     } cases[] = {
-        {"along the floor's normal", KVector(0, 0, 0.75f), true, false},
-        {"along the wall's normal", KVector(-0.5f, 0, 0), false, true},
-        {"along both planes", KVector(0, 2.0f, 0), false, false},
-        {"across both", KVector(0.25f, 0, -0.5f), true, true},
+        {"along the floor's normal", KVector(0, 0, 0.75f)},
+        {"along the wall's normal", KVector(-0.5f, 0, 0)},
+        {"along both planes", KVector(0, 2.0f, 0)},
+        {"across both", KVector(0.25f, 0, -0.5f)},
     };
     for (const auto& c : cases) {
         Node node;
         const KVectorArray got = node.follow(driver, Translated(driver, c.move), points);
         // A translation moves each point by the part of it along its triangle's normal.
         for (int i = 0; i < 4; ++i) {
-            const bool floor = i < 2;
-            const KVector along = floor ? KVector(0, 0, c.move.z) : KVector(c.move.x, 0, 0);
+            const KVector along = i < 2 ? KVector(0, 0, c.move.z) : KVector(c.move.x, 0, 0);
             ExpectNear(got[i], points[i] + along, 1e-6f, c.what);
-            EXPECT_EQ(along != KVector(), floor ? c.floorMoves : c.wallMoves) << c.what;
         }
     }
 
