@@ -29,6 +29,9 @@ const char* const kGeometryMismatch =
     "KWrapMeshDeformer: the deformed geometry's point indices do not match its point count; the points were left "
     "untouched.";
 
+const char* const kPointsUnreadable =
+    "KWrapMeshDeformer: the deformed geometry's points could not be read; the points were left untouched.";
+
 // "bindTriangles"; false when the attribute holds no int array.
 bool ReadTriangles(MDataBlock& block, Kavrin::KIntArray& triangles) {
     triangles.clear();
@@ -132,11 +135,16 @@ MStatus KWrapMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, const MM
 
     MObject driverMesh = block.inputValue(driverMeshObj).asMesh();
     if (driverMesh.isNull()) return MS::kSuccess;
-    // A driver that cannot be converted leaves no triangles, which the engine reports.
-    Kavrin::Convert(_driver, driverMesh, false, "currentUVSet");
+    // A driver that cannot be converted leaves no triangles, which the engine reports. The
+    // texture coordinates are not read: nothing in the wrap uses them.
+    Kavrin::Convert(_driver, driverMesh, false, nullptr);
     in.driver = &_driver;
 
-    iter.allPositions(_positions, MSpace::kTransform);
+    // Guard (behaviour note "Wrap: points that cannot be read")
+    if (!iter.allPositions(_positions, MSpace::kTransform)) {
+        MGlobal::displayError(kPointsUnreadable);
+        return MS::kSuccess;
+    }
     const int count = static_cast<int>(_positions.length());
     _points.resize(4 * static_cast<size_t>(count));
     if (count > 0) _positions.get(reinterpret_cast<double(*)[4]>(_points.data()));
