@@ -18,6 +18,7 @@
 #include "KJiggleMeshDeformer.h"
 #include "KPluginRegistration.h"
 #include "KRelaxationMeshDeformer.h"
+#include "KWrapMeshDeformer.h"
 
 namespace {
 
@@ -36,6 +37,7 @@ const NodeClass kNodeClasses[] = {
     {&Kavrin::kOffsetMeshDeformerNode, KOffsetMeshDeformer::creator, KOffsetMeshDeformer::initialize},
     {&Kavrin::kJiggleMeshDeformerNode, KJiggleMeshDeformer::creator, KJiggleMeshDeformer::initialize},
     {&Kavrin::kRelaxationMeshDeformerNode, KRelaxationMeshDeformer::creator, KRelaxationMeshDeformer::initialize},
+    {&Kavrin::kWrapMeshDeformerNode, KWrapMeshDeformer::creator, KWrapMeshDeformer::initialize},
 };
 
 struct DrawOverrideClass {

@@ -46,6 +46,7 @@ void AddDeltaMushCommand(CLI::App& app, std::vector<Command>& commands);
 void AddTransferCommand(CLI::App& app, std::vector<Command>& commands);
 void AddJiggleCommand(CLI::App& app, std::vector<Command>& commands);
 void AddRelaxCommand(CLI::App& app, std::vector<Command>& commands);
+void AddWrapCommand(CLI::App& app, std::vector<Command>& commands);
 void AddDemoCommand(CLI::App& app, std::vector<Command>& commands);
 void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands);
 

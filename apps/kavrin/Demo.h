@@ -15,6 +15,7 @@ void TransferDemo(const std::string& folder, int threads);
 void OffsetDemo(const std::string& folder, int threads);
 void JiggleDemo(const std::string& folder, int threads);
 void RelaxDemo(const std::string& folder, int threads);
+void WrapDemo(const std::string& folder, int threads);
 
 // Shared by the cases.
 std::string DemoPath(const std::string& folder, const std::string& name);

@@ -15,9 +15,10 @@ struct DemoCase {
 const DemoCase kDemoCases[] = {
     {DeltaMushDemo},
     {TransferDemo},
-    {OffsetDemo},
+    {WrapDemo},
     {JiggleDemo},
     {RelaxDemo},
+    {OffsetDemo},
 };
 
 }  // namespace

@@ -18,9 +18,10 @@ typedef void (*AddCommand)(CLI::App&, std::vector<Command>&);
 const AddCommand kCommands[] = {
     AddDeltaMushCommand,
     AddTransferCommand,
-    AddOffsetCommand,
+    AddWrapCommand,
     AddJiggleCommand,
     AddRelaxCommand,
+    AddOffsetCommand,
     AddDemoCommand,
 };
 
@@ -52,7 +53,9 @@ std::string CommandNames(const std::vector<Command>& commands) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app("kavrin: mesh deformation on OBJ files (delta mush, deformation transfer)", "kavrin");
+    CLI::App app(
+        "kavrin: mesh deformation on OBJ files (delta mush, deformation transfer, wrap, jiggle, relaxation, offset)",
+        "kavrin");
     app.set_version_flag("--version", "kavrin " KAVRIN_VERSION, "print the version and exit");
     bool verbose = false;
     app.add_flag("-v,--verbose", verbose, "also print the engines' own progress and trace lines");

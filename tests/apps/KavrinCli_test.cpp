@@ -88,7 +88,7 @@ TEST_F(KavrinCli, HelpOnEveryCommandShowsRangesAndDemoSaysWhatItMeasures) {
     // Every command (this list grows with the tool) shows --verbose and the range of its
     // thread count.
     const std::string help = run("--help").out;
-    for (const std::string command : {"deltamush", "transfer", "jiggle", "relax", "offset", "demo"}) {
+    for (const std::string command : {"deltamush", "transfer", "wrap", "jiggle", "relax", "offset", "demo"}) {
         EXPECT_NE(help.find("  " + command), std::string::npos) << command << " is listed";
         const Outcome r = run(command + " --help");
         EXPECT_EQ(r.status, 0) << command;

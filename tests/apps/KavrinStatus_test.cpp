@@ -51,9 +51,9 @@ TEST_F(KavrinStatus, EveryCaseHasItsStatusAndOneExactLine) {
         std::string err;  // the whole of standard error, or its start followed by '*'
     } cases[] = {
         // Parse errors point to --help.
-        {"", 2, "kavrin: a command is required: deltamush, transfer, offset, jiggle, relax or demo (see 'kavrin --help')"},
+        {"", 2, "kavrin: a command is required: deltamush, transfer, wrap, jiggle, relax, offset or demo (see 'kavrin --help')"},
         {"bogus", 2,
-         "kavrin: unknown command 'bogus'; the commands are deltamush, transfer, offset, jiggle, relax or demo (see 'kavrin --help')"},
+         "kavrin: unknown command 'bogus'; the commands are deltamush, transfer, wrap, jiggle, relax, offset or demo (see 'kavrin --help')"},
         {"deltamush pose.obj -o x.obj", 2, "kavrin deltamush: --rest is required (see 'kavrin deltamush --help')"},
         {dm + "--bogus pose.obj -o x.obj", 2,
          "kavrin deltamush: The following argument was not expected: --bogus (see 'kavrin deltamush --help')"},

@@ -1,0 +1,66 @@
+// kavrin wrap: binds a mesh to a driver mesh at rest and makes it follow each driver pose.
+
+#include <chrono>
+
+#include "CommandSupport.h"
+#include "WrapRun.h"
+
+namespace Kavrin {
+
+namespace {
+
+double MillisecondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+}
+
+}  // namespace
+
+void AddWrapCommand(CLI::App& app, std::vector<Command>& commands) {
+    struct Options {
+        std::string driver;
+        std::string mesh;
+        int threads = 0;
+        std::vector<std::string> poses;
+        std::string out;
+    };
+    auto options = std::make_shared<Options>();
+    CLI::App* sub = app.add_subcommand(
+        "wrap",
+        "Bind a mesh to the closest triangles of a driver mesh at rest, then make it follow each driver pose; "
+        "the poses share the driver's faces.");
+    sub->add_option("--driver", options->driver, "driver mesh (OBJ) in its rest pose")->required();
+    sub->add_option("--mesh", options->mesh, "mesh (OBJ) that follows the driver, bound where it lies")->required();
+    AddThreadsOption(sub, options->threads);
+    sub->add_option("poses", options->poses, "posed driver meshes (OBJ)")->required();
+    AddOutputOption(sub, options->out, "output file for one pose, else output folder");
+
+    commands.push_back(Command{sub, [options]() {
+        const KPolyMesh driver = LoadMesh(options->driver);
+        if (driver.numFaces() == 0) throw UsageError(options->driver + ": the driver has no faces to bind to");
+        const KPolyMesh mesh = LoadMesh(options->mesh);
+        std::vector<KPolyMesh> poses;
+        for (const std::string& path : options->poses) {
+            poses.push_back(LoadMesh(path));
+            RequireSameTopology(driver, options->driver, poses.back(), path);
+        }
+        const std::vector<std::string> outputs =
+            OutputPaths(options->out, options->poses, {options->driver, options->mesh});
+
+        ConsoleSink sink("kavrin wrap");
+        auto start = std::chrono::steady_clock::now();
+        WrapRun run(driver, mesh, options->threads, sink);
+        Progress("bound %d points to %d driver triangles (%.1f ms)", run.boundPoints(), run.driverTriangles(),
+                 MillisecondsSince(start));
+        for (size_t i = 0; i < poses.size(); ++i) {
+            start = std::chrono::steady_clock::now();
+            KPolyMesh result = mesh;
+            result.points = run.deform(poses[i]);
+            const double ms = MillisecondsSince(start);
+            SaveMesh(outputs[i], result);
+            Progress("[%zu/%zu] %s -> %s (%.1f ms)", i + 1, poses.size(), options->poses[i].c_str(),
+                     outputs[i].c_str(), ms);
+        }
+    }});
+}
+
+}  // namespace Kavrin
