@@ -53,8 +53,12 @@ void JiggleDemo(const std::string& folder, int threads) {
             SaveMesh(DemoPath(folder, name), result);
         }
     }
-    std::printf("  while moving, the top trails by up to %.3f; the ball stops at frame %d\n", -lagWhileMoving, moving);
-    std::printf("  the top swings %.3f past its resting place at frame %d; at frame %d it is %.4f off\n", overshoot,
+    std::printf("  while moving, the top trails its animated place by up to %.3f (the lag the jiggle adds); the ball "
+                "stops at frame %d\n",
+                -lagWhileMoving, moving);
+    std::printf("  the top swings %.3f past its resting place at frame %d (the overshoot); at frame %d it is %.4f off "
+                "(settling: smaller is better)\n",
+                overshoot,
                 overshootFrame, frames, last);
     std::printf("  %.3f ms per frame -> jiggle-frameNN.obj / jiggle-frameNN-result.obj (every 4th frame)\n",
                 total / (frames + 1));

@@ -104,7 +104,9 @@ void OffsetDemo(const std::string& folder, int threads) {
         }
         const char* name = s > 0 ? "offset-sphere-out.obj" : "offset-sphere-in.obj";
         SaveMesh(DemoPath(folder, name), result, &corners);
-        std::printf("  scale %+.2f: %6.2f ms, largest move %.3f, off scale x red by at most %.2g -> %s\n", s, ms,
+        std::printf("  scale %+.2f: %6.2f ms, largest move %.3f, largest difference from scale x red %.2g (smaller is "
+                    "better) -> %s\n",
+                    s, ms,
                     largest, worst, name);
     }
 }

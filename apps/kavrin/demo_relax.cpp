@@ -59,8 +59,8 @@ void RelaxDemo(const std::string& folder, int threads) {
     double ms = DemoClock() - start;
     SaveMesh(DemoPath(folder, "relax-noisy.obj"), noisy);
     SaveMesh(DemoPath(folder, "relax-noisy-result.obj"), smooth);
-    std::printf("  jittered pose: mean offset from rest %.3g, after %d passes %.3g (%.1f ms) -> "
-                "relax-noisy-result.obj\n",
+    std::printf("  jittered pose: mean distance from the rest shape %.3g, after %d passes %.3g (smaller is better; "
+                "%.1f ms) -> relax-noisy-result.obj\n",
                 MeanDistance(noisy.points, rest.points), settings.iterations,
                 MeanDistance(smooth.points, rest.points), ms);
 
@@ -85,7 +85,7 @@ void RelaxDemo(const std::string& folder, int threads) {
     double after = 0.0;
     const int left = Inside(pushed.points, centre, radius * 0.98f, after);
     std::printf("  ball collider (%d triangles): %d vertices inside it (deepest %.3g), after %d passes with "
-                "collisions %d (%.1f ms) -> relax-collide-result.obj\n",
+                "collisions %d (smaller is better; %.1f ms) -> relax-collide-result.obj\n",
                 2 * ball.numVertices() - 4, before, deepest, settings.iterations, left, ms);
 }
 

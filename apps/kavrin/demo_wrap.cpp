@@ -54,7 +54,8 @@ void WrapDemo(const std::string& folder, int threads) {
     const KVectorArray same = run.deform(cage);
     double lo, hi;
     CageDistances(cage, sheet.points, lo, hi);
-    std::printf("  unchanged cage reproduces the sheet to within %.2g; the sheet lies %.3f to %.3f from the cage\n",
+    std::printf("  unchanged cage: largest distance from the bound sheet %.2g (smaller is better, 0 is exact); the "
+                "sheet lies %.3f to %.3f from the cage\n",
                 MaxDistance(same, sheet.points), lo, hi);
 
     struct Pose {
@@ -75,7 +76,9 @@ void WrapDemo(const std::string& folder, int threads) {
         std::snprintf(name, sizeof(name), "wrap-sheet-%s.obj", pose.name);
         SaveMesh(DemoPath(folder, name), result);
         CageDistances(pose.cage, result.points, lo, hi);
-        std::printf("  %-6s: %5.2f ms, the sheet lies %.3f to %.3f from the cage -> %s\n", pose.name, ms, lo, hi,
+        std::printf("  %-6s: %5.2f ms, the sheet lies %.3f to %.3f from the cage (closer to the rest's range is "
+                    "better) -> %s\n",
+                    pose.name, ms, lo, hi,
                     name);
     }
 }
