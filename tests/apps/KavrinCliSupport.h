@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -31,9 +32,13 @@ inline std::string Slurp(const fs::path& file) {
 
 class KavrinCliFixture : public ::testing::Test {
 protected:
-    const fs::path dir =
-        fs::temp_directory_path() /
-        (std::string("kavrin-cli-") + ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    // The process id keeps runs from other checkouts on the same machine out of this folder.
+    const fs::path dir = fs::temp_directory_path() /
+                         ("kavrin-cli-" + std::to_string(getpid()) + "-" +
+                          ::testing::UnitTest::GetInstance()->current_test_info()->test_suite_name() + "-" +
+                          ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    // Words put before every run's arguments (a fixture for one command sets its name).
+    std::string command;
     void SetUp() override {
         fs::remove_all(dir);
         fs::create_directories(dir);
@@ -44,7 +49,7 @@ protected:
     Outcome run(const std::string& args) const {
         const fs::path out = dir / "stdout.txt", err = dir / "stderr.txt";
         const int raw = std::system(("cd " + dir.string() + " && " + std::string(KAVRIN_BINARY_DIR) +
-                                     "/apps/kavrin/kavrin " + args + " >" + out.string() + " 2>" + err.string())
+                                     "/apps/kavrin/kavrin " + command + args + " >" + out.string() + " 2>" + err.string())
                                         .c_str());
         return Outcome{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, Slurp(out), Slurp(err)};
     }

@@ -106,14 +106,15 @@ TEST_F(KavrinCli, HelpOnEveryCommandShowsRangesAndDemoSaysWhatItMeasures) {
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(r.err.empty()) << r.err;
     for (const char* file : {"deltamush-rest.obj", "deltamush-bend90-result.obj", "transfer-target-bend90.obj",
-                             "transfer-markers.txt", "jiggle-frame12-result.obj"})
+                             "transfer-markers.txt", "wrap-sheet-dome.obj", "jiggle-frame12-result.obj",
+                             "relax-collide-result.obj", "offset-sphere-out.obj", "offset-pattern.png"})
         EXPECT_TRUE(fs::exists(dir / "demo" / file)) << file;
     // Every figure says what it measures and which way is better.
     EXPECT_NE(r.out.find("rest pose reproduced: largest distance from the rest mesh"), std::string::npos) << r.out;
     size_t better = 0;
     for (size_t at = r.out.find("smaller is better"); at != std::string::npos; at = r.out.find("smaller is better", at + 1))
         ++better;
-    EXPECT_GE(better, 7u) << r.out;
+    EXPECT_EQ(better, 13u) << r.out;
     EXPECT_NE(r.out.find("swings"), std::string::npos) << r.out;
     EXPECT_EQ(r.out.find("Current time:"), std::string::npos) << "engine trace only with --verbose";
 }

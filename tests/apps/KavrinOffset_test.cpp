@@ -7,54 +7,25 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 
+#include "KavrinCliSupport.h"
 #include "ObjIO.h"
 #include "TextureImage.h"
 
 using namespace Kavrin;
+using KavrinCliTest::Slurp;
+using Result = KavrinCliTest::Outcome;
 namespace fs = std::filesystem;
 
 namespace {
 
-struct Result {
-    int status;
-    std::string out, err;
-    int errLines() const { return static_cast<int>(std::count(err.begin(), err.end(), '\n')); }
-};
-
-std::string Slurp(const fs::path& file) {
-    std::ifstream in(file);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 // A 4 x 2 image whose red texel (x, y) is (10 y + x + 1) / 64 (exact in every format used).
 float Red(int x, int y) { return float(10 * y + x + 1) / 64.0f; }
 
-class KavrinOffset : public ::testing::Test {
+class KavrinOffset : public KavrinCliTest::KavrinCliFixture {
 protected:
-    // The process id keeps runs from other checkouts on the same machine out of this folder.
-    const fs::path dir = fs::temp_directory_path() / ("kavrin-offset-" + std::to_string(getpid()) + "-" +
-                                                      ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    void SetUp() override {
-        fs::remove_all(dir);
-        fs::create_directories(dir);
-    }
-    void TearDown() override { fs::remove_all(dir); }
-
-    Result run(const std::string& args) const {
-        const fs::path out = dir / "stdout.txt", err = dir / "stderr.txt";
-        const int raw = std::system((std::string(KAVRIN_BINARY_DIR) + "/apps/kavrin/kavrin offset " + args + " >" +
-                                     out.string() + " 2>" + err.string()).c_str());
-        return Result{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, Slurp(out), Slurp(err)};
-    }
-    std::string path(const std::string& name) const { return (dir / name).string(); }
-    std::string write(const std::string& name, const std::string& text) const {
-        std::ofstream(path(name)) << text;
-        return path(name);
-    }
+    KavrinOffset() { command = "offset "; }
     std::string image(const std::string& name) const {
         std::vector<float> pixels;
         for (int y = 0; y < 2; ++y)

@@ -7,29 +7,18 @@
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 
+#include "KavrinCliSupport.h"
 #include "KRelaxationBinding.h"
 #include "MeshGenerators.h"
 #include "ObjIO.h"
 
 using namespace Kavrin;
+using KavrinCliTest::Outcome;
 namespace fs = std::filesystem;
 
 namespace {
-
-struct Outcome {
-    int status;
-    std::string out, err;
-    int errLines() const { return static_cast<int>(std::count(err.begin(), err.end(), '\n')); }
-};
-
-std::string Slurp(const fs::path& file) {
-    std::ifstream in(file);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 double MaxDistance(const KVectorArray& a, const KVectorArray& b) {
     double worst = 0.0;
@@ -37,29 +26,9 @@ double MaxDistance(const KVectorArray& a, const KVectorArray& b) {
     return worst;
 }
 
-class KavrinRelaxCli : public ::testing::Test {
+class KavrinRelaxCli : public KavrinCliTest::KavrinCliFixture {
 protected:
-    const fs::path dir =
-        fs::temp_directory_path() /
-        (std::string("kavrin-relax-") + std::to_string(getpid()) + "-" +
-         ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    void SetUp() override {
-        fs::remove_all(dir);
-        fs::create_directories(dir);
-    }
-    void TearDown() override { fs::remove_all(dir); }
-
-    Outcome run(const std::string& args) const {
-        const fs::path out = dir / "stdout.txt", err = dir / "stderr.txt";
-        const int raw = std::system((std::string(KAVRIN_BINARY_DIR) + "/apps/kavrin/kavrin relax " + args + " >" +
-                                     out.string() + " 2>" + err.string()).c_str());
-        return Outcome{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, Slurp(out), Slurp(err)};
-    }
-    std::string path(const std::string& name) const { return (dir / name).string(); }
-    std::string save(const std::string& name, const KPolyMesh& mesh) const {
-        WriteObj(path(name), mesh);
-        return path(name);
-    }
+    KavrinRelaxCli() { command = "relax "; }
     std::string values(const std::string& name, int n, double value) const {
         std::ofstream f(path(name));
         for (int i = 0; i < n; ++i) f << value << "\n";

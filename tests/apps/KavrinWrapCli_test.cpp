@@ -1,58 +1,17 @@
 // kavrin wrap, run as a process: outputs, progress, exit statuses and one-line errors.
 
-#include <gtest/gtest.h>
-
-#include <sys/wait.h>
-
-#include <algorithm>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 
+#include "KavrinCliSupport.h"
 #include "MeshGenerators.h"
-#include "ObjIO.h"
 
 using namespace Kavrin;
 namespace fs = std::filesystem;
 
 namespace {
 
-struct Outcome {
-    int status;
-    std::string out, err;
-    int errLines() const { return static_cast<int>(std::count(err.begin(), err.end(), '\n')); }
-};
-
-std::string Slurp(const fs::path& file) {
-    std::ifstream in(file);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-class KavrinWrapCli : public ::testing::Test {
-protected:
-    const fs::path dir =
-        fs::temp_directory_path() /
-        (std::string("kavrin-wrap-cli-") + ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    void SetUp() override {
-        fs::remove_all(dir);
-        fs::create_directories(dir);
-    }
-    void TearDown() override { fs::remove_all(dir); }
-
-    Outcome run(const std::string& args) const {
-        const fs::path out = dir / "stdout.txt", err = dir / "stderr.txt";
-        const int raw = std::system((std::string(KAVRIN_BINARY_DIR) + "/apps/kavrin/kavrin " + args + " >" +
-                                     out.string() + " 2>" + err.string())
-                                        .c_str());
-        return Outcome{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, Slurp(out), Slurp(err)};
-    }
-    std::string path(const std::string& name) const { return (dir / name).string(); }
-    std::string save(const std::string& name, const KPolyMesh& mesh) const {
-        WriteObj(path(name), mesh);
-        return path(name);
-    }
-};
+using KavrinWrapCli = KavrinCliTest::KavrinCliFixture;
+using KavrinCliTest::Outcome;
 
 // A flat n x n sheet of the given size at height z.
 KPolyMesh FlatSheet(int n, float size, float z) {
@@ -129,16 +88,4 @@ TEST_F(KavrinWrapCli, BadInputExitsWithTwoAndOneLine) {
         EXPECT_TRUE(r.out.empty()) << c.args << ": nothing runs before the input is checked";
     }
     EXPECT_FALSE(fs::exists(path("o.obj")));
-}
-
-TEST_F(KavrinWrapCli, HelpAndDemo) {
-    const Outcome help = run("wrap --help");
-    EXPECT_EQ(help.status, 0);
-    EXPECT_NE(help.out.find("--driver"), std::string::npos) << help.out;
-
-    const Outcome r = run("demo -o " + path("demo"));
-    ASSERT_EQ(r.status, 0) << r.err;
-    for (const char* file : {"wrap-sheet.obj", "wrap-cage.obj", "wrap-cage-dome.obj", "wrap-sheet-dome.obj"})
-        EXPECT_TRUE(fs::exists(dir / "demo" / file)) << file;
-    EXPECT_NE(r.out.find("unchanged cage reproduces the sheet"), std::string::npos) << r.out;
 }
