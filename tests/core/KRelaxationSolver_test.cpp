@@ -173,6 +173,7 @@ TEST(RelaxationSolver, BadInputFailsAndLeavesEverythingAsItWas) {
     r = many.run(fan.points);
     EXPECT_EQ(r.outcome.message, kRelaxTooManyNeighbours);
     EXPECT_TRUE(r.writeBinding && !r.writeStiffness && !many.store.hasStiffness);
+    EXPECT_EQ(many.store.binding.connVrtId.size(), 1u);
 
     // A new vertex count re-binds, but the running node keeps the caches of its first run, which
     // do not fit the larger mesh: refused rather than read past them.
