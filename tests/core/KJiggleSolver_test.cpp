@@ -16,13 +16,6 @@ using namespace Kavrin;
 
 namespace {
 
-// An array of the listed points.
-KVectorArray Points(std::initializer_list<KVector> list) {
-    KVectorArray a;
-    for (const KVector& p : list) a.push_back(p);
-    return a;
-}
-
 // Everything one evaluation needs, owned here; input() points the engine at it.
 struct Frame {
     KArray<KDouble3> points;  // iterated points, object space
@@ -48,27 +41,27 @@ struct Frame {
     }
 };
 
-// A mesh given as points, every vertex deformed in vertex order with weight 1.
-Frame WholeMesh(const KVectorArray& pts, const KVectorArray& normals) {
+// n points at x = 0, 1, ..., each its own vertex with normal (0, 0, 1), deformed in vertex order
+// with weight 1.
+Frame Line(int n) {
     Frame f;
-    for (int v = 0; v < pts.length(); ++v) {
-        f.points.push_back(KDouble3{pts[v].x, pts[v].y, pts[v].z});
+    for (int v = 0; v < n; ++v) {
+        f.points.push_back(KDouble3{double(v), 0, 0});
         f.indices.push_back(v);
         f.weights.push_back(1.0f);
+        f.normals.push_back(KVector(0, 0, 1));
     }
     f.meshPoints = f.points;
-    f.normals = normals;
     return f;
 }
-
-// One point at x on the x axis, its vertex normal (0, 0, 1).
-Frame OnePoint(double x) { return WholeMesh(Points({KVector(float(x), 0, 0)}), Points({KVector(0, 0, 1)})); }
 
 // A roof along y: ridge at x, z = 1, falling by 3/4 per unit on both sides (face normals
 // (+-0.6, 0, 0.8)). Vertex 1, the middle of the ridge, is surrounded by six triangles.
 KTriMesh Roof(float x) {
     KTriMesh m;
-    m.points = Points({{x, -4, 1}, {x, 0, 1}, {x, 4, 1}, {x + 4, -4, -2}, {x + 4, 4, -2}, {x - 4, -4, -2}, {x - 4, 4, -2}});
+    for (const KVector& p : {KVector(x, -4, 1), KVector(x, 0, 1), KVector(x, 4, 1), KVector(x + 4, -4, -2),
+                             KVector(x + 4, 4, -2), KVector(x - 4, -4, -2), KVector(x - 4, 4, -2)})
+        m.points.push_back(p);
     for (const KInt3& t : {KInt3{1, 0, 3}, KInt3{1, 3, 4}, KInt3{1, 4, 2}, KInt3{1, 2, 6}, KInt3{1, 6, 5}, KInt3{1, 5, 0}})
         m.triangles.push_back(t);
     return m;
@@ -296,7 +289,7 @@ TEST(Jiggle, SequenceMatchesStepByStepReference) {
 // clock nor the state moves; the same time again steps with h = 0 (the velocity becomes zero, the
 // limit still applies).
 TEST(Jiggle, TimeRules) {
-    Frame f = OnePoint(0);
+    Frame f = Line(1);
     KJiggleInput& in = f.input();
     in.startFrame = 2;
     in.stiffness = 0.5f;
@@ -331,7 +324,7 @@ TEST(Jiggle, TimeRules) {
 TEST(Jiggle, NoSpringNoLossKeepsMovingAndUnitSpringLandsOnGoal) {
     // Stiffness 1 lands on the goal (displacement 1) in the first step; then, with no spring and no
     // loss, the point keeps moving by 1 per step although the goal stays at 1.
-    Frame f = OnePoint(0);
+    Frame f = Line(1);
     f.in.distanceLimit = 1e6f;
     f.in.stiffness = 1.0f;
     f.in.damping = 0.0f;
@@ -350,7 +343,7 @@ TEST(Jiggle, NoSpringNoLossKeepsMovingAndUnitSpringLandsOnGoal) {
         float stiffness, map, timeScale;
     } units[] = {{1.0f, 1.0, 1.0f}, {0.25f, 1.0, 2.0f}, {0.5f, 0.5, 2.0f}, {1.0f, 4.0, 0.5f}};
     for (const auto& c : units) {
-        Frame g = OnePoint(0);
+        Frame g = Line(1);
         g.maps[1].setLengthWithValue(1, c.map);
         g.in.stiffness = c.stiffness;
         g.in.timeScale = c.timeScale;
@@ -374,7 +367,7 @@ TEST(Jiggle, ZeroLimitPinsNormalStrengthOneSkipsSnappingWeightZeroKeepsInput) {
         KJiggleSolver s;
     };
     const auto run = [](const std::function<void(Frame&)>& setup) {
-        Run r{OnePoint(0), KJiggleSolver()};
+        Run r{Line(1), KJiggleSolver()};
         r.f.in.normalStrength = 0.5f;
         r.f.in.directionBias = 0.5f;
         setup(r.f);
@@ -440,7 +433,7 @@ TEST(Jiggle, SnappingSearchesTheObjectSpaceSurfaceWithinItsRadius) {
 // as they are, whatever their values.
 TEST(Jiggle, EnvelopeOffAndMapsWrittenBack) {
     for (float envelope : {0.0f, 1e-31f, -1.0f}) {
-        Frame f = OnePoint(0);
+        Frame f = Line(1);
         f.in.envelope = envelope;
         KJiggleSolver solver;
         const KJiggleResult r = solver.evaluate(f.input());
@@ -449,7 +442,7 @@ TEST(Jiggle, EnvelopeOffAndMapsWrittenBack) {
         EXPECT_TRUE(solver.meshPointsNeeded());
     }
 
-    Frame f = OnePoint(0);
+    Frame f = Line(1);
     f.meshPoints.push_back(KDouble3{5, 5, 5});  // a second vertex that is not deformed
     f.normals.push_back(KVector(0, 0, 1));
     f.maps[1] = KArray<double>{2.0, 7.0};
@@ -492,7 +485,7 @@ TEST(Jiggle, GuardsFailWithTheirMessageAndTouchNothing) {
         {kJiggleInputMismatch, [](Frame& f) { f.normals.pop_back(); }},
     };
     for (const auto& c : cases) {
-        Frame f = WholeMesh(Points({KVector(0, 0, 0), KVector(1, 0, 0)}), Points({KVector(0, 0, 1), KVector(0, 0, 1)}));
+        Frame f = Line(2);
         KJiggleSolver solver;
         solver.evaluate(f.input());  // started on two vertices
         f.in.time = 1;
@@ -509,13 +502,13 @@ TEST(Jiggle, GuardsFailWithTheirMessageAndTouchNothing) {
 
     // A failure at the first evaluation does not start the simulation; evaluations that do not
     // step read nothing per vertex and so do not fail.
-    Frame f = OnePoint(0);
+    Frame f = Line(1);
     f.in.time = 1;
     f.meshPoints.clear();
     KJiggleSolver solver;
     EXPECT_EQ(solver.evaluate(f.input()).outcome.message, kJiggleInputMismatch);
     EXPECT_TRUE(solver.meshPointsNeeded());
-    Frame g = OnePoint(0);
+    Frame g = Line(1);
     solver.evaluate(g.input());
     g.in.time = -1;
     g.indices[0] = 40;
