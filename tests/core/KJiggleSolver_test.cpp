@@ -320,78 +320,62 @@ TEST(Jiggle, TimeRules) {
     }
 }
 
-// The described edge cases of the spring, on one point sliding along x.
-TEST(Jiggle, NoSpringNoLossKeepsMovingAndUnitSpringLandsOnGoal) {
-    // Stiffness 1 lands on the goal (displacement 1) in the first step; then, with no spring and no
-    // loss, the point keeps moving by 1 per step although the goal stays at 1.
-    Frame f = Line(1);
-    f.in.distanceLimit = 1e6f;
-    f.in.stiffness = 1.0f;
-    f.in.damping = 0.0f;
-    KJiggleSolver solver;
-    solver.evaluate(f.input());
-    f.points[0] = KDouble3{1, 0, 0};
-    for (int t = 1; t <= 5; ++t) {
-        f.in.time = t;
-        if (t == 2) f.in.stiffness = 0.0f;
-        ASSERT_EQ(solver.evaluate(f.input()).outcome.status, KOutcome::kDeformed);
-        EXPECT_EQ(solver.currentPositions()[0][0], double(t)) << "t = " << t;
-    }
-
-    // stiffness * map * h^2 = 1, whichever way: the point lands on the goal (before limit and bias).
-    const struct {
-        float stiffness, map, timeScale;
-    } units[] = {{1.0f, 1.0, 1.0f}, {0.25f, 1.0, 2.0f}, {0.5f, 0.5, 2.0f}, {1.0f, 4.0, 0.5f}};
-    for (const auto& c : units) {
-        Frame g = Line(1);
-        g.maps[1].setLengthWithValue(1, c.map);
-        g.in.stiffness = c.stiffness;
-        g.in.timeScale = c.timeScale;
-        g.in.damping = 0.3f;
-        g.in.distanceLimit = 100.0f;
-        KJiggleSolver s;
-        for (int t = 0; t <= 3; ++t) {
-            g.points[0] = KDouble3{0.7 * t * t, 0.1 * t, 0};
-            g.in.time = t;
-            s.evaluate(g.input());
-            ExpectPoint(s.currentPositions()[0], 0.7 * t * t, 0.1 * t, 0, 1e-14, "on the goal");
-        }
-    }
-}
-
-TEST(Jiggle, ZeroLimitPinsNormalStrengthOneSkipsSnappingWeightZeroKeepsInput) {
-    // One point moving fast along x and along its normal, flattened and biased; its snapping
-    // surface is empty, so any snapping would send it to the world origin.
+// The described edge cases of the simulation, on one point whose goal moves along x (0.5 t^2) and
+// along its normal z (0.8 t) unless `step` places it elsewhere; flattening and bias are at work,
+// and the snapping surface is empty, so any snapping would send the point to the world origin.
+TEST(Jiggle, EdgeCasesOfTheSimulation) {
     struct Run {
         Frame f;
         KJiggleSolver s;
     };
-    const auto run = [](const std::function<void(Frame&)>& setup) {
+    const auto run = [](const std::function<void(Frame&, int)>& step) {
         Run r{Line(1), KJiggleSolver()};
         r.f.in.normalStrength = 0.5f;
         r.f.in.directionBias = 0.5f;
-        setup(r.f);
         for (int t = 0; t <= 3; ++t) {
             r.f.points[0] = KDouble3{0.5 * t * t, 0, 0.8 * t};
             r.f.in.time = t;
+            step(r.f, t);
             r.s.evaluate(r.f.input());
         }
         return r;
     };
 
+    // Stiffness 1 lands on the goal (1) in the first step; then, with no spring and no loss, the
+    // point keeps moving by 1 per step although the goal stays at 1.
+    const Run drift = run([](Frame& f, int t) {
+        f.points[0] = KDouble3{t > 0 ? 1.0 : 0.0, 0, 0};
+        f.in.stiffness = t == 1 ? 1.0f : 0.0f, f.in.damping = 0.0f, f.in.distanceLimit = 1e6f;
+    });
+    EXPECT_EQ(drift.s.currentPositions()[0], (KDouble3{3, 0, 0}));
+    EXPECT_EQ(drift.s.velocities()[0], (KDouble3{1, 0, 0}));
+
+    // stiffness x map x h^2 = 1, whichever way: the point lands on its goal (the limit and the
+    // bias then have nothing to act on).
+    const struct {
+        float stiffness, map, timeScale;
+    } units[] = {{1, 1, 1}, {0.25f, 1, 2}, {0.5f, 0.5f, 2}, {1, 4, 0.5f}};
+    for (const auto& c : units) {
+        const Run r = run([&](Frame& f, int) {
+            f.in.stiffness = c.stiffness, f.in.timeScale = c.timeScale, f.in.damping = 0.3f;
+            f.maps[1].setLengthWithValue(1, c.map);
+        });
+        ExpectPoint(r.s.currentPositions()[0], 4.5, 0, 2.4, 1e-14, "on the goal");
+    }
+
     // distanceLimit 0 or scale 0: the point sits on its goal; e = 0 leaves nothing for the normal
     // and bias terms.
     for (const auto& limits : {std::make_pair(0.0f, 1.0f), std::make_pair(1.0f, 0.0f)}) {
-        const Run r = run([&](Frame& f) { f.in.distanceLimit = limits.first, f.in.scale = limits.second; });
+        const Run r = run([&](Frame& f, int) { f.in.distanceLimit = limits.first, f.in.scale = limits.second; });
         EXPECT_EQ(r.s.currentPositions()[0], r.f.points[0]);
         EXPECT_EQ(r.s.points()[0], r.f.points[0]);
     }
 
     // normalStrength 1 with map 1 skips the flattening and the snapping even with
     // moreAccurateTangent on; a map value below 1 brings both back.
-    const Run plain = run([](Frame& f) { f.in.normalStrength = 1.0f; });
-    const Run accurate = run([](Frame& f) { f.in.normalStrength = 1.0f, f.in.moreAccurateTangent = true; });
-    const Run snapped = run([](Frame& f) {
+    const Run plain = run([](Frame& f, int) { f.in.normalStrength = 1.0f; });
+    const Run accurate = run([](Frame& f, int) { f.in.normalStrength = 1.0f, f.in.moreAccurateTangent = true; });
+    const Run snapped = run([](Frame& f, int) {
         f.in.normalStrength = 1.0f, f.in.moreAccurateTangent = true;
         f.maps[2].setLengthWithValue(1, 0.99);
     });
@@ -399,8 +383,8 @@ TEST(Jiggle, ZeroLimitPinsNormalStrengthOneSkipsSnappingWeightZeroKeepsInput) {
     EXPECT_NE(plain.s.points(), snapped.s.points());
 
     // Weight 0 leaves the point at its input, while the state evolves exactly as with weight 1.
-    const Run unweighted = run([](Frame& f) { f.weights[0] = 0.0f; });
-    const Run weighted = run([](Frame&) {});
+    const Run unweighted = run([](Frame& f, int) { f.weights[0] = 0.0f; });
+    const Run weighted = run([](Frame&, int) {});
     EXPECT_EQ(unweighted.s.points(), unweighted.f.points);
     EXPECT_EQ(unweighted.s.currentPositions(), weighted.s.currentPositions());
     EXPECT_NE(weighted.s.points(), weighted.f.points);
