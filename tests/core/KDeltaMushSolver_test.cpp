@@ -57,7 +57,8 @@ struct Evaluation {
 }  // namespace
 
 // The first evaluation captures its mesh as the rest shape and binds to it: the rest shape comes
-// back, a rigid motion is followed, and the write-back applies the inverse matrix with the point's
+// back and a rigid motion is followed, by any envelope from 1e-30 up (an on/off switch); below it
+// nothing runs, not even the capture. The write-back applies the inverse matrix with the point's
 // own homogeneous weight.
 TEST(DeltaMush, CapturesRestReproducesItAndFollowsRigidMotion) {
     const KPolyMesh sheet = Sheet();
@@ -74,6 +75,19 @@ TEST(DeltaMush, CapturesRestReproducesItAndFollowsRigidMotion) {
     for (KVector& p : moved) p = KVector(0.8f * p.x - 0.6f * p.y + 2.0f, 0.6f * p.x + 0.8f * p.y - 1.0f, p.z + 0.5f);
     ASSERT_EQ(run.deform(Posed(sheet, moved)), KOutcome::kDeformed);
     EXPECT_LT(run.error(moved), 1e-5);
+    KVectorArray bent = moved;
+    for (KVector& p : bent) p.z += 0.1f * p.x * p.x;
+    ASSERT_EQ(run.deform(Posed(sheet, bent)), KOutcome::kDeformed);
+    const KVectorArray full = run.solver.points();
+    for (float envelope : {0.5f, 1e-30f}) {
+        ASSERT_EQ(run.deform(Posed(sheet, bent), envelope), KOutcome::kDeformed) << envelope;
+        EXPECT_EQ(run.solver.points(), full) << envelope;
+    }
+    for (float envelope : {0.0f, -1.0f, 1e-31f}) {
+        Evaluation off;
+        EXPECT_EQ(off.deform(sheet, envelope), KOutcome::kUntouched);
+        EXPECT_TRUE(off.store.onlyOnce && !off.store.hasDelta) << envelope;
+    }
 
     const double inverse[4][4] = {{2, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}, {10, 20, 30, 1}};
     const KVector& p = run.solver.points()[3];
@@ -83,28 +97,6 @@ TEST(DeltaMush, CapturesRestReproducesItAndFollowsRigidMotion) {
     EXPECT_DOUBLE_EQ(out[1], p.y + 10.0);
     EXPECT_DOUBLE_EQ(out[2], p.z + 15.0);
     EXPECT_DOUBLE_EQ(out[3], 0.5);
-}
-
-TEST(DeltaMush, EnvelopeIsAnOnOffSwitch) {
-    const KPolyMesh sheet = Sheet();
-    KVectorArray bent = sheet.points;
-    for (KVector& p : bent) p.z += 0.1f * p.x * p.x;
-    const KPolyMesh pose = Posed(sheet, bent);
-    Evaluation full;
-    full.deform(sheet);
-    full.deform(pose, 1.0f);
-    for (float envelope : {0.5f, 1e-30f}) {
-        Evaluation partial;
-        partial.deform(sheet);
-        ASSERT_EQ(partial.deform(pose, envelope), KOutcome::kDeformed) << envelope;
-        EXPECT_EQ(partial.solver.points(), full.solver.points());
-    }
-    for (float envelope : {0.0f, -1.0f, 1e-31f}) {
-        Evaluation off;
-        EXPECT_EQ(off.deform(pose, envelope), KOutcome::kUntouched);
-        EXPECT_TRUE(off.store.onlyOnce) << "nothing runs below the threshold, not even the capture";
-        EXPECT_FALSE(off.store.hasDelta);
-    }
 }
 
 // When a bind is due, and so when the host must read "restMesh".
