@@ -81,8 +81,6 @@ public:
     // iterated vertex; otherwise the host leaves the points as they are.
     KOutcome evaluate(const KOffsetInput& input, KShadingSampler& sampler);
 
-    // The samples of the last evaluation.
-    const KOffsetSamples& samples() const { return _samples; }
     // The displacement of each iterated vertex: normal * a with
     // a = float(double(envelope) * scale * double(red) * double(weight)), each component in
     // single precision.

@@ -2,29 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cmath>
-#include <fstream>
-
 #include "KavrinCliSupport.h"
-#include "KRelaxationBinding.h"
-#include "MeshGenerators.h"
-#include "ObjIO.h"
+#include "core/RelaxationTestSupport.h"
 
 using namespace Kavrin;
 using KavrinCliTest::Outcome;
 namespace fs = std::filesystem;
 
 namespace {
-
-double MaxDistance(const KVectorArray& a, const KVectorArray& b) {
-    double worst = 0.0;
-    for (int i = 0; i < a.length(); ++i) worst = std::max(worst, double((a[i] - b[i]).length()));
-    return worst;
-}
 
 class KavrinRelaxCli : public KavrinCliTest::KavrinCliFixture {
 protected:
@@ -57,7 +42,7 @@ TEST_F(KavrinRelaxCli, RelaxesPosesAndKeepsTheRestShape) {
     EXPECT_NE(r.out.find("[2/2]"), std::string::npos);
     const KPolyMesh same = ReadObj(path("out/same.obj"));
     EXPECT_EQ(same.faceVertices, rest.faceVertices);
-    EXPECT_LT(MaxDistance(same.points, rest.points), 1e-5);
+    EXPECT_LT(relaxtest::MaxDistance(relaxtest::Widen(same.points), relaxtest::Widen(rest.points)), 1e-5);
     const KPolyMesh relaxed = ReadObj(path("out/bumped.obj"));
     EXPECT_LT(std::fabs(relaxed.points[210].z - rest.points[210].z), 0.25) << "the bump is pulled back";
 
@@ -106,18 +91,7 @@ TEST_F(KavrinRelaxCli, BadInputAndFailedBindsAreOneLine) {
         {"--rest " + rest + " --iterations -1 " + rest + o, 2, "--iterations"},
         {"--rest " + rest + " --collision-steps 0 " + rest + o, 2, "--collision-steps"},
         {"--rest " + rest + " " + save("other.obj", MakeDetailedGrid(5, 1.0f)) + o, 2, "vertices"},
-        {"--rest " + save("fan.obj", [] {
-             KPolyMesh fan;  // one vertex with 129 neighbours
-             fan.points.push_back(KVector());
-             for (int k = 0; k < 129; ++k)
-                 fan.points.push_back(KVector(std::cos(k * 0.0487f), std::sin(k * 0.0487f), 0.0f));
-             for (int k = 0; k < 129; ++k) {
-                 fan.faceCounts.push_back(3);
-                 for (int v : {0, 1 + k, 1 + (k + 1) % 129}) fan.faceVertices.push_back(v);
-             }
-             return fan;
-         }()) + " " + path("fan.obj") + o,
-         1, kRelaxTooManyNeighbours},
+        {"--rest " + save("fan.obj", relaxtest::Fan(129)) + " " + path("fan.obj") + o, 1, kRelaxTooManyNeighbours},
     };
     for (const Case& c : cases) {
         const Outcome r = run(c.args);

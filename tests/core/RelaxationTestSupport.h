@@ -60,8 +60,7 @@ inline KArray<KDouble3> Widen(const KVectorArray& points) {
 inline double MaxDistance(const KArray<KDouble3>& a, const KArray<KDouble3>& b) {
     double worst = 0.0;
     for (int i = 0; i < a.length(); ++i)
-        worst = std::max(worst, std::sqrt(std::pow(a[i][0] - b[i][0], 2) + std::pow(a[i][1] - b[i][1], 2) +
-                                          std::pow(a[i][2] - b[i][2], 2)));
+        worst = std::max(worst, std::hypot(a[i][0] - b[i][0], a[i][1] - b[i][1], a[i][2] - b[i][2]));
     return worst;
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <vector>
 
 #include "VertexNormalsUVs.h"
 
@@ -10,63 +11,52 @@ using namespace Kavrin;
 
 namespace {
 
-KPolyMesh Mesh(std::initializer_list<KVector> points, std::initializer_list<int> counts,
-               std::initializer_list<int> vertices) {
+KPolyMesh Mesh(std::initializer_list<KVector> points, KIntArray counts, KIntArray vertices) {
     KPolyMesh mesh;
     for (const KVector& p : points) mesh.points.push_back(p);
-    mesh.faceCounts = KIntArray(counts);
-    mesh.faceVertices = KIntArray(vertices);
+    mesh.faceCounts = counts;
+    mesh.faceVertices = vertices;
     return mesh;
-}
-
-void ExpectNear(const KDouble3& got, double x, double y, double z, const char* what) {
-    EXPECT_NEAR(got[0], x, 1e-12) << what;
-    EXPECT_NEAR(got[1], y, 1e-12) << what;
-    EXPECT_NEAR(got[2], z, 1e-12) << what;
 }
 
 }  // namespace
 
 TEST(VertexNormals, AverageOfUnitFaceNormalsWhateverTheFaceSizes) {
-    // Unit cube, quads wound outwards.
-    const KPolyMesh cube = Mesh({{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}, {0, 0, 1}, {1, 0, 1}, {1, 1, 1}, {0, 1, 1}},
-                                {4, 4, 4, 4, 4, 4},
-                                {0, 3, 2, 1, 4, 5, 6, 7, 0, 1, 5, 4, 2, 3, 7, 6, 1, 2, 6, 5, 0, 4, 7, 3});
-    KArray<KDouble3> normals;
-    AveragedVertexNormals(cube, normals);
-    const double s = 1.0 / std::sqrt(3.0);
-    ExpectNear(normals[0], -s, -s, -s, "corner 0");
-    ExpectNear(normals[6], s, s, s, "corner 6");
-
-    // A small square in z = 0 and a long strip standing on its edge y = 0: along the shared edge
-    // the normal is halfway between +z and +y however large the strip is (an area-weighted normal
-    // would lean towards the strip). Vertex 6 touches no face.
-    const KPolyMesh ell = Mesh({{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}, {1, 0, 10}, {0, 0, 10}, {5, 5, 5}},
-                               {4, 4}, {0, 1, 2, 3, 1, 0, 5, 4});
-    AveragedVertexNormals(ell, normals);
-    const double h = 1.0 / std::sqrt(2.0);
-    ExpectNear(normals[0], 0, h, h, "shared edge");
-    ExpectNear(normals[2], 0, 0, 1, "square only");
-    ExpectNear(normals[4], 0, 1, 0, "strip only");
-    ExpectNear(normals[6], 0, 0, 0, "vertex in no face");
-
-    // A non-planar quad (two corners lifted): Newell's normal, not the first corner's cross product.
-    const KPolyMesh bent = Mesh({{0, 0, 0}, {1, 0, 1}, {1, 1, 0}, {0, 1, 1}}, {4}, {0, 1, 2, 3});
-    AveragedVertexNormals(bent, normals);
-    ExpectNear(normals[0], 0, 0, 1, "saddle");
-
-    // A degenerate face adds nothing; faces that cancel leave zero, never NaN.
-    const KPolyMesh flat = Mesh({{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {0, 1, 0}}, {3, 3, 3},
-                                {0, 1, 2, 0, 1, 3, 0, 3, 1});
-    AveragedVertexNormals(flat, normals);
-    ExpectNear(normals[2], 0, 0, 0, "collinear face only");
-    ExpectNear(normals[0], 0, 0, 0, "opposite faces cancel");
+    const double s = 1.0 / std::sqrt(3.0), h = 1.0 / std::sqrt(2.0);
+    const struct {
+        const char* what;
+        KPolyMesh mesh;
+        std::vector<std::pair<int, KDouble3>> normals;  // vertex, expected normal
+    } cases[] = {
+        {"the unit cube, quads wound outwards",
+         Mesh({{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}, {0, 0, 1}, {1, 0, 1}, {1, 1, 1}, {0, 1, 1}}, {4, 4, 4, 4, 4, 4},
+              {0, 3, 2, 1, 4, 5, 6, 7, 0, 1, 5, 4, 2, 3, 7, 6, 1, 2, 6, 5, 0, 4, 7, 3}),
+         {{0, {-s, -s, -s}}, {6, {s, s, s}}}},
+        // Along the edge a small square in z = 0 shares with a long strip standing on it, the
+        // normal is halfway between +z and +y however large the strip is (an area-weighted normal
+        // would lean towards the strip); the square alone, the strip alone, a vertex in no face.
+        {"square and strip",
+         Mesh({{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}, {1, 0, 10}, {0, 0, 10}, {5, 5, 5}}, {4, 4}, {0, 1, 2, 3, 1, 0, 5, 4}),
+         {{0, {0, h, h}}, {2, {0, 0, 1}}, {4, {0, 1, 0}}, {6, {0, 0, 0}}}},
+        // Two corners lifted: Newell's normal, not the first corner's cross product.
+        {"non-planar quad", Mesh({{0, 0, 0}, {1, 0, 1}, {1, 1, 0}, {0, 1, 1}}, {4}, {0, 1, 2, 3}), {{0, {0, 0, 1}}}},
+        // A degenerate face adds nothing (vertex 2); faces that cancel leave zero, never NaN.
+        {"degenerate and opposite faces",
+         Mesh({{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {0, 1, 0}}, {3, 3, 3}, {0, 1, 2, 0, 1, 3, 0, 3, 1}),
+         {{2, {0, 0, 0}}, {0, {0, 0, 0}}}},
+    };
+    for (const auto& c : cases) {
+        KArray<KDouble3> normals;
+        AveragedVertexNormals(c.mesh, normals);
+        for (const auto& [v, n] : c.normals)
+            for (int k = 0; k < 3; ++k) EXPECT_NEAR(normals[v][k], n[k], 1e-12) << c.what << ", vertex " << v;
+    }
 }
 
 TEST(VertexUVs, FirstCornerWithACoordinateWins) {
     // Two quads side by side sharing vertices 1 and 4; the seam gives vertex 1 two coordinates.
-    const KPolyMesh mesh = Mesh({{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {0, 1, 0}, {1, 1, 0}, {2, 1, 0}, {9, 9, 9}},
-                                {4, 4}, {0, 1, 4, 3, 1, 2, 5, 4});
+    const KPolyMesh mesh = Mesh({{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {0, 1, 0}, {1, 1, 0}, {2, 1, 0}, {9, 9, 9}}, {4, 4},
+                                {0, 1, 4, 3, 1, 2, 5, 4});
     KCornerUVs corners;
     corners.uvs = {{0.0f, 0.0f}, {0.5f, 0.0f}, {0.5f, 1.0f}, {0.0f, 1.0f}, {0.6f, 0.0f}, {1.0f, 0.0f}, {1.0f, 1.0f}};
     // Face 0 has all its corners; in face 1 vertex 1 has another coordinate (a seam) and vertex 2 none.
