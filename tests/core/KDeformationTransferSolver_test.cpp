@@ -133,8 +133,7 @@ TEST(DeformationTransferFlow, MissingInputsAndShortPairLists) {
     EXPECT_EQ(node.sink.warnings(), Texts{"No correspondences."});
     EXPECT_TRUE(node.sink.outputs().empty() && !r.outcome.failed() && !r.writeReCalculate);
     EXPECT_EQ(r.output, R::kNoOutput);
-    EXPECT_EQ(node.solver.sourceFixedVertex(), 3);
-    EXPECT_EQ(node.solver.targetFixedVertex(), 7);
+    EXPECT_EQ(std::make_pair(node.solver.sourceFixedVertex(), node.solver.targetFixedVertex()), std::make_pair(3, 7));
 
     in.aim = 1;  // "Source To Target" does not warn
     in.vertCorres.clear();
@@ -419,8 +418,7 @@ TEST(DeformationTransferBorders, OpenMeshesTransferLikeClosedOnesAwayFromTheBord
                              KVector(0, -1, 0), KVector(0.7f, 0.7f, -0.3f), KVector(-0.6f, 0.5f, 0.4f)})
         below.push_back(d * (1.0f / d.length()));
     onBorder = below;
-    onBorder.push_back(KVector(0.7f, 0, 0.71f));
-    onBorder.push_back(KVector(-0.35f, -0.6f, 0.71f));
+    onBorder.insert(onBorder.end(), {KVector(0.7f, 0, 0.71f), KVector(-0.35f, -0.6f, 0.71f)});
 
     const KTriMesh closedSame = Triangulated(bumped(plain, 1, 1, 1)), openSame = Triangulated(bumped(cap(plain), 1, 1, 1));
     const KTriMesh closedTarget = Triangulated(bumped(plain, 3, 1.3f, 0.8f)), closedUV = Triangulated(uv);
