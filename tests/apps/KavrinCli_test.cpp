@@ -21,8 +21,7 @@ TEST_F(KavrinCli, DeltaMushWritesOnePosePerInput) {
     Outcome r = run("deltamush --rest " + restFile + " --iterations 10 " + bent + " " + save("same.obj", rest) +
                     " -o " + path("out"));
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(r.err.empty()) << r.err;
-    EXPECT_NE(r.out.find("[2/2]"), std::string::npos) << "progress per pose";
+    EXPECT_TRUE(r.err.empty() && r.out.find("[2/2]") != std::string::npos) << "progress per pose: " << r.out << r.err;
     const KPolyMesh back = ReadObj(path("out/same.obj"));
     EXPECT_EQ(back.faceVertices, rest.faceVertices) << "the original faces are written back";
     for (int i = 0; i < rest.numVertices(); ++i) EXPECT_NEAR((back.points[i] - rest.points[i]).length(), 0.0f, 1e-5f);
@@ -39,14 +38,12 @@ TEST_F(KavrinCli, TransferPlacesTheTargetOnTheSourcePosesFixedVertex) {
     ScalePoints(source, 2.0f, 0.5f, 0.5f);
     ScalePoints(target, 2.0f, 0.6f, 0.4f);
     // Tips, belly and back: vertex 0 of the UV sphere is its +z pole.
-    std::ofstream(path("markers.txt")) << "# source target\n0 0\n\n" << source.numVertices() - 1 << " 3\n";
-    std::ofstream(path("bad.txt")) << "0 0\n1 two\n";
-    std::ofstream(path("far.txt")) << "0 0\n5 9999\n";
+    write("markers.txt", "# source target\n0 0\n\n" + std::to_string(source.numVertices() - 1) + " 3\n");
     KPolyMesh moved = source;
     for (KVector& p : moved.points) p += KVector(1.0f, 2.0f, 3.0f);
     const std::string s = save("s.obj", source), t = save("t.obj", target), m = save("moved.obj", moved);
-    const std::string common = "transfer --source-rest " + s + " --target " + t + " --markers ";
-    const std::string args = common + path("markers.txt") + " --iterations 1 ";
+    const std::string args = "transfer --source-rest " + s + " --target " + t + " --markers " + path("markers.txt") +
+                             " --iterations 1 ";
 
     // The engine's own progress lines only with --verbose; the command's own always.
     Outcome r = run(args + m + " -o " + path("out.obj"));
@@ -65,23 +62,6 @@ TEST_F(KavrinCli, TransferPlacesTheTargetOnTheSourcePosesFixedVertex) {
     r = run(args + "--aim source-to-target -o " + path("fit.obj"));
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(ReadObj(path("fit.obj")).numVertices(), source.numVertices());
-
-    const std::string x = " -o " + path("x.obj");
-    const struct {
-        std::string args, expected;
-    } cases[] = {
-        {path("bad.txt") + " " + m + x, path("bad.txt") + ":2: 'two' is not a target vertex index"},
-        {path("far.txt") + " " + m + x, path("far.txt") + ":2: target vertex 9999 is outside the target mesh (162 vertices)"},
-        {path("markers.txt") + " --mode same " + m + x,
-         "--mode same needs meshes with the same vertices; the source has 98, the target 162"},
-        {path("markers.txt") + " --fixed 0 500 " + m + x, "--fixed: target vertex 500 is outside the target mesh"},
-        {path("markers.txt") + " " + s + " " + t + " -o " + path("x"), t + ": 162 vertices, but " + s + " has 98"},
-    };
-    for (const auto& c : cases) {
-        r = run(common + c.args);
-        EXPECT_EQ(r.status, 2) << c.args;
-        EXPECT_EQ(r.err, "kavrin transfer: " + c.expected + "\n");
-    }
 }
 
 TEST_F(KavrinCli, HelpOnEveryCommandShowsRangesAndDemoSaysWhatItMeasures) {
@@ -92,19 +72,15 @@ TEST_F(KavrinCli, HelpOnEveryCommandShowsRangesAndDemoSaysWhatItMeasures) {
         EXPECT_NE(help.find("  " + command), std::string::npos) << command << " is listed";
         const Outcome r = run(command + " --help");
         EXPECT_EQ(r.status, 0) << command;
-        EXPECT_NE(r.out.find("Usage"), std::string::npos) << command << r.out;
-        EXPECT_NE(r.out.find("--verbose"), std::string::npos) << command;
-        EXPECT_NE(r.out.find("worker threads, 0 for all cores (0 to 1024)"), std::string::npos) << command << r.out;
+        for (const char* text : {"Usage", "--verbose", "worker threads, 0 for all cores (0 to 1024)"})
+            EXPECT_NE(r.out.find(text), std::string::npos) << command << ": " << text << "\n" << r.out;
     }
     EXPECT_NE(run("deltamush --help").out.find("smoothing sweeps (1 to 100000)"), std::string::npos);
     EXPECT_NE(run("transfer --help").out.find("(0 to 32767)"), std::string::npos);
-    const Outcome version = run("--version");
-    EXPECT_EQ(version.status, 0);
-    EXPECT_EQ(version.out, "kavrin " KAVRIN_VERSION "\n");
+    EXPECT_EQ(run("--version").out, "kavrin " KAVRIN_VERSION "\n");  // its status is in the status table
 
     const Outcome r = run("demo -o " + path("demo"));
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(r.err.empty()) << r.err;
+    ASSERT_TRUE(r.status == 0 && r.err.empty()) << r.err;
     for (const char* file : {"deltamush-rest.obj", "deltamush-bend90-result.obj", "transfer-target-bend90.obj",
                              "transfer-markers.txt", "wrap-sheet-dome.obj", "jiggle-frame12-result.obj",
                              "relax-collide-result.obj", "offset-sphere-out.obj", "offset-pattern.png"})
@@ -145,10 +121,9 @@ TEST_F(KavrinCli, JiggleWritesOneMeshPerFrameThatLagsAndOvershoots) {
     EXPECT_GT(*std::max_element(offsets.begin() + 4, offsets.end()), 0.0) << "then swings past";
 
     // Zero weights keep the input; a unit spring with full normal strength lands on it.
-    {
-        std::ofstream zeros(path("zeros.txt"));
-        for (int v = 0; v < sheet.numVertices(); ++v) zeros << "0\n";
-    }
+    std::string zeros;
+    for (int v = 0; v < sheet.numVertices(); ++v) zeros += "0\n";
+    write("zeros.txt", zeros);
     for (const std::string& options : {"--weights " + path("zeros.txt"), std::string("--stiffness 1 --damping 0")}) {
         r = run("jiggle " + options + " " + frames + "-o " + path("same"));
         ASSERT_EQ(r.status, 0) << options << r.err;
@@ -169,8 +144,8 @@ TEST_F(KavrinCli, JiggleWritesOneMeshPerFrameThatLagsAndOvershoots) {
 TEST_F(KavrinCli, JiggleRefusesBadInputWithOneLine) {
     const KPolyMesh sheet = MakeDetailedGrid(4, 1.0f);
     const std::string a = save("a.obj", sheet), b = save("b.obj", sheet), small = save("small.obj", MakeDetailedGrid(3, 1.0f));
-    std::ofstream(path("short.txt")) << "1\n1\n";
-    std::ofstream(path("bad.txt")) << "1\nx\n";
+    write("short.txt", "1\n1\n");
+    write("bad.txt", "1\nx\n");
     const std::string o = " -o " + path("out");
     const struct {
         std::string args, expected;

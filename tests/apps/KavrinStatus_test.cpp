@@ -20,10 +20,10 @@ using KavrinStatus = KavrinCliFixture;
 TEST_F(KavrinStatus, EveryCaseHasItsStatusAndOneExactLine) {
     const KPolyMesh grid = MakeDetailedGrid(4, 1.0f);
     const std::string rest = save("rest.obj", grid), pose = save("pose.obj", BendAroundY(grid, 0.5f));
-    fs::create_directories(dir / "a");
-    fs::create_directories(dir / "b");
-    save("a/p.obj", grid);
-    save("b/p.obj", grid);
+    for (const std::string folder : {"a", "b"}) {
+        fs::create_directories(dir / folder);
+        save(folder + "/p.obj", grid);
+    }
     write("nan.obj", "v 0 0 0\nv 1 0 0\nv nan 1 0\nf 1 2 3\n");
     write("short.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2\n");
     write("loose.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 5 5 5\nv 6 6 6\nf 1 2 3\n");
@@ -43,6 +43,7 @@ TEST_F(KavrinStatus, EveryCaseHasItsStatusAndOneExactLine) {
     write("m.txt", "0 0\n49 41\n");
     write("twice.txt", "0 0\n# paw\n7 3\n0 5\n");
     write("m-loose.txt", "0 0\n49 41\n50 2\n");  // the source's loose vertex is marked: it is pinned
+    write("far.txt", "0 0\n5 9999\n");
     const std::string dm = "deltamush --rest rest.obj ", tr = "transfer --source-rest s.obj --target t.obj ";
 
     const struct {
@@ -96,6 +97,13 @@ TEST_F(KavrinStatus, EveryCaseHasItsStatusAndOneExactLine) {
         {"transfer --source-rest s.obj --target t-loose.obj --markers m.txt s.obj -o x.obj", 2,
          "kavrin transfer: t-loose.obj: 1 vertex is in no face (42, counting from 0); the transfer cannot place such "
          "a vertex (its equations would be singular)"},
+        {tr + "--markers far.txt s.obj -o x.obj", 2,
+         "kavrin transfer: far.txt:2: target vertex 9999 is outside the target mesh (42 vertices)"},
+        {tr + "--markers m.txt --mode same s.obj -o x.obj", 2,
+         "kavrin transfer: --mode same needs meshes with the same vertices; the source has 50, the target 42"},
+        {tr + "--markers m.txt --fixed 0 42 s.obj -o x.obj", 2,
+         "kavrin transfer: --fixed: target vertex 42 is outside the target mesh"},
+        {tr + "--markers m.txt s.obj t.obj -o x", 2, "kavrin transfer: t.obj: 42 vertices, but s.obj has 50"},
         // Output paths, checked before any work.
         {dm + "pose.obj -o no/such/x.obj", 2,
          "kavrin deltamush: no/such/x.obj: cannot write the file (the folder no/such does not exist)"},

@@ -5,9 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <iterator>
 #include <map>
-#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "KMarkingSession.h"
@@ -49,11 +50,7 @@ public:
     void show(const KOutcome& o) {
         if (o.failed()) error(o.message);
     }
-    Lines take() {
-        Lines l;
-        l.swap(log);
-        return l;
-    }
+    Lines take() { return std::exchange(log, Lines()); }
 };
 
 // Source: a 3 x 3 grid at z = 1.5, spacing 0.5; target: the same grid 10 units along x.
@@ -78,11 +75,8 @@ struct Tool {
     // vertex t (-1: that mesh was missed). Returns whether a tool command is due.
     bool click(int s, int t) {
         scene.show(session.press(true));
-        KMarkingHit hit;
-        hit.source = s >= 0;
-        hit.target = t >= 0;
-        if (hit.source) hit.sourcePoint = source[s] + KVector(0.1f, -0.1f, 0.05f);
-        if (hit.target) hit.targetPoint = target[t] + KVector(-0.1f, 0.1f, -0.05f);
+        const KMarkingHit hit{s >= 0, s >= 0 ? source[s] + KVector(0.1f, -0.1f, 0.05f) : KVector(), t >= 0,
+                              t >= 0 ? target[t] + KVector(-0.1f, 0.1f, -0.05f) : KVector()};
         const KMarkingResult r = session.release(hit, scene);
         scene.show(r.outcome);
         return r.recordStep;
@@ -100,7 +94,7 @@ std::string Line(int s, int t) {
 
 }  // namespace
 
-TEST(MarkingSession, FixedTextsAndCommandFormats) {
+TEST(MarkingSession, FixedTextsCommandFormatsAndTheRay) {
     EXPECT_STREQ(kMarkingTitle, "Mark the corresspondences for KDeformationTransfer");
     EXPECT_STREQ(kMarkingHelp, "Click on the source-target mesh vertex pair to add to the correspondence list.");
     EXPECT_EQ(MarkingGetPairsCommand("KDeformationTransfer1"), "getAttr KDeformationTransfer1.vertCorres");
@@ -113,21 +107,17 @@ TEST(MarkingSession, FixedTextsAndCommandFormats) {
                 {KVector(16777216.0f, 1e-7f, 0.0f), "setAttr KDTPoint3.position 16777216 1e-07 0"},
                 {KVector(1.0f / 3.0f, 123456.79f, -0.0f), "setAttr KDTPoint3.position 0.33333334 123456.79 -0"}};
     for (const auto& r : rows) EXPECT_EQ(MarkingPlaceMarkerCommand("KDTPoint3", r.p), r.text);
-}
 
-TEST(MarkingSession, RayThroughThePixel) {
-    double origin[3], direction[3];
+    // The ray through a pixel: homogeneous points made Cartesian, a direction too short to
+    // normalise left as it is.
+    double o[3], d[3];
     const double nearH[4] = {2.0, 4.0, 6.0, 2.0}, farH[4] = {1.0, 2.0, 7.0, 1.0};  // near is (1, 2, 3)
-    MarkingRay(nearH, farH, origin, direction);
-    EXPECT_DOUBLE_EQ(origin[0], 1.0);
-    EXPECT_DOUBLE_EQ(origin[2], 3.0);
-    EXPECT_DOUBLE_EQ(direction[0], 0.0);
-    EXPECT_DOUBLE_EQ(direction[1], 0.0);
-    EXPECT_DOUBLE_EQ(direction[2], 1.0);
-    const double a[4] = {1.0, 1.0, 1.0, 1.0}, b[4] = {1.0 + 3e-11, 1.0, 1.0 + 4e-11, 1.0};  // too short to normalise
-    MarkingRay(a, b, origin, direction);
-    EXPECT_NEAR(direction[0], 3e-11, 1e-16);
-    EXPECT_NEAR(direction[2], 4e-11, 1e-16);
+    MarkingRay(nearH, farH, o, d);
+    EXPECT_EQ((std::vector<double>{o[0], o[1], o[2], d[0], d[1], d[2]}), (std::vector<double>{1, 2, 3, 0, 0, 1}));
+    const double a[4] = {1.0, 1.0, 1.0, 1.0}, b[4] = {1.0 + 3e-11, 1.0, 1.0 + 4e-11, 1.0};
+    MarkingRay(a, b, o, d);
+    EXPECT_NEAR(d[0], 3e-11, 1e-16);
+    EXPECT_NEAR(d[2], 4e-11, 1e-16);
 }
 
 TEST(MarkingSession, SetUpNeedsTwoMeshesAndAtMostOneNode) {
@@ -135,17 +125,14 @@ TEST(MarkingSession, SetUpNeedsTwoMeshesAndAtMostOneNode) {
         Tool tool;
         ASSERT_TRUE(tool.setUp().deformed());  // an earlier good set-up is forgotten
         tool.scene.take();
-        EXPECT_TRUE(tool.setUp(meshes).failed());
-        EXPECT_FALSE(tool.session.ready());
-        EXPECT_FALSE(tool.click(4, -1));
-        EXPECT_FALSE(tool.click(4, 4));
+        EXPECT_TRUE(tool.setUp(meshes).failed() && !tool.session.ready());
+        EXPECT_FALSE(tool.click(4, -1) || tool.click(4, 4));
         EXPECT_EQ(tool.scene.take(), Lines(3, "error: Invalid number of selected meshes.")) << meshes;
     }
     Tool tool;
     tool.scene.nodes = {"KDeformationTransfer1", "KDeformationTransfer2"};
     tool.scene.stored["KDeformationTransfer1"] = {1, 2};
-    EXPECT_TRUE(tool.setUp().failed());
-    EXPECT_FALSE(tool.session.ready());
+    EXPECT_TRUE(tool.setUp().failed() && !tool.session.ready());
     EXPECT_EQ(tool.scene.take(), (Lines{kLs, "error: There are too many KDeformationTransfer nodes in this scene."}));
     EXPECT_TRUE(tool.session.sourceIds().empty());
 }
@@ -155,6 +142,7 @@ TEST(MarkingSession, SetUpMarksTheStoredPairs) {
         KIntArray stored;
         Lines log;
         KIntArray sourceIds, targetIds;
+        Lines nodes = {"KDeformationTransfer1"};
     } cases[] = {
         // Five entries: two pairs, four markers; the odd last entry is ignored.
         {{2, 7, 4, 1, 8},
@@ -171,23 +159,20 @@ TEST(MarkingSession, SetUpMarksTheStoredPairs) {
           "vertices, target 9); its markers were not placed.",
           kCreate, "setAttr KDTPoint1.position 0 0.5 1.5", kCreate},
          {3},
-         {9}}};
+         {9}},
+        // No node: nothing stored to read.
+        {{1, 2}, {kLs}, {}, {}, {}}};
     for (const auto& c : cases) {
         Tool tool;
-        tool.scene.nodes = {"KDeformationTransfer1"};
+        tool.scene.nodes = c.nodes;
         tool.scene.stored["KDeformationTransfer1"] = c.stored;
         EXPECT_TRUE(tool.setUp().deformed());
-        EXPECT_TRUE(tool.session.ready());
-        EXPECT_TRUE(tool.session.waitingForSource());
+        EXPECT_TRUE(tool.session.ready() && tool.session.waitingForSource());
         EXPECT_EQ(tool.scene.take(), c.log);
         EXPECT_EQ(tool.session.sourceIds(), c.sourceIds);
         EXPECT_EQ(tool.session.targetIds(), c.targetIds);
         EXPECT_EQ(tool.session.sourceLocators().size(), c.sourceIds.size());
     }
-    // No node: nothing stored to read.
-    Tool tool;
-    EXPECT_TRUE(tool.setUp().deformed());
-    EXPECT_EQ(tool.scene.take(), Lines{kLs});
 }
 
 TEST(MarkingSession, ClickingPairsSnapsMarksAndPublishes) {
@@ -362,9 +347,7 @@ TEST(MarkingSession, StepsThatDoNothingAndMarkersThatWereNotMade) {
 TEST(MarkingSession, TheInterfaceScriptsHoldWhatTheToolRuns) {
     const auto read = [](const char* file) {
         std::ifstream in(std::string(KAVRIN_SOURCE_DIR) + "/scripts/" + file);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
+        return std::string(std::istreambuf_iterator<char>(in), {});
     };
     const std::string script = read("KDTMarkCtx.mel"), menu = read("KavrinMenu.mel");
     for (const std::string& needed :

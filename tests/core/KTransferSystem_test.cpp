@@ -115,12 +115,10 @@ TEST(TransferSystem, RefusedBuildsAndSolvesSayWhy) {
     KTriMesh flat = target;
     const KInt3 t6 = flat.triangles[6];
     flat.points[t6[2]] = flat.points[t6[1]];
+    // The first triangle without area is the lowest-numbered one on the collapsed edge.
+    auto has = [&](int t, int v) { const KInt3& x = flat.triangles[t]; return x[0] == v || x[1] == v || x[2] == v; };
     int firstFlat = 0;
-    while (!(flat.triangles[firstFlat][0] == t6[2] || flat.triangles[firstFlat][1] == t6[2] ||
-             flat.triangles[firstFlat][2] == t6[2]) ||
-           (flat.triangles[firstFlat][0] != t6[1] && flat.triangles[firstFlat][1] != t6[1] &&
-            flat.triangles[firstFlat][2] != t6[1]))
-        ++firstFlat;
+    while (!has(firstFlat, t6[1]) || !has(firstFlat, t6[2])) ++firstFlat;
     const KInt3 tf = flat.triangles[firstFlat];
     const KInt4Array none = Uniform(320, KInt4{-1, -1, -1, 0});
     KInt4Array negative = none, missing = none;

@@ -10,13 +10,16 @@ using namespace Kavrin;
 
 using Lists = std::vector<std::vector<int> >;
 
-TEST(NeighbourCache, SameTopologyAsksOnceAnyChangeAsksAgain) {
+TEST(NeighbourCache, SameTopologyAsksOnceAnyChangeAsksAgainAndTheHostOrderIsKept) {
     KNeighbourCache cache;
     int calls = 0;
     size_t lastSize = 0;
+    // The host's answer: an order of its own for every vertex (one list per vertex, unused ones
+    // included).
     const auto ask = [&](Lists& lists) {
         ++calls;
         lastSize = lists.size();
+        for (size_t v = 0; v < lists.size(); ++v) lists[v] = {int(v + 2) % 6, int(v + 1) % 6, calls};
     };
     // Two quads 0-1-4-3 and 1-2-5-4; the same faces with one rewound; the same flat vertex list
     // cut into a quad and two edges.
@@ -32,24 +35,14 @@ TEST(NeighbourCache, SameTopologyAsksOnceAnyChangeAsksAgain) {
         {7, recut, faces, 5},  {7, recut, faces, 5},
     };
     for (const auto& s : steps) {
-        EXPECT_EQ(cache.get(s.numVertices, s.counts, s.faces, ask).numVertices(), s.numVertices);
+        const KVertexNeighbours& n = cache.get(s.numVertices, s.counts, s.faces, ask);
+        EXPECT_TRUE(n.validFor(s.numVertices) && n.numVertices() == s.numVertices);
         EXPECT_EQ(calls, s.calls) << &s - steps;
-        EXPECT_EQ(lastSize, static_cast<size_t>(s.numVertices)) << "one list per vertex, unused ones included";
+        EXPECT_EQ(lastSize, static_cast<size_t>(s.numVertices));
+        EXPECT_EQ(std::vector<int>(n.begin(4), n.end(4)), (std::vector<int>{0, 5, s.calls})) << &s - steps;
     }
     cache.clear();
     cache.get(7, recut, faces, ask);
     EXPECT_EQ(calls, 6);
     EXPECT_EQ(cache.queries(), 6);
-}
-
-TEST(NeighbourCache, HostOrderIsKept) {
-    KNeighbourCache cache;
-    const KIntArray counts{3}, faces{0, 1, 2};
-    const Lists host = {{2, 1}, {0, 2}, {1, 0}};
-    const KVertexNeighbours& n = cache.get(3, counts, faces, [&host](Lists& lists) {
-        ASSERT_EQ(lists.size(), 3u);
-        lists = host;
-    });
-    EXPECT_TRUE(n.validFor(3));
-    for (int v = 0; v < 3; ++v) EXPECT_EQ(std::vector<int>(n.begin(v), n.end(v)), host[v]);
 }
