@@ -5,8 +5,13 @@
 #include <cfloat>
 #include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <limits>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace Kavrin {
 
@@ -14,7 +19,8 @@ namespace {
 
 // Levels past this are never reached: every level quarters the triangle count.
 const int kDepthLimit = 20;
-// Pending entries of a search: each inner node visited replaces its entry by at most four.
+// Pending entries of a search: each inner node visited goes on with one child and leaves at most
+// three.
 const int kStackSize = 3 * kDepthLimit + 8;
 
 inline double Dot(const double a[3], const double b[3]) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
@@ -170,7 +176,7 @@ void ClosestOnTriangle(const double p[3], const double P[3][3], TriangleHit& hit
 }
 
 // Starts loading a child's data while nearer children are searched; the random order of the
-// queries makes the leaves' corner data the main cache cost.
+// queries makes the leaves' data the main cache cost.
 inline void Prefetch(const void* data, size_t bytes) {
 #if defined(__GNUC__)
     const char* p = static_cast<const char*>(data);
@@ -179,6 +185,99 @@ inline void Prefetch(const void* data, size_t bytes) {
 #else
     (void)data;
     (void)bytes;
+#endif
+}
+
+// Index of the lowest set bit of a non-zero mask.
+inline int LowestBit(int mask) {
+#if defined(__GNUC__)
+    return __builtin_ctz(static_cast<unsigned>(mask));
+#else
+    int i = 0;
+    while (!(mask & (1 << i))) ++i;
+    return i;
+#endif
+}
+
+inline int PopCount(int mask) {
+#if defined(__GNUC__)
+    return __builtin_popcount(static_cast<unsigned>(mask));
+#else
+    int n = 0;
+    for (; mask != 0; mask &= mask - 1) ++n;
+    return n;
+#endif
+}
+
+// Sorts four keys ascending (a sorting network: no branches to mispredict).
+inline void SortFour(uint64_t key[4]) {
+    auto order = [](uint64_t& a, uint64_t& b) {
+        const uint64_t lo = a < b ? a : b, hi = a < b ? b : a;
+        a = lo;
+        b = hi;
+    };
+    order(key[0], key[1]);
+    order(key[2], key[3]);
+    order(key[0], key[2]);
+    order(key[1], key[3]);
+    order(key[1], key[2]);
+}
+
+// The query point, also broadcast for the four-box tests.
+struct Probe {
+    float s[3];
+#if defined(__SSE2__)
+    __m128 v[3];
+#endif
+    explicit Probe(const KVector& p) {
+        for (int a = 0; a < 3; ++a) {
+            s[a] = p[a];
+#if defined(__SSE2__)
+            v[a] = _mm_set1_ps(p[a]);
+#endif
+        }
+    }
+};
+
+// The mask of a node's children that exist (count -1 marks a missing one).
+inline int ChildMask(const int (&count)[4]) {
+#if defined(__SSE2__)
+    const __m128i counts = _mm_loadu_si128(reinterpret_cast<const __m128i*>(count));
+    return _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpgt_epi32(counts, _mm_set1_epi32(-1))));
+#else
+    return (count[0] >= 0 ? 1 : 0) | (count[1] >= 0 ? 2 : 0) | (count[2] >= 0 ? 4 : 0) | (count[3] >= 0 ? 8 : 0);
+#endif
+}
+
+// Squared distances from the query point to four boxes stored per axis (lo[axis][box]), into
+// dist: per box the sum over x, y, z of max(lo - p, p - hi, 0) squared, in that order, in single
+// precision. Returns the mask of the boxes within bound. Empty boxes (lo = inf, hi = -inf) are
+// infinitely far.
+inline int BoxesWithin(const float (&lo)[3][4], const float (&hi)[3][4], const Probe& probe, float bound,
+                       float dist[4]) {
+#if defined(__SSE2__)
+    const __m128 zero = _mm_setzero_ps();
+    __m128 sum = zero;
+    for (int a = 0; a < 3; ++a) {
+        const __m128 below = _mm_sub_ps(_mm_loadu_ps(lo[a]), probe.v[a]);
+        const __m128 above = _mm_sub_ps(probe.v[a], _mm_loadu_ps(hi[a]));
+        const __m128 d = _mm_max_ps(_mm_max_ps(below, above), zero);
+        sum = a == 0 ? _mm_mul_ps(d, d) : _mm_add_ps(sum, _mm_mul_ps(d, d));
+    }
+    _mm_storeu_ps(dist, sum);
+    return _mm_movemask_ps(_mm_cmple_ps(sum, _mm_set1_ps(bound)));
+#else
+    int mask = 0;
+    for (int c = 0; c < 4; ++c) {
+        float sum = 0.0f;
+        for (int a = 0; a < 3; ++a) {
+            const float d = std::max(std::max(lo[a][c] - probe.s[a], probe.s[a] - hi[a][c]), 0.0f);
+            sum = a == 0 ? d * d : sum + d * d;
+        }
+        dist[c] = sum;
+        if (sum <= bound) mask |= 1 << c;
+    }
+    return mask;
 #endif
 }
 
@@ -210,6 +309,8 @@ void KTriMeshDistTree::set(const KTriMesh& mesh) {
     _corners.clear();
     _order.clear();
     _nodes.clear();
+    _slotBoxes.clear();
+    _slotOf.clear();
     _extent = 0.0f;
 
     // One centre (twice the box centre, to spare the halving) per usable triangle, and the
@@ -248,11 +349,14 @@ void KTriMeshDistTree::set(const KTriMesh& mesh) {
     // The build only permutes prims inside each node's range, so the final order is leaf order.
     _order.resize(prims.size());
     _corners.resize(3 * prims.size());
+    _slotOf.assign(static_cast<size_t>(nt), -1);
     for (int s = 0; s < count; ++s) {
         const KInt3& t = mesh.triangles[prims[s].tri];
         _order[s] = prims[s].tri;
+        _slotOf[static_cast<size_t>(prims[s].tri)] = s;
         for (int k = 0; k < 3; ++k) _corners[3 * s + k] = mesh.points[t[k]];
     }
+    _fillSlotBoxes();
 
     _triangles = mesh.triangles;
     _numVertices = nv;
@@ -279,6 +383,7 @@ bool KTriMeshDistTree::update(const KTriMesh& mesh) {
         }
         // Decision (behaviour note "KTriMeshDistTree::update"): a refit that has loosened the
         // boxes to twice a build's surface is replaced by a build.
+        _fillSlotBoxes();
         if (finite && _refitBoxes() <= 2.0 * _builtSurface) {
             // The scale of float rounding the ray queries use follows the moved corners.
             _extent = 0.0f;
@@ -289,6 +394,27 @@ bool KTriMeshDistTree::update(const KTriMesh& mesh) {
     }
     set(mesh);
     return false;
+}
+
+void KTriMeshDistTree::_fillSlotBoxes() {
+    const size_t slots = _order.size();
+    _slotBoxes.resize((slots + 3) / 4);
+    for (size_t b = 0; b < _slotBoxes.size(); ++b) {
+        SlotBoxes& block = _slotBoxes[b];
+        for (size_t lane = 0; lane < 4; ++lane) {
+            const size_t s = 4 * b + lane;
+            for (int a = 0; a < 3; ++a) {
+                if (s >= slots) {
+                    block.lo[a][lane] = std::numeric_limits<float>::infinity();
+                    block.hi[a][lane] = -std::numeric_limits<float>::infinity();
+                    continue;
+                }
+                const KVector* c = &_corners[3 * s];
+                block.lo[a][lane] = std::min(c[0][a], std::min(c[1][a], c[2][a]));
+                block.hi[a][lane] = std::max(c[0][a], std::max(c[1][a], c[2][a]));
+            }
+        }
+    }
 }
 
 double KTriMeshDistTree::_refitBoxes() {
@@ -429,7 +555,7 @@ int KTriMeshDistTree::_build(Prim* prims, const float* boxes, int begin, int end
 
 bool KTriMeshDistTree::empty() const { return _nodes.empty(); }
 
-bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int& triangle, float& u, float& v,
+bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int hint, int& triangle, float& u, float& v,
                                KVector& closest) const {
     triangle = -1;
     // Guard (behaviour note "KTriMeshDistTree: nothing found").
@@ -439,7 +565,25 @@ bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int& triangl
     double best = static_cast<double>(maxDistance) * maxDistance;  // inclusive limit until a hit
     int bestTri = INT_MAX;
     TriangleHit bestHit = {{1.0, 0.0, 0.0}, {0.0, 0.0, 0.0}, 0.0};
+    // The closest point of slot s, exactly as the traversal computes it.
+    auto exact = [this, &q](int s, TriangleHit& hit) {
+        const KVector* c = &_corners[3 * static_cast<size_t>(s)];
+        const double P[3][3] = {{c[0].x, c[0].y, c[0].z}, {c[1].x, c[1].y, c[1].z}, {c[2].x, c[2].y, c[2].z}};
+        ClosestOnTriangle(q, P, hit);
+    };
+    // The hint is taken as the traversal would take it on meeting it first; every triangle that
+    // could beat it, or tie with a lower index, is still visited below.
+    if (hint >= 0 && hint < static_cast<int>(_slotOf.size()) && _slotOf[static_cast<size_t>(hint)] >= 0) {
+        TriangleHit hit;
+        exact(_slotOf[static_cast<size_t>(hint)], hit);
+        if (hit.d2 <= best) {
+            best = hit.d2;
+            bestTri = hint;
+            bestHit = hit;
+        }
+    }
     float bound = PruneBound(best);
+    const Probe probe(p);
 
     struct Entry {
         int first;
@@ -448,68 +592,77 @@ bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int& triangl
     };
     Entry stack[kStackSize];
     int top = 0;
-    stack[top++] = Entry{0, 0, 0.0f};
-
-    while (top > 0) {
-        const Entry e = stack[--top];
-        if (e.dist > bound) continue;
-
-        if (e.count > 0) {
-            for (int s = e.first, last = e.first + e.count; s < last; ++s) {
-                const KVector* c = &_corners[3 * static_cast<size_t>(s)];
-                // The triangle's own box first: most triangles of a leaf are rejected by it.
-                float boxDist = 0.0f;
-                for (int a = 0; a < 3; ++a) {
-                    const float lo = std::min(c[0][a], std::min(c[1][a], c[2][a]));
-                    const float hi = std::max(c[0][a], std::max(c[1][a], c[2][a]));
-                    const float d = std::max(std::max(lo - p[a], p[a] - hi), 0.0f);
-                    boxDist += d * d;
-                }
-                if (boxDist > bound) continue;
-                const double P[3][3] = {{c[0].x, c[0].y, c[0].z}, {c[1].x, c[1].y, c[1].z}, {c[2].x, c[2].y, c[2].z}};
-                TriangleHit hit;
-                ClosestOnTriangle(q, P, hit);
-                const int tri = _order[s];
-                if (hit.d2 < best || (hit.d2 == best && tri < bestTri)) {
-                    best = hit.d2;
-                    bestTri = tri;
-                    bestHit = hit;
-                    bound = PruneBound(best);
+    Entry cur = {0, 0, 0.0f};
+    for (;;) {
+        if (cur.count > 0) {
+            // A leaf: its triangles' own boxes first, four at a time; most are rejected by them.
+            const int first = cur.first, last = cur.first + cur.count;
+            for (int b = first >> 2, lastBlock = (last - 1) >> 2; b <= lastBlock; ++b) {
+                float dist[4];
+                const int begin = std::max(first - 4 * b, 0), end = std::min(last - 4 * b, 4);
+                int mask = BoxesWithin(_slotBoxes[static_cast<size_t>(b)].lo, _slotBoxes[static_cast<size_t>(b)].hi,
+                                       probe, bound, dist) &
+                           ((1 << end) - (1 << begin));
+                for (; mask != 0; mask &= mask - 1) {
+                    const int lane = LowestBit(mask);
+                    if (dist[lane] > bound) continue;  // the bound has shrunk since
+                    const int s = 4 * b + lane;
+                    TriangleHit hit;
+                    exact(s, hit);
+                    const int tri = _order[static_cast<size_t>(s)];
+                    if (hit.d2 < best || (hit.d2 == best && tri < bestTri)) {
+                        best = hit.d2;
+                        bestTri = tri;
+                        bestHit = hit;
+                        bound = PruneBound(best);
+                    }
                 }
             }
-            continue;
-        }
-
-        const Node& node = _nodes[e.first];
-        float dist[4];
-        for (int c = 0; c < 4; ++c) {
-            const float dx = std::max(std::max(node.lo[0][c] - p.x, p.x - node.hi[0][c]), 0.0f);
-            const float dy = std::max(std::max(node.lo[1][c] - p.y, p.y - node.hi[1][c]), 0.0f);
-            const float dz = std::max(std::max(node.lo[2][c] - p.z, p.z - node.hi[2][c]), 0.0f);
-            dist[c] = dx * dx + dy * dy + dz * dz;
-        }
-        // Children within the bound, nearest first; pushed farthest first so the nearest is
-        // popped next.
-        int order[4];
-        int n = 0;
-        for (int c = 0; c < 4; ++c) {
-            if (node.count[c] < 0 || dist[c] > bound) continue;
-            int k = n++;
-            while (k > 0 && dist[order[k - 1]] > dist[c]) {
-                order[k] = order[k - 1];
-                --k;
+        } else {
+            const Node& node = _nodes[static_cast<size_t>(cur.first)];
+            float dist[4];
+            const int mask = BoxesWithin(node.lo, node.hi, probe, bound, dist) & ChildMask(node.count);
+            // Children within the bound, nearest first. The nearest is searched next; the others
+            // are pushed farthest first so that the nearer are popped first.
+            const int n = PopCount(mask);
+            int order[4];
+            if (n == 1) {
+                order[0] = LowestBit(mask);
+            } else if (n > 1) {
+                // Sorted as keys that hold a distance's bits (ordered as the non-negative floats)
+                // above the child's number, missing children last.
+                uint64_t key[4];
+                for (int c = 0; c < 4; ++c) {
+                    uint32_t bits;
+                    std::memcpy(&bits, &dist[c], sizeof bits);
+                    key[c] = mask & (1 << c) ? (static_cast<uint64_t>(bits) << 2 | static_cast<uint64_t>(c)) : ~uint64_t(0);
+                }
+                SortFour(key);
+                for (int k = 0; k < n; ++k) order[k] = static_cast<int>(key[k] & 3);
             }
-            order[k] = c;
+            for (int k = n - 1; k >= 0; --k) {
+                const int c = order[k];
+                const int childFirst = node.first[c], childCount = node.count[c];
+                if (childCount > 0) {
+                    const int firstBlock = childFirst >> 2, blocks = ((childFirst + childCount - 1) >> 2) - firstBlock + 1;
+                    Prefetch(&_slotBoxes[static_cast<size_t>(firstBlock)], sizeof(SlotBoxes) * static_cast<size_t>(blocks));
+                } else {
+                    Prefetch(&_nodes[static_cast<size_t>(childFirst)], sizeof(Node));
+                }
+                if (k > 0)
+                    stack[top++] = Entry{childFirst, childCount, dist[c]};
+                else
+                    cur = Entry{childFirst, childCount, dist[c]};
+            }
+            if (n > 0) continue;
         }
-        for (int k = n - 1; k >= 0; --k) {
-            const int c = order[k];
-            Prefetch(node.count[c] > 0 ? static_cast<const void*>(&_corners[3 * static_cast<size_t>(node.first[c])])
-                                       : static_cast<const void*>(&_nodes[node.first[c]]),
-                     node.count[c] > 0 ? 3 * sizeof(KVector) * static_cast<size_t>(node.count[c]) : sizeof(Node));
-            stack[top++] = Entry{node.first[c], node.count[c], dist[c]};
-        }
+        // The next pending entry still within the bound.
+        do {
+            if (top == 0) goto done;
+            cur = stack[--top];
+        } while (cur.dist > bound);
     }
-
+done:
     if (bestTri == INT_MAX) return false;
     triangle = bestTri;
     u = static_cast<float>(bestHit.w[0]);
@@ -519,14 +672,16 @@ bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int& triangl
     return true;
 }
 
-bool KTriMeshDistTree::getClosestPoint(const KVector& p, KVector& closest, int& triangle, float maxDistance) const {
+bool KTriMeshDistTree::getClosestPoint(const KVector& p, KVector& closest, int& triangle, float maxDistance,
+                                       int hint) const {
     float u, v;
-    return _search(p, maxDistance, triangle, u, v, closest);
+    return _search(p, maxDistance, hint, triangle, u, v, closest);
 }
 
-bool KTriMeshDistTree::getClosestPoint(const KVector& p, int& triangle, float& a, float& b, float maxDistance) const {
+bool KTriMeshDistTree::getClosestPoint(const KVector& p, int& triangle, float& a, float& b, float maxDistance,
+                                       int hint) const {
     KVector c;
-    return _search(p, maxDistance, triangle, a, b, c);
+    return _search(p, maxDistance, hint, triangle, a, b, c);
 }
 
 }  // namespace Kavrin

@@ -264,3 +264,43 @@ TEST(KTriMeshDistTree, UpdateRefitsAMovedMeshAndAnswersAsAFreshBuild) {
         }
     }
 }
+
+// A hint only bounds the search from the start: with any hint (a near or far triangle, one left
+// out of the tree, an index out of range) both query forms answer bit for bit as without one,
+// inside a radius as well as unbounded.
+TEST(KTriMeshDistTree, HintsNeverChangeTheAnswer) {
+    std::mt19937 rng(3);
+    KTriMesh sheet = Sheet(30, 2.0f);
+    sheet.points.push_back(KVector(NAN, 0, 0));
+    sheet.triangles.push_back(KInt3{0, 1, sheet.numVertices() - 1});  // left out: a NaN corner
+    const int leftOut = sheet.numTriangles() - 1;
+    const KTriMesh soup = RandomSoup(rng, 500, 3.0f, 0.6f);
+    for (const KTriMesh* mesh : {static_cast<const KTriMesh*>(&sheet), &soup}) {
+        const KTriMeshDistTree tree(*mesh, 10, 10);
+        const int nt = mesh->numTriangles();
+        std::vector<KVector> queries = RandomPoints(rng, 300, 3.0f);
+        queries.insert(queries.end(), mesh->points.begin(), mesh->points.begin() + 40);
+        for (const KVector& q : queries) {
+            if (!std::isfinite(q.x)) continue;
+            for (float radius : {1e30f, 0.3f, 0.0f}) {
+                KVector c0(7, 7, 7);
+                int t0 = -2;
+                float a0 = 2, b0 = 2;
+                const bool f0 = tree.getClosestPoint(q, c0, t0, radius);
+                int tb0 = -2;
+                tree.getClosestPoint(q, tb0, a0, b0, radius);
+                const int nearby = t0 >= 0 ? t0 : 0;
+                for (int hint : {nearby, std::max(nearby - 1, 0), std::min(nearby + 1, nt - 1),
+                                 static_cast<int>(rng() % nt), leftOut, nt, -5, -1}) {
+                    KVector c1(7, 7, 7);
+                    int t1 = -2, tb1 = -2;
+                    float a1 = 2, b1 = 2;
+                    ASSERT_EQ(tree.getClosestPoint(q, c1, t1, radius, hint), f0) << hint;
+                    tree.getClosestPoint(q, tb1, a1, b1, radius, hint);
+                    ASSERT_TRUE(t1 == t0 && c1 == c0 && tb1 == tb0 && a1 == a0 && b1 == b0)
+                        << "hint " << hint << " radius " << radius << ": " << t1 << " vs " << t0;
+                }
+            }
+        }
+    }
+}
