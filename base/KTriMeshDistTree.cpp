@@ -199,15 +199,9 @@ inline int LowestBit(int mask) {
 #endif
 }
 
-inline int PopCount(int mask) {
-#if defined(__GNUC__)
-    return __builtin_popcount(static_cast<unsigned>(mask));
-#else
-    int n = 0;
-    for (; mask != 0; mask &= mask - 1) ++n;
-    return n;
-#endif
-}
+// Number of set bits of a four-bit mask (a nibble table: without a popcount instruction in the
+// baseline instruction set, the builtin is a library call).
+inline int PopCount4(int mask) { return static_cast<int>((0x4332322132212110ull >> (4 * mask)) & 0xf); }
 
 // Sorts four keys ascending (a sorting network: no branches to mispredict).
 inline void SortFour(uint64_t key[4]) {
@@ -573,6 +567,7 @@ bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int hint, in
     };
     // The hint is taken as the traversal would take it on meeting it first; every triangle that
     // could beat it, or tie with a lower index, is still visited below.
+    int hintSlot = -1;
     if (hint >= 0 && hint < static_cast<int>(_slotOf.size()) && _slotOf[static_cast<size_t>(hint)] >= 0) {
         TriangleHit hit;
         exact(_slotOf[static_cast<size_t>(hint)], hit);
@@ -580,6 +575,7 @@ bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int hint, in
             best = hit.d2;
             bestTri = hint;
             bestHit = hit;
+            hintSlot = _slotOf[static_cast<size_t>(hint)];  // taken: meeting it again changes nothing
         }
     }
     float bound = PruneBound(best);
@@ -605,8 +601,8 @@ bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int hint, in
                            ((1 << end) - (1 << begin));
                 for (; mask != 0; mask &= mask - 1) {
                     const int lane = LowestBit(mask);
-                    if (dist[lane] > bound) continue;  // the bound has shrunk since
                     const int s = 4 * b + lane;
+                    if (dist[lane] > bound || s == hintSlot) continue;  // the bound has shrunk since
                     TriangleHit hit;
                     exact(s, hit);
                     const int tri = _order[static_cast<size_t>(s)];
@@ -624,7 +620,7 @@ bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int hint, in
             const int mask = BoxesWithin(node.lo, node.hi, probe, bound, dist) & ChildMask(node.count);
             // Children within the bound, nearest first. The nearest is searched next; the others
             // are pushed farthest first so that the nearer are popped first.
-            const int n = PopCount(mask);
+            const int n = PopCount4(mask);
             int order[4];
             if (n == 1) {
                 order[0] = LowestBit(mask);
