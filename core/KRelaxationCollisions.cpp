@@ -49,22 +49,8 @@ void KRelaxationCollisions::prepare(const KDouble3* worldPoints, int count, cons
     }
     for (int c = numColliders; c < static_cast<int>(_colliders.size()); ++c) _colliders[static_cast<size_t>(c)].active = false;
     _count = count;
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    _closest.assign(static_cast<size_t>(count) * _colliders.size(), KVector(nan, nan, nan));
+    _lastTriangle.assign(static_cast<size_t>(count) * _colliders.size(), -1);
 }
-
-namespace {
-
-// An upper bound on the distance from p to a surface that holds the point q (up to float
-// rounding of q), so that a search within it finds exactly what an unbounded search finds.
-inline float SearchBound(const KVector& p, const KVector& q) {
-    if (std::isnan(q.x)) return std::numeric_limits<float>::infinity();
-    const double dx = double(p.x) - q.x, dy = double(p.y) - q.y, dz = double(p.z) - q.z;
-    const double scale = std::max(std::fabs(double(q.x)), std::max(std::fabs(double(q.y)), std::fabs(double(q.z))));
-    return static_cast<float>(std::sqrt(dx * dx + dy * dy + dz * dz) * (1.0 + 1e-5) + 1e-5 * (1.0 + scale));
-}
-
-}  // namespace
 
 int KRelaxationCollisions::activeColliders() const {
     int n = 0;
@@ -83,12 +69,11 @@ void KRelaxationCollisions::collide(KDouble3* points, int count, const float* we
         const Collider& collider = _colliders[static_cast<size_t>(c)];
         if (!collider.active) continue;
         const float reach = collider.reach;
-        KVector* last = _closest.data() + static_cast<size_t>(c) * static_cast<size_t>(_count);
+        int* last = _lastTriangle.data() + static_cast<size_t>(c) * static_cast<size_t>(_count);
 #pragma omp parallel num_threads(team)
         {
-            // The thread's last closest point bounds the search of a vertex that has none of its own.
-            const float nan = std::numeric_limits<float>::quiet_NaN();
-            KVector previous(nan, nan, nan);
+            // The thread's last triangle is the hint of a vertex that has none of its own yet.
+            int previous = -1;
             std::vector<float>& hits = _hits[static_cast<size_t>(OmpThreadNum())];
 #pragma omp for schedule(static)
             for (int v = 0; v < count; ++v) {
@@ -102,16 +87,16 @@ void KRelaxationCollisions::collide(KDouble3* points, int count, const float* we
                 const KVector direction = normals[v] * reach;
                 if (collider.tree.allIntersections(source, direction, reach, kTolerance, hits) % 2 == 0) continue;
 
-                // The closest point on the whole surface (no distance limit). The bound only spares the
-                // search the triangles that cannot be nearer than a point of the surface found before.
+                // The closest point on the whole surface (no distance limit). The hint, the triangle
+                // found last for this vertex or else for the vertex before, only spares the search
+                // the triangles that cannot be nearer.
                 KVector closest;
                 int triangle;
-                const float bound = SearchBound(source, std::isnan(last[v].x) ? previous : last[v]);
-                if (!collider.tree.getClosestPoint(source, closest, triangle, bound) &&
-                    !collider.tree.getClosestPoint(source, closest, triangle, std::numeric_limits<float>::infinity()))
+                if (!collider.tree.getClosestPoint(source, closest, triangle, std::numeric_limits<float>::infinity(),
+                                                   last[v] >= 0 ? last[v] : previous))
                     continue;
-                last[v] = closest;
-                previous = closest;
+                last[v] = triangle;
+                previous = triangle;
                 double q[3] = {closest.x, closest.y, closest.z};
                 if (m != 1.0) {
                     double e[3] = {q[0] - point[0], q[1] - point[1], q[2] - point[2]};

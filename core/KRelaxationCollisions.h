@@ -62,9 +62,10 @@ private:
     };
     std::vector<Collider> _colliders;
     std::vector<std::vector<float> > _hits;  // one buffer per thread
-    // The last closest point found for each vertex and collider in this evaluation (x is NaN when
-    // none): a search bound that gives the same result much faster.
-    std::vector<KVector> _closest;
+    // The triangle of the last closest point found for each vertex and collider in this
+    // evaluation (-1: none yet): the hint of the vertex's next search, which then starts with a
+    // tight bound (the answer does not depend on it).
+    std::vector<int> _lastTriangle;
     int _count = 0;
 };
 
