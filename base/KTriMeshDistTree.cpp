@@ -277,6 +277,46 @@ inline int BoxesWithin(const float (&lo)[3][4], const float (&hi)[3][4], const P
 
 inline bool Finite(const KVector& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
 
+// Lower bounds on the squared distances from the query point to four triangles (their SlotPlanes),
+// into lb; returns the mask of those within bound. Per triangle h = the distance outside the slab
+// [nLo, nHi] along n and s = the largest distance outside an edge plane, each reduced by err (which
+// covers the float rounding of the dot products) and floored at 0; then |p - x|^2 >= h^2 + s^2 for
+// every point x of the triangle.
+template <class Planes>
+inline int PlanesWithin(const Planes& t, const Probe& probe, float err, float bound, float lb[4]) {
+#if defined(__SSE2__)
+    const __m128 zero = _mm_setzero_ps(), vErr = _mm_set1_ps(err);
+    auto dot = [&probe](const float (&v)[3][4]) {
+        return _mm_add_ps(_mm_add_ps(_mm_mul_ps(_mm_loadu_ps(v[0]), probe.v[0]), _mm_mul_ps(_mm_loadu_ps(v[1]), probe.v[1])),
+                          _mm_mul_ps(_mm_loadu_ps(v[2]), probe.v[2]));
+    };
+    const __m128 np = dot(t.n);
+    const __m128 h = _mm_max_ps(
+        _mm_sub_ps(_mm_max_ps(_mm_sub_ps(np, _mm_loadu_ps(t.nHi)), _mm_sub_ps(_mm_loadu_ps(t.nLo), np)), vErr), zero);
+    __m128 out = _mm_sub_ps(dot(t.m[0]), _mm_loadu_ps(t.off[0]));
+    out = _mm_max_ps(out, _mm_sub_ps(dot(t.m[1]), _mm_loadu_ps(t.off[1])));
+    out = _mm_max_ps(out, _mm_sub_ps(dot(t.m[2]), _mm_loadu_ps(t.off[2])));
+    const __m128 sd = _mm_max_ps(_mm_sub_ps(out, vErr), zero);
+    const __m128 sum = _mm_add_ps(_mm_mul_ps(h, h), _mm_mul_ps(sd, sd));
+    _mm_storeu_ps(lb, sum);
+    return _mm_movemask_ps(_mm_cmple_ps(sum, _mm_set1_ps(bound)));
+#else
+    const float* p = probe.s;
+    int mask = 0;
+    for (int c = 0; c < 4; ++c) {
+        const float np = t.n[0][c] * p[0] + t.n[1][c] * p[1] + t.n[2][c] * p[2];
+        const float h = std::max(std::max(np - t.nHi[c], t.nLo[c] - np) - err, 0.0f);
+        float out = -std::numeric_limits<float>::infinity();
+        for (int e = 0; e < 3; ++e)
+            out = std::max(out, t.m[e][0][c] * p[0] + t.m[e][1][c] * p[1] + t.m[e][2][c] * p[2] - t.off[e][c]);
+        const float sd = std::max(out - err, 0.0f);
+        lb[c] = h * h + sd * sd;
+        if (lb[c] <= bound) mask |= 1 << c;
+    }
+    return mask;
+#endif
+}
+
 // Squared box distances of the search are single precision; widen the double bound by a small
 // relative margin so that rounding never prunes a box holding an equally near triangle.
 inline float PruneBound(double best) {
@@ -304,6 +344,7 @@ void KTriMeshDistTree::set(const KTriMesh& mesh) {
     _order.clear();
     _nodes.clear();
     _slotBoxes.clear();
+    _slotPlanes.clear();
     _slotOf.clear();
     _extent = 0.0f;
 
@@ -390,9 +431,150 @@ bool KTriMeshDistTree::update(const KTriMesh& mesh) {
     return false;
 }
 
+namespace {
+
+// Half-spaces around four triangles (corners c[lane][0..2]) for a SlotPlanes. Any vectors would
+// do: the offsets make the bounds hold, the directions only make them sharp. Single precision
+// throughout. The vectors are normalised to 1 - 1e-5, so that with their rounding they stay
+// shorter than 1 and n stays orthogonal enough to every m = edge x n (m is used only when it is
+// not much shorter than the edge, which keeps its rounding small against its length) for
+// |p - x|^2 >= (n.(p - x))^2 + (m.(p - x))^2. Each offset is the extreme of the vector's dot
+// products with the corners, moved outwards by more than their rounding (1e-6 of the corners'
+// largest |x| + |y| + |z|), so every point x of the triangle satisfies nLo <= n.x <= nHi and
+// m.x <= off. A vector that fails these conditions (a degenerate triangle) is zero with zero
+// offsets: it bounds nothing.
+template <class Planes>
+void FillPlanes(const KVector* const (&c)[4], Planes& out) {
+#if defined(__SSE2__)
+    typedef __m128 V;
+    auto add = [](V a, V b) { return _mm_add_ps(a, b); };
+    auto sub = [](V a, V b) { return _mm_sub_ps(a, b); };
+    auto mul = [](V a, V b) { return _mm_mul_ps(a, b); };
+    auto vmax = [](V a, V b) { return _mm_max_ps(a, b); };
+    auto vmin = [](V a, V b) { return _mm_min_ps(a, b); };
+    auto splat = [](float x) { return _mm_set1_ps(x); };
+    auto select = [](V mask, V a, V b) { return _mm_or_ps(_mm_and_ps(mask, a), _mm_andnot_ps(mask, b)); };
+    auto store = [](float (&to)[4], V v) { _mm_storeu_ps(to, v); };
+    const V absMask = _mm_castsi128_ps(_mm_set1_epi32(0x7fffffff));
+    auto vabs = [absMask](V a) { return _mm_and_ps(a, absMask); };
+    auto greater = [](V a, V b) { return _mm_cmpgt_ps(a, b); };
+    auto And = [](V a, V b) { return _mm_and_ps(a, b); };
+    auto rsqrtShort = [](V len2, float shorten) { return _mm_div_ps(_mm_set1_ps(shorten), _mm_sqrt_ps(len2)); };
+    V P[3][3];  // corner, axis
+    for (int k = 0; k < 3; ++k)
+        for (int a = 0; a < 3; ++a) P[k][a] = _mm_setr_ps(c[0][k][a], c[1][k][a], c[2][k][a], c[3][k][a]);
+#else
+    struct V {
+        float x[4];
+    };
+    auto op = [](V a, V b, int which) {
+        V r;
+        for (int l = 0; l < 4; ++l)
+            r.x[l] = which == 0 ? a.x[l] + b.x[l]
+                     : which == 1 ? a.x[l] - b.x[l]
+                     : which == 2 ? a.x[l] * b.x[l]
+                     : which == 3 ? std::max(a.x[l], b.x[l])
+                                  : std::min(a.x[l], b.x[l]);
+        return r;
+    };
+    auto add = [op](V a, V b) { return op(a, b, 0); };
+    auto sub = [op](V a, V b) { return op(a, b, 1); };
+    auto mul = [op](V a, V b) { return op(a, b, 2); };
+    auto vmax = [op](V a, V b) { return op(a, b, 3); };
+    auto vmin = [op](V a, V b) { return op(a, b, 4); };
+    auto splat = [](float x) { return V{{x, x, x, x}}; };
+    auto select = [](V mask, V a, V b) {
+        V r;
+        for (int l = 0; l < 4; ++l) r.x[l] = mask.x[l] != 0.0f ? a.x[l] : b.x[l];
+        return r;
+    };
+    auto store = [](float (&to)[4], V v) { std::copy(v.x, v.x + 4, to); };
+    auto vabs = [](V a) {
+        for (float& x : a.x) x = std::fabs(x);
+        return a;
+    };
+    auto greater = [](V a, V b) {
+        V r;
+        for (int l = 0; l < 4; ++l) r.x[l] = a.x[l] > b.x[l] ? 1.0f : 0.0f;
+        return r;
+    };
+    auto And = [](V a, V b) {
+        V r;
+        for (int l = 0; l < 4; ++l) r.x[l] = a.x[l] != 0.0f && b.x[l] != 0.0f ? 1.0f : 0.0f;
+        return r;
+    };
+    auto rsqrtShort = [](V len2, float shorten) {
+        for (float& x : len2.x) x = shorten / std::sqrt(x);
+        return len2;
+    };
+    V P[3][3];
+    for (int k = 0; k < 3; ++k)
+        for (int a = 0; a < 3; ++a) P[k][a] = V{{c[0][k][a], c[1][k][a], c[2][k][a], c[3][k][a]}};
+#endif
+    const float shorten = 1.0f - 1e-5f;
+    const V zero = splat(0.0f);
+    auto dot = [&](const V (&v)[3], const V (&x)[3]) { return add(add(mul(v[0], x[0]), mul(v[1], x[1])), mul(v[2], x[2])); };
+    auto cross = [&](const V (&a)[3], const V (&b)[3], V (&r)[3]) {
+        r[0] = sub(mul(a[1], b[2]), mul(a[2], b[1]));
+        r[1] = sub(mul(a[2], b[0]), mul(a[0], b[2]));
+        r[2] = sub(mul(a[0], b[1]), mul(a[1], b[0]));
+    };
+    V size = zero;
+    for (int k = 0; k < 3; ++k) size = vmax(size, add(add(vabs(P[k][0]), vabs(P[k][1])), vabs(P[k][2])));
+    const V pad = add(mul(splat(1e-6f), size), splat(1e-30f));
+    V e1[3], e2[3], n[3];
+    for (int a = 0; a < 3; ++a) {
+        e1[a] = sub(P[1][a], P[0][a]);
+        e2[a] = sub(P[2][a], P[0][a]);
+    }
+    cross(e1, e2, n);
+    {
+        const V len2 = dot(n, n);
+        const V ok = And(greater(len2, splat(1e-30f)), greater(splat(1e30f), len2));
+        const V f = select(ok, rsqrtShort(select(ok, len2, splat(1.0f)), shorten), zero);
+        for (int a = 0; a < 3; ++a) n[a] = mul(n[a], f);
+        V lo = dot(n, P[0]), hi = lo;
+        for (int k = 1; k < 3; ++k) {
+            lo = vmin(lo, dot(n, P[k]));
+            hi = vmax(hi, dot(n, P[k]));
+        }
+        for (int a = 0; a < 3; ++a) store(out.n[a], n[a]);
+        store(out.nLo, select(ok, sub(lo, pad), zero));
+        store(out.nHi, select(ok, add(hi, pad), zero));
+    }
+    for (int e = 0; e < 3; ++e) {
+        V edge[3], toOpposite[3], m[3];
+        for (int a = 0; a < 3; ++a) {
+            edge[a] = sub(P[(e + 1) % 3][a], P[e][a]);
+            toOpposite[a] = sub(P[(e + 2) % 3][a], P[e][a]);
+        }
+        cross(edge, n, m);
+        const V len2 = dot(m, m);
+        // m is used when |m|^2 > |edge|^2 / 100 (|n| is 0 or about 1).
+        const V ok = And(greater(len2, vmax(mul(splat(0.01f), dot(edge, edge)), splat(1e-30f))), greater(splat(1e30f), len2));
+        V f = select(ok, rsqrtShort(select(ok, len2, splat(1.0f)), shorten), zero);
+        // Pointing away from the opposite corner.
+        f = select(greater(dot(m, toOpposite), zero), sub(zero, f), f);
+        for (int a = 0; a < 3; ++a) m[a] = mul(m[a], f);
+        const V top = vmax(dot(m, P[0]), vmax(dot(m, P[1]), dot(m, P[2])));
+        for (int a = 0; a < 3; ++a) store(out.m[e][a], m[a]);
+        store(out.off[e], select(ok, add(top, pad), zero));
+    }
+}
+
+}  // namespace
+
 void KTriMeshDistTree::_fillSlotBoxes() {
     const size_t slots = _order.size();
     _slotBoxes.resize((slots + 3) / 4);
+    _slotPlanes.resize((slots + 3) / 4);
+    static const KVector kPoint[3];  // the corners of the empty lanes past the last slot
+    for (size_t b = 0; b < _slotPlanes.size(); ++b) {
+        const KVector* corners[4];
+        for (size_t lane = 0; lane < 4; ++lane)
+            corners[lane] = 4 * b + lane < slots ? &_corners[3 * (4 * b + lane)] : kPoint;
+        FillPlanes(corners, _slotPlanes[b]);
+    }
     for (size_t b = 0; b < _slotBoxes.size(); ++b) {
         SlotBoxes& block = _slotBoxes[b];
         for (size_t lane = 0; lane < 4; ++lane) {
@@ -580,6 +762,8 @@ bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int hint, in
     }
     float bound = PruneBound(best);
     const Probe probe(p);
+    // Rounding of the plane bounds' dot products: a few units in the last place of |n||p| + |offset|.
+    const float planeErr = 2e-6f * (std::max(std::fabs(p.x), std::max(std::fabs(p.y), std::fabs(p.z))) + _extent);
 
     struct Entry {
         int first;
@@ -599,6 +783,11 @@ bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int hint, in
                 int mask = BoxesWithin(_slotBoxes[static_cast<size_t>(b)].lo, _slotBoxes[static_cast<size_t>(b)].hi,
                                        probe, bound, dist) &
                            ((1 << end) - (1 << begin));
+                if (mask != 0) {
+                    float lb[4];
+                    mask &= PlanesWithin(_slotPlanes[static_cast<size_t>(b)], probe, planeErr, bound, lb);
+                    for (int k = 0; k < 4; ++k) dist[k] = std::max(dist[k], lb[k]);
+                }
                 for (; mask != 0; mask &= mask - 1) {
                     const int lane = LowestBit(mask);
                     const int s = 4 * b + lane;

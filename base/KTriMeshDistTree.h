@@ -82,11 +82,22 @@ private:
         float lo[3][4];
         float hi[3][4];
     };
+    // For the same four slots, half-spaces that bound each triangle, for a lower bound on its
+    // distance sharper than its box: the triangle lies between nLo and nHi along the (slightly
+    // shortened) unit normal n, and on the inner side (at most off) of the three edge planes m,
+    // unit vectors in the triangle's plane pointing out of its edges. Degenerate triangles get
+    // zeros, which bound nothing.
+    struct SlotPlanes {
+        float n[3][4];
+        float nLo[4], nHi[4];
+        float m[3][3][4];  // edge, axis, slot
+        float off[3][4];
+    };
     struct Prim;  // build-time centre of one triangle
 
     bool _search(const KVector& p, float maxDistance, int hint, int& triangle, float& u, float& v,
                  KVector& closest) const;
-    // Fills _slotBoxes from _corners.
+    // Fills _slotBoxes and _slotPlanes from _corners.
     void _fillSlotBoxes();
     // Builds the node over prims[begin, end) (boxes: six floats per triangle index); returns its
     // index and puts its bounds (lo then hi) into box.
@@ -101,6 +112,7 @@ private:
     std::vector<int> _order;        // triangle index of each slot, grouped by leaf
     std::vector<Node> _nodes;       // node 0 is the root
     std::vector<SlotBoxes> _slotBoxes;  // the box of every slot; lanes past the last slot are empty
+    std::vector<SlotPlanes> _slotPlanes;
     std::vector<int> _slotOf;       // slot of each triangle index, -1 for a triangle left out
     // What update() compares against: the triangles and vertex count of the last build, whether
     // it kept every triangle, and its relative box surface.

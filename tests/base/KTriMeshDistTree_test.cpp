@@ -1,4 +1,5 @@
 #include "KTriMeshDistTree.h"
+#include "MeshGenerators.h"
 
 #include <gtest/gtest.h>
 
@@ -102,10 +103,15 @@ void ExpectExact(const KTriMeshDistTree& tree, const KTriMesh& m, const KVector&
 }  // namespace
 
 TEST(KTriMeshDistTree, MatchesBruteForce) {
-    // Overlapping soup, sparse small triangles, long triangles, a connected sheet and degenerate
-    // triangles (which must never give NaN); the two tree parameters (including the fallbacks
-    // below 1) only change the layout. The queries run concurrently, as the nodes run them.
+    // Overlapping soup, sparse small triangles, long triangles, a connected sheet, a closed
+    // sphere far from the origin (queries inside and outside a curved surface, float rounding at a
+    // large scale) and degenerate triangles (which must never give NaN); the two tree parameters
+    // (including the fallbacks below 1) only change the layout. The queries run concurrently, as
+    // the nodes run them.
     std::mt19937 rng(7);
+    KTriMesh farSphere;
+    MakeIcosphere(3).triangulate(farSphere);
+    for (KVector& p : farSphere.points) p = p * 3.0f + KVector(1000.0f, -500.0f, 250.0f);
     const struct {
         KTriMesh mesh;
         int leaf, depth;
@@ -113,6 +119,7 @@ TEST(KTriMeshDistTree, MatchesBruteForce) {
                  {RandomSoup(rng, 50, 100.0f, 40.0f), 10, 10}, {Sheet(25, 2.0f), 10, 10},
                  {RandomSoup(rng, 700, 5.0f, 1.0f), 1, 32}, {RandomSoup(rng, 700, 5.0f, 1.0f), 1, 1},
                  {RandomSoup(rng, 700, 5.0f, 1.0f), 3, 2}, {RandomSoup(rng, 700, 5.0f, 1.0f), -4, 0},
+                 {farSphere, 10, 10}, {farSphere, 2, 20},
                  {Degenerate(), 10, 10}, {Degenerate(0), 10, 10}, {Degenerate(1), 10, 10},
                  {Degenerate(2), 10, 10}, {Degenerate(3), 10, 10}};
     for (const auto& c : cases) {
