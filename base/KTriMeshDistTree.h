@@ -67,6 +67,14 @@ public:
     int allIntersections(const KVector& source, const KVector& direction, float maxDistance, float tolerance,
                          std::vector<float>& hits) const;
 
+    // True only when allIntersections(s, direction, maxDistance, tolerance, hits) finds nothing for
+    // every source s within radius of source along each axis (|s.x - source.x| <= radius, and so on):
+    // the ray cannot come near enough to any leaf of the tree. It answers false when it cannot show
+    // that (the rays pass near a triangle, or the scene is too large for its rounding bounds), so a
+    // caller that moves a source by little between casts can skip the casts while this holds.
+    bool missesNear(const KVector& source, const KVector& direction, float maxDistance, float tolerance,
+                    float radius) const;
+
 private:
     // One inner node: the boxes of its up to four children, stored per axis so that the four box
     // distances are computed together.

@@ -179,3 +179,55 @@ int KTriMeshDistTree::allIntersections(const KVector& source, const KVector& dir
 }
 
 }  // namespace Kavrin
+
+namespace Kavrin {
+
+bool KTriMeshDistTree::missesNear(const KVector& source, const KVector& direction, float maxDistance, float tolerance,
+                                  float radius) const {
+    // What allIntersections answers with nothing whatever the source.
+    if (_nodes.empty() || !Finite(direction) || !(maxDistance >= 0.0f)) return true;
+    if (!Finite(source) || !(radius >= 0.0f) || !std::isfinite(radius)) return false;
+    const double len = std::sqrt(double(direction.x) * direction.x + double(direction.y) * direction.y +
+                                 double(direction.z) * direction.z);
+    if (!(len > 0.0)) return true;
+    // The direction and its inverses exactly as allIntersections computes them.
+    const double d[3] = {direction.x / len, direction.y / len, direction.z / len};
+    const double tol = tolerance > 0.0f ? tolerance : 0.0;
+    const double tMax = static_cast<double>(maxDistance) + tol;
+    RaySlabs slabs;
+    double scale = std::max(1.0, static_cast<double>(_extent));  // at least the scale of any source in reach
+    for (int a = 0; a < 3; ++a) {
+        slabs.origin[a] = source[a];
+        const double id = d[a] == 0.0 ? 1e30 : std::max(-1e30, std::min(1e30, 1.0 / d[a]));
+        slabs.inv[a] = static_cast<float>(id);
+        scale = std::max(scale, std::fabs(static_cast<double>(source[a])) + radius);
+    }
+    // Far from the origin or along long rays the slab products could overflow; no claim there.
+    if (scale + tMax > 1e6) return false;
+    // A box that the test of a source s within radius passes, widened by s's margin, is met by the
+    // segment from s once widened further by the test's rounding (below err: the two subtractions
+    // and the product of every slab bound, and the relative slack, are far below it); the same
+    // segment from source then meets it widened by radius more. So a box that fails the test from
+    // source with a margin wider by 2 radius + 2 err fails the test from every such s, and a ray
+    // from s reaches no leaf this test cannot reach.
+    const double err = 1e-5 * (scale + tMax + 1.0);
+    slabs.margin = static_cast<float>(tol + 1e-6 * scale + 2.0 * radius + 2.0 * err);
+    slabs.tStart = -slabs.margin;
+    slabs.tEnd = static_cast<float>(tMax) + slabs.margin;
+    slabs.prepare();
+
+    int stack[kRayStackSize];
+    int top = 0;
+    stack[top++] = 0;
+    while (top > 0) {
+        const Node& node = _nodes[static_cast<size_t>(stack[--top])];
+        for (int mask = slabs.hits(node.lo, node.hi, node.count); mask != 0; mask &= mask - 1) {
+            const int c = LowestBit(mask);
+            if (node.count[c] != 0) return false;  // a leaf in reach: its triangles could be met
+            stack[top++] = node.first[c];
+        }
+    }
+    return true;
+}
+
+}  // namespace Kavrin
