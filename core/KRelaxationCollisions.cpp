@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 #include "KThreads.h"
@@ -44,13 +45,30 @@ void KRelaxationCollisions::prepare(const KDouble3* worldPoints, int count, cons
         const double w = box.width() + meshBox.width(), h = box.height() + meshBox.height(),
                      d = box.depth() + meshBox.depth();
         out.reach = static_cast<float>(std::sqrt(w * w + h * h + d * d));
+        // Vertices move by far less than this between passes, except where they are pushed.
+        out.certRadius = 5e-4f * out.reach;
         out.tree.set(*in.mesh);
         out.active = !out.tree.empty();
     }
     for (int c = numColliders; c < static_cast<int>(_colliders.size()); ++c) _colliders[static_cast<size_t>(c)].active = false;
     _count = count;
     _lastTriangle.assign(static_cast<size_t>(count) * _colliders.size(), -1);
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    RayMemo fresh;
+    fresh.cast = fresh.clear = KVector(nan, nan, nan);
+    _rayMemos.assign(static_cast<size_t>(count) * _colliders.size(), fresh);
 }
+
+namespace {
+
+inline bool SameBits(const KVector& a, const KVector& b) { return std::memcmp(&a, &b, sizeof(KVector)) == 0; }
+
+// Whether every coordinate of a lies within r of b's (false when b is NaN).
+inline bool Within(const KVector& a, const KVector& b, float r) {
+    return std::fabs(a.x - b.x) <= r && std::fabs(a.y - b.y) <= r && std::fabs(a.z - b.z) <= r;
+}
+
+}  // namespace
 
 int KRelaxationCollisions::activeColliders() const {
     int n = 0;
@@ -70,6 +88,7 @@ void KRelaxationCollisions::collide(KDouble3* points, int count, const float* we
         if (!collider.active) continue;
         const float reach = collider.reach;
         int* last = _lastTriangle.data() + static_cast<size_t>(c) * static_cast<size_t>(_count);
+        RayMemo* memos = _rayMemos.data() + static_cast<size_t>(c) * static_cast<size_t>(_count);
 #pragma omp parallel num_threads(team)
         {
             // The thread's last triangle is the hint of a vertex that has none of its own yet.
@@ -85,7 +104,30 @@ void KRelaxationCollisions::collide(KDouble3* points, int count, const float* we
                 const KVector source(static_cast<float>(point[0]), static_cast<float>(point[1]),
                                      static_cast<float>(point[2]));
                 const KVector direction = normals[v] * reach;
-                if (collider.tree.allIntersections(source, direction, reach, kTolerance, hits) % 2 == 0) continue;
+                // The inside test, spared when its answer is known: the cast from a source that has
+                // not moved, or the no-crossing certificate of a source that has not moved far.
+                RayMemo& memo = memos[v];
+                bool odd;
+                if (SameBits(source, memo.cast)) {
+                    odd = memo.odd;
+                } else if (Within(source, memo.clear, collider.certRadius)) {
+                    odd = false;
+                } else {
+                    const int crossings = collider.tree.allIntersections(source, direction, reach, kTolerance, hits);
+                    odd = crossings % 2 == 1;
+                    memo.cast = source;
+                    memo.odd = odd;
+                    // Certificates are tried once per vertex, and again when one has run out.
+                    if (crossings == 0 && !memo.certTried) {
+                        if (collider.tree.missesNear(source, direction, reach, kTolerance, collider.certRadius)) {
+                            memo.clear = source;
+                        } else {
+                            memo.certTried = true;
+                            memo.clear.x = std::numeric_limits<float>::quiet_NaN();
+                        }
+                    }
+                }
+                if (!odd) continue;
 
                 // The closest point on the whole surface (no distance limit). The hint, the triangle
                 // found last for this vertex or else for the vertex before, only spares the search
