@@ -5,8 +5,13 @@
 #include <cfloat>
 #include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <limits>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace Kavrin {
 
@@ -14,7 +19,8 @@ namespace {
 
 // Levels past this are never reached: every level quarters the triangle count.
 const int kDepthLimit = 20;
-// Pending entries of a search: each inner node visited replaces its entry by at most four.
+// Pending entries of a search: each inner node visited goes on with one child and leaves at most
+// three.
 const int kStackSize = 3 * kDepthLimit + 8;
 
 inline double Dot(const double a[3], const double b[3]) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
@@ -170,7 +176,7 @@ void ClosestOnTriangle(const double p[3], const double P[3][3], TriangleHit& hit
 }
 
 // Starts loading a child's data while nearer children are searched; the random order of the
-// queries makes the leaves' corner data the main cache cost.
+// queries makes the leaves' data the main cache cost.
 inline void Prefetch(const void* data, size_t bytes) {
 #if defined(__GNUC__)
     const char* p = static_cast<const char*>(data);
@@ -182,7 +188,134 @@ inline void Prefetch(const void* data, size_t bytes) {
 #endif
 }
 
+// Index of the lowest set bit of a non-zero mask.
+inline int LowestBit(int mask) {
+#if defined(__GNUC__)
+    return __builtin_ctz(static_cast<unsigned>(mask));
+#else
+    int i = 0;
+    while (!(mask & (1 << i))) ++i;
+    return i;
+#endif
+}
+
+// Number of set bits of a four-bit mask (a nibble table: without a popcount instruction in the
+// baseline instruction set, the builtin is a library call).
+inline int PopCount4(int mask) { return static_cast<int>((0x4332322132212110ull >> (4 * mask)) & 0xf); }
+
+// Sorts four keys ascending (a sorting network: no branches to mispredict).
+inline void SortFour(uint64_t key[4]) {
+    auto order = [](uint64_t& a, uint64_t& b) {
+        const uint64_t lo = a < b ? a : b, hi = a < b ? b : a;
+        a = lo;
+        b = hi;
+    };
+    order(key[0], key[1]);
+    order(key[2], key[3]);
+    order(key[0], key[2]);
+    order(key[1], key[3]);
+    order(key[1], key[2]);
+}
+
+// The query point, also broadcast for the four-box tests.
+struct Probe {
+    float s[3];
+#if defined(__SSE2__)
+    __m128 v[3];
+#endif
+    explicit Probe(const KVector& p) {
+        for (int a = 0; a < 3; ++a) {
+            s[a] = p[a];
+#if defined(__SSE2__)
+            v[a] = _mm_set1_ps(p[a]);
+#endif
+        }
+    }
+};
+
+// The mask of a node's children that exist (count -1 marks a missing one).
+inline int ChildMask(const int (&count)[4]) {
+#if defined(__SSE2__)
+    const __m128i counts = _mm_loadu_si128(reinterpret_cast<const __m128i*>(count));
+    return _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpgt_epi32(counts, _mm_set1_epi32(-1))));
+#else
+    return (count[0] >= 0 ? 1 : 0) | (count[1] >= 0 ? 2 : 0) | (count[2] >= 0 ? 4 : 0) | (count[3] >= 0 ? 8 : 0);
+#endif
+}
+
+// Squared distances from the query point to four boxes stored per axis (lo[axis][box]), into
+// dist: per box the sum over x, y, z of max(lo - p, p - hi, 0) squared, in that order, in single
+// precision. Returns the mask of the boxes within bound. Empty boxes (lo = inf, hi = -inf) are
+// infinitely far.
+inline int BoxesWithin(const float (&lo)[3][4], const float (&hi)[3][4], const Probe& probe, float bound,
+                       float dist[4]) {
+#if defined(__SSE2__)
+    const __m128 zero = _mm_setzero_ps();
+    __m128 sum = zero;
+    for (int a = 0; a < 3; ++a) {
+        const __m128 below = _mm_sub_ps(_mm_loadu_ps(lo[a]), probe.v[a]);
+        const __m128 above = _mm_sub_ps(probe.v[a], _mm_loadu_ps(hi[a]));
+        const __m128 d = _mm_max_ps(_mm_max_ps(below, above), zero);
+        sum = a == 0 ? _mm_mul_ps(d, d) : _mm_add_ps(sum, _mm_mul_ps(d, d));
+    }
+    _mm_storeu_ps(dist, sum);
+    return _mm_movemask_ps(_mm_cmple_ps(sum, _mm_set1_ps(bound)));
+#else
+    int mask = 0;
+    for (int c = 0; c < 4; ++c) {
+        float sum = 0.0f;
+        for (int a = 0; a < 3; ++a) {
+            const float d = std::max(std::max(lo[a][c] - probe.s[a], probe.s[a] - hi[a][c]), 0.0f);
+            sum = a == 0 ? d * d : sum + d * d;
+        }
+        dist[c] = sum;
+        if (sum <= bound) mask |= 1 << c;
+    }
+    return mask;
+#endif
+}
+
 inline bool Finite(const KVector& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
+
+// Lower bounds on the squared distances from the query point to four triangles (their SlotPlanes),
+// into lb; returns the mask of those within bound. Per triangle h = the distance outside the slab
+// [nLo, nHi] along n and s = the largest distance outside an edge plane, each reduced by err (which
+// covers the float rounding of the dot products) and floored at 0; then |p - x|^2 >= h^2 + s^2 for
+// every point x of the triangle.
+template <class Planes>
+inline int PlanesWithin(const Planes& t, const Probe& probe, float err, float bound, float lb[4]) {
+#if defined(__SSE2__)
+    const __m128 zero = _mm_setzero_ps(), vErr = _mm_set1_ps(err);
+    auto dot = [&probe](const float (&v)[3][4]) {
+        return _mm_add_ps(_mm_add_ps(_mm_mul_ps(_mm_loadu_ps(v[0]), probe.v[0]), _mm_mul_ps(_mm_loadu_ps(v[1]), probe.v[1])),
+                          _mm_mul_ps(_mm_loadu_ps(v[2]), probe.v[2]));
+    };
+    const __m128 np = dot(t.n);
+    const __m128 h = _mm_max_ps(
+        _mm_sub_ps(_mm_max_ps(_mm_sub_ps(np, _mm_loadu_ps(t.nHi)), _mm_sub_ps(_mm_loadu_ps(t.nLo), np)), vErr), zero);
+    __m128 out = _mm_sub_ps(dot(t.m[0]), _mm_loadu_ps(t.off[0]));
+    out = _mm_max_ps(out, _mm_sub_ps(dot(t.m[1]), _mm_loadu_ps(t.off[1])));
+    out = _mm_max_ps(out, _mm_sub_ps(dot(t.m[2]), _mm_loadu_ps(t.off[2])));
+    const __m128 sd = _mm_max_ps(_mm_sub_ps(out, vErr), zero);
+    const __m128 sum = _mm_add_ps(_mm_mul_ps(h, h), _mm_mul_ps(sd, sd));
+    _mm_storeu_ps(lb, sum);
+    return _mm_movemask_ps(_mm_cmple_ps(sum, _mm_set1_ps(bound)));
+#else
+    const float* p = probe.s;
+    int mask = 0;
+    for (int c = 0; c < 4; ++c) {
+        const float np = t.n[0][c] * p[0] + t.n[1][c] * p[1] + t.n[2][c] * p[2];
+        const float h = std::max(std::max(np - t.nHi[c], t.nLo[c] - np) - err, 0.0f);
+        float out = -std::numeric_limits<float>::infinity();
+        for (int e = 0; e < 3; ++e)
+            out = std::max(out, t.m[e][0][c] * p[0] + t.m[e][1][c] * p[1] + t.m[e][2][c] * p[2] - t.off[e][c]);
+        const float sd = std::max(out - err, 0.0f);
+        lb[c] = h * h + sd * sd;
+        if (lb[c] <= bound) mask |= 1 << c;
+    }
+    return mask;
+#endif
+}
 
 // Squared box distances of the search are single precision; widen the double bound by a small
 // relative margin so that rounding never prunes a box holding an equally near triangle.
@@ -210,6 +343,9 @@ void KTriMeshDistTree::set(const KTriMesh& mesh) {
     _corners.clear();
     _order.clear();
     _nodes.clear();
+    _slotBoxes.clear();
+    _slotPlanes.clear();
+    _slotOf.clear();
     _extent = 0.0f;
 
     // One centre (twice the box centre, to spare the halving) per usable triangle, and the
@@ -248,11 +384,14 @@ void KTriMeshDistTree::set(const KTriMesh& mesh) {
     // The build only permutes prims inside each node's range, so the final order is leaf order.
     _order.resize(prims.size());
     _corners.resize(3 * prims.size());
+    _slotOf.assign(static_cast<size_t>(nt), -1);
     for (int s = 0; s < count; ++s) {
         const KInt3& t = mesh.triangles[prims[s].tri];
         _order[s] = prims[s].tri;
+        _slotOf[static_cast<size_t>(prims[s].tri)] = s;
         for (int k = 0; k < 3; ++k) _corners[3 * s + k] = mesh.points[t[k]];
     }
+    _fillSlotBoxes();
 
     _triangles = mesh.triangles;
     _numVertices = nv;
@@ -279,6 +418,7 @@ bool KTriMeshDistTree::update(const KTriMesh& mesh) {
         }
         // Decision (behaviour note "KTriMeshDistTree::update"): a refit that has loosened the
         // boxes to twice a build's surface is replaced by a build.
+        _fillSlotBoxes();
         if (finite && _refitBoxes() <= 2.0 * _builtSurface) {
             // The scale of float rounding the ray queries use follows the moved corners.
             _extent = 0.0f;
@@ -289,6 +429,168 @@ bool KTriMeshDistTree::update(const KTriMesh& mesh) {
     }
     set(mesh);
     return false;
+}
+
+namespace {
+
+// Half-spaces around four triangles (corners c[lane][0..2]) for a SlotPlanes. Any vectors would
+// do: the offsets make the bounds hold, the directions only make them sharp. Single precision
+// throughout. The vectors are normalised to 1 - 1e-5, so that with their rounding they stay
+// shorter than 1 and n stays orthogonal enough to every m = edge x n (m is used only when it is
+// not much shorter than the edge, which keeps its rounding small against its length) for
+// |p - x|^2 >= (n.(p - x))^2 + (m.(p - x))^2. Each offset is the extreme of the vector's dot
+// products with the corners, moved outwards by more than their rounding (1e-6 of the corners'
+// largest |x| + |y| + |z|), so every point x of the triangle satisfies nLo <= n.x <= nHi and
+// m.x <= off. A vector that fails these conditions (a degenerate triangle) is zero with zero
+// offsets: it bounds nothing.
+template <class Planes>
+void FillPlanes(const KVector* const (&c)[4], Planes& out) {
+#if defined(__SSE2__)
+    typedef __m128 V;
+    auto add = [](V a, V b) { return _mm_add_ps(a, b); };
+    auto sub = [](V a, V b) { return _mm_sub_ps(a, b); };
+    auto mul = [](V a, V b) { return _mm_mul_ps(a, b); };
+    auto vmax = [](V a, V b) { return _mm_max_ps(a, b); };
+    auto vmin = [](V a, V b) { return _mm_min_ps(a, b); };
+    auto splat = [](float x) { return _mm_set1_ps(x); };
+    auto select = [](V mask, V a, V b) { return _mm_or_ps(_mm_and_ps(mask, a), _mm_andnot_ps(mask, b)); };
+    auto store = [](float (&to)[4], V v) { _mm_storeu_ps(to, v); };
+    const V absMask = _mm_castsi128_ps(_mm_set1_epi32(0x7fffffff));
+    auto vabs = [absMask](V a) { return _mm_and_ps(a, absMask); };
+    auto greater = [](V a, V b) { return _mm_cmpgt_ps(a, b); };
+    auto And = [](V a, V b) { return _mm_and_ps(a, b); };
+    auto rsqrtShort = [](V len2, float shorten) { return _mm_div_ps(_mm_set1_ps(shorten), _mm_sqrt_ps(len2)); };
+    V P[3][3];  // corner, axis
+    for (int k = 0; k < 3; ++k)
+        for (int a = 0; a < 3; ++a) P[k][a] = _mm_setr_ps(c[0][k][a], c[1][k][a], c[2][k][a], c[3][k][a]);
+#else
+    struct V {
+        float x[4];
+    };
+    auto op = [](V a, V b, int which) {
+        V r;
+        for (int l = 0; l < 4; ++l)
+            r.x[l] = which == 0 ? a.x[l] + b.x[l]
+                     : which == 1 ? a.x[l] - b.x[l]
+                     : which == 2 ? a.x[l] * b.x[l]
+                     : which == 3 ? std::max(a.x[l], b.x[l])
+                                  : std::min(a.x[l], b.x[l]);
+        return r;
+    };
+    auto add = [op](V a, V b) { return op(a, b, 0); };
+    auto sub = [op](V a, V b) { return op(a, b, 1); };
+    auto mul = [op](V a, V b) { return op(a, b, 2); };
+    auto vmax = [op](V a, V b) { return op(a, b, 3); };
+    auto vmin = [op](V a, V b) { return op(a, b, 4); };
+    auto splat = [](float x) { return V{{x, x, x, x}}; };
+    auto select = [](V mask, V a, V b) {
+        V r;
+        for (int l = 0; l < 4; ++l) r.x[l] = mask.x[l] != 0.0f ? a.x[l] : b.x[l];
+        return r;
+    };
+    auto store = [](float (&to)[4], V v) { std::copy(v.x, v.x + 4, to); };
+    auto vabs = [](V a) {
+        for (float& x : a.x) x = std::fabs(x);
+        return a;
+    };
+    auto greater = [](V a, V b) {
+        V r;
+        for (int l = 0; l < 4; ++l) r.x[l] = a.x[l] > b.x[l] ? 1.0f : 0.0f;
+        return r;
+    };
+    auto And = [](V a, V b) {
+        V r;
+        for (int l = 0; l < 4; ++l) r.x[l] = a.x[l] != 0.0f && b.x[l] != 0.0f ? 1.0f : 0.0f;
+        return r;
+    };
+    auto rsqrtShort = [](V len2, float shorten) {
+        for (float& x : len2.x) x = shorten / std::sqrt(x);
+        return len2;
+    };
+    V P[3][3];
+    for (int k = 0; k < 3; ++k)
+        for (int a = 0; a < 3; ++a) P[k][a] = V{{c[0][k][a], c[1][k][a], c[2][k][a], c[3][k][a]}};
+#endif
+    const float shorten = 1.0f - 1e-5f;
+    const V zero = splat(0.0f);
+    auto dot = [&](const V (&v)[3], const V (&x)[3]) { return add(add(mul(v[0], x[0]), mul(v[1], x[1])), mul(v[2], x[2])); };
+    auto cross = [&](const V (&a)[3], const V (&b)[3], V (&r)[3]) {
+        r[0] = sub(mul(a[1], b[2]), mul(a[2], b[1]));
+        r[1] = sub(mul(a[2], b[0]), mul(a[0], b[2]));
+        r[2] = sub(mul(a[0], b[1]), mul(a[1], b[0]));
+    };
+    V size = zero;
+    for (int k = 0; k < 3; ++k) size = vmax(size, add(add(vabs(P[k][0]), vabs(P[k][1])), vabs(P[k][2])));
+    const V pad = add(mul(splat(1e-6f), size), splat(1e-30f));
+    V e1[3], e2[3], n[3];
+    for (int a = 0; a < 3; ++a) {
+        e1[a] = sub(P[1][a], P[0][a]);
+        e2[a] = sub(P[2][a], P[0][a]);
+    }
+    cross(e1, e2, n);
+    {
+        const V len2 = dot(n, n);
+        const V ok = And(greater(len2, splat(1e-30f)), greater(splat(1e30f), len2));
+        const V f = select(ok, rsqrtShort(select(ok, len2, splat(1.0f)), shorten), zero);
+        for (int a = 0; a < 3; ++a) n[a] = mul(n[a], f);
+        V lo = dot(n, P[0]), hi = lo;
+        for (int k = 1; k < 3; ++k) {
+            lo = vmin(lo, dot(n, P[k]));
+            hi = vmax(hi, dot(n, P[k]));
+        }
+        for (int a = 0; a < 3; ++a) store(out.n[a], n[a]);
+        store(out.nLo, select(ok, sub(lo, pad), zero));
+        store(out.nHi, select(ok, add(hi, pad), zero));
+    }
+    for (int e = 0; e < 3; ++e) {
+        V edge[3], toOpposite[3], m[3];
+        for (int a = 0; a < 3; ++a) {
+            edge[a] = sub(P[(e + 1) % 3][a], P[e][a]);
+            toOpposite[a] = sub(P[(e + 2) % 3][a], P[e][a]);
+        }
+        cross(edge, n, m);
+        const V len2 = dot(m, m);
+        // m is used when |m|^2 > |edge|^2 / 100 (|n| is 0 or about 1).
+        const V ok = And(greater(len2, vmax(mul(splat(0.01f), dot(edge, edge)), splat(1e-30f))), greater(splat(1e30f), len2));
+        V f = select(ok, rsqrtShort(select(ok, len2, splat(1.0f)), shorten), zero);
+        // Pointing away from the opposite corner.
+        f = select(greater(dot(m, toOpposite), zero), sub(zero, f), f);
+        for (int a = 0; a < 3; ++a) m[a] = mul(m[a], f);
+        const V top = vmax(dot(m, P[0]), vmax(dot(m, P[1]), dot(m, P[2])));
+        for (int a = 0; a < 3; ++a) store(out.m[e][a], m[a]);
+        store(out.off[e], select(ok, add(top, pad), zero));
+    }
+}
+
+}  // namespace
+
+void KTriMeshDistTree::_fillSlotBoxes() {
+    const size_t slots = _order.size();
+    _slotBoxes.resize((slots + 3) / 4);
+    _slotPlanes.resize((slots + 3) / 4);
+    static const KVector kPoint[3];  // the corners of the empty lanes past the last slot
+    for (size_t b = 0; b < _slotPlanes.size(); ++b) {
+        const KVector* corners[4];
+        for (size_t lane = 0; lane < 4; ++lane)
+            corners[lane] = 4 * b + lane < slots ? &_corners[3 * (4 * b + lane)] : kPoint;
+        FillPlanes(corners, _slotPlanes[b]);
+    }
+    for (size_t b = 0; b < _slotBoxes.size(); ++b) {
+        SlotBoxes& block = _slotBoxes[b];
+        for (size_t lane = 0; lane < 4; ++lane) {
+            const size_t s = 4 * b + lane;
+            for (int a = 0; a < 3; ++a) {
+                if (s >= slots) {
+                    block.lo[a][lane] = std::numeric_limits<float>::infinity();
+                    block.hi[a][lane] = -std::numeric_limits<float>::infinity();
+                    continue;
+                }
+                const KVector* c = &_corners[3 * s];
+                block.lo[a][lane] = std::min(c[0][a], std::min(c[1][a], c[2][a]));
+                block.hi[a][lane] = std::max(c[0][a], std::max(c[1][a], c[2][a]));
+            }
+        }
+    }
 }
 
 double KTriMeshDistTree::_refitBoxes() {
@@ -429,7 +731,7 @@ int KTriMeshDistTree::_build(Prim* prims, const float* boxes, int begin, int end
 
 bool KTriMeshDistTree::empty() const { return _nodes.empty(); }
 
-bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int& triangle, float& u, float& v,
+bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int hint, int& triangle, float& u, float& v,
                                KVector& closest) const {
     triangle = -1;
     // Guard (behaviour note "KTriMeshDistTree: nothing found").
@@ -439,7 +741,29 @@ bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int& triangl
     double best = static_cast<double>(maxDistance) * maxDistance;  // inclusive limit until a hit
     int bestTri = INT_MAX;
     TriangleHit bestHit = {{1.0, 0.0, 0.0}, {0.0, 0.0, 0.0}, 0.0};
+    // The closest point of slot s, exactly as the traversal computes it.
+    auto exact = [this, &q](int s, TriangleHit& hit) {
+        const KVector* c = &_corners[3 * static_cast<size_t>(s)];
+        const double P[3][3] = {{c[0].x, c[0].y, c[0].z}, {c[1].x, c[1].y, c[1].z}, {c[2].x, c[2].y, c[2].z}};
+        ClosestOnTriangle(q, P, hit);
+    };
+    // The hint is taken as the traversal would take it on meeting it first; every triangle that
+    // could beat it, or tie with a lower index, is still visited below.
+    int hintSlot = -1;
+    if (hint >= 0 && hint < static_cast<int>(_slotOf.size()) && _slotOf[static_cast<size_t>(hint)] >= 0) {
+        TriangleHit hit;
+        exact(_slotOf[static_cast<size_t>(hint)], hit);
+        if (hit.d2 <= best) {
+            best = hit.d2;
+            bestTri = hint;
+            bestHit = hit;
+            hintSlot = _slotOf[static_cast<size_t>(hint)];  // taken: meeting it again changes nothing
+        }
+    }
     float bound = PruneBound(best);
+    const Probe probe(p);
+    // Rounding of the plane bounds' dot products: a few units in the last place of |n||p| + |offset|.
+    const float planeErr = 2e-6f * (std::max(std::fabs(p.x), std::max(std::fabs(p.y), std::fabs(p.z))) + _extent);
 
     struct Entry {
         int first;
@@ -448,68 +772,82 @@ bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int& triangl
     };
     Entry stack[kStackSize];
     int top = 0;
-    stack[top++] = Entry{0, 0, 0.0f};
-
-    while (top > 0) {
-        const Entry e = stack[--top];
-        if (e.dist > bound) continue;
-
-        if (e.count > 0) {
-            for (int s = e.first, last = e.first + e.count; s < last; ++s) {
-                const KVector* c = &_corners[3 * static_cast<size_t>(s)];
-                // The triangle's own box first: most triangles of a leaf are rejected by it.
-                float boxDist = 0.0f;
-                for (int a = 0; a < 3; ++a) {
-                    const float lo = std::min(c[0][a], std::min(c[1][a], c[2][a]));
-                    const float hi = std::max(c[0][a], std::max(c[1][a], c[2][a]));
-                    const float d = std::max(std::max(lo - p[a], p[a] - hi), 0.0f);
-                    boxDist += d * d;
+    Entry cur = {0, 0, 0.0f};
+    for (;;) {
+        if (cur.count > 0) {
+            // A leaf: its triangles' own boxes first, four at a time; most are rejected by them.
+            const int first = cur.first, last = cur.first + cur.count;
+            for (int b = first >> 2, lastBlock = (last - 1) >> 2; b <= lastBlock; ++b) {
+                float dist[4];
+                const int begin = std::max(first - 4 * b, 0), end = std::min(last - 4 * b, 4);
+                int mask = BoxesWithin(_slotBoxes[static_cast<size_t>(b)].lo, _slotBoxes[static_cast<size_t>(b)].hi,
+                                       probe, bound, dist) &
+                           ((1 << end) - (1 << begin));
+                if (mask != 0) {
+                    float lb[4];
+                    mask &= PlanesWithin(_slotPlanes[static_cast<size_t>(b)], probe, planeErr, bound, lb);
+                    for (int k = 0; k < 4; ++k) dist[k] = std::max(dist[k], lb[k]);
                 }
-                if (boxDist > bound) continue;
-                const double P[3][3] = {{c[0].x, c[0].y, c[0].z}, {c[1].x, c[1].y, c[1].z}, {c[2].x, c[2].y, c[2].z}};
-                TriangleHit hit;
-                ClosestOnTriangle(q, P, hit);
-                const int tri = _order[s];
-                if (hit.d2 < best || (hit.d2 == best && tri < bestTri)) {
-                    best = hit.d2;
-                    bestTri = tri;
-                    bestHit = hit;
-                    bound = PruneBound(best);
+                for (; mask != 0; mask &= mask - 1) {
+                    const int lane = LowestBit(mask);
+                    const int s = 4 * b + lane;
+                    if (dist[lane] > bound || s == hintSlot) continue;  // the bound has shrunk since
+                    TriangleHit hit;
+                    exact(s, hit);
+                    const int tri = _order[static_cast<size_t>(s)];
+                    if (hit.d2 < best || (hit.d2 == best && tri < bestTri)) {
+                        best = hit.d2;
+                        bestTri = tri;
+                        bestHit = hit;
+                        bound = PruneBound(best);
+                    }
                 }
             }
-            continue;
-        }
-
-        const Node& node = _nodes[e.first];
-        float dist[4];
-        for (int c = 0; c < 4; ++c) {
-            const float dx = std::max(std::max(node.lo[0][c] - p.x, p.x - node.hi[0][c]), 0.0f);
-            const float dy = std::max(std::max(node.lo[1][c] - p.y, p.y - node.hi[1][c]), 0.0f);
-            const float dz = std::max(std::max(node.lo[2][c] - p.z, p.z - node.hi[2][c]), 0.0f);
-            dist[c] = dx * dx + dy * dy + dz * dz;
-        }
-        // Children within the bound, nearest first; pushed farthest first so the nearest is
-        // popped next.
-        int order[4];
-        int n = 0;
-        for (int c = 0; c < 4; ++c) {
-            if (node.count[c] < 0 || dist[c] > bound) continue;
-            int k = n++;
-            while (k > 0 && dist[order[k - 1]] > dist[c]) {
-                order[k] = order[k - 1];
-                --k;
+        } else {
+            const Node& node = _nodes[static_cast<size_t>(cur.first)];
+            float dist[4];
+            const int mask = BoxesWithin(node.lo, node.hi, probe, bound, dist) & ChildMask(node.count);
+            // Children within the bound, nearest first. The nearest is searched next; the others
+            // are pushed farthest first so that the nearer are popped first.
+            const int n = PopCount4(mask);
+            int order[4];
+            if (n == 1) {
+                order[0] = LowestBit(mask);
+            } else if (n > 1) {
+                // Sorted as keys that hold a distance's bits (ordered as the non-negative floats)
+                // above the child's number, missing children last.
+                uint64_t key[4];
+                for (int c = 0; c < 4; ++c) {
+                    uint32_t bits;
+                    std::memcpy(&bits, &dist[c], sizeof bits);
+                    key[c] = mask & (1 << c) ? (static_cast<uint64_t>(bits) << 2 | static_cast<uint64_t>(c)) : ~uint64_t(0);
+                }
+                SortFour(key);
+                for (int k = 0; k < n; ++k) order[k] = static_cast<int>(key[k] & 3);
             }
-            order[k] = c;
+            for (int k = n - 1; k >= 0; --k) {
+                const int c = order[k];
+                const int childFirst = node.first[c], childCount = node.count[c];
+                if (childCount > 0) {
+                    const int firstBlock = childFirst >> 2, blocks = ((childFirst + childCount - 1) >> 2) - firstBlock + 1;
+                    Prefetch(&_slotBoxes[static_cast<size_t>(firstBlock)], sizeof(SlotBoxes) * static_cast<size_t>(blocks));
+                } else {
+                    Prefetch(&_nodes[static_cast<size_t>(childFirst)], sizeof(Node));
+                }
+                if (k > 0)
+                    stack[top++] = Entry{childFirst, childCount, dist[c]};
+                else
+                    cur = Entry{childFirst, childCount, dist[c]};
+            }
+            if (n > 0) continue;
         }
-        for (int k = n - 1; k >= 0; --k) {
-            const int c = order[k];
-            Prefetch(node.count[c] > 0 ? static_cast<const void*>(&_corners[3 * static_cast<size_t>(node.first[c])])
-                                       : static_cast<const void*>(&_nodes[node.first[c]]),
-                     node.count[c] > 0 ? 3 * sizeof(KVector) * static_cast<size_t>(node.count[c]) : sizeof(Node));
-            stack[top++] = Entry{node.first[c], node.count[c], dist[c]};
-        }
+        // The next pending entry still within the bound.
+        do {
+            if (top == 0) goto done;
+            cur = stack[--top];
+        } while (cur.dist > bound);
     }
-
+done:
     if (bestTri == INT_MAX) return false;
     triangle = bestTri;
     u = static_cast<float>(bestHit.w[0]);
@@ -519,14 +857,16 @@ bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int& triangl
     return true;
 }
 
-bool KTriMeshDistTree::getClosestPoint(const KVector& p, KVector& closest, int& triangle, float maxDistance) const {
+bool KTriMeshDistTree::getClosestPoint(const KVector& p, KVector& closest, int& triangle, float maxDistance,
+                                       int hint) const {
     float u, v;
-    return _search(p, maxDistance, triangle, u, v, closest);
+    return _search(p, maxDistance, hint, triangle, u, v, closest);
 }
 
-bool KTriMeshDistTree::getClosestPoint(const KVector& p, int& triangle, float& a, float& b, float maxDistance) const {
+bool KTriMeshDistTree::getClosestPoint(const KVector& p, int& triangle, float& a, float& b, float maxDistance,
+                                       int hint) const {
     KVector c;
-    return _search(p, maxDistance, triangle, a, b, c);
+    return _search(p, maxDistance, hint, triangle, a, b, c);
 }
 
 }  // namespace Kavrin

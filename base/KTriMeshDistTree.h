@@ -45,12 +45,17 @@ public:
     // false and sets triangle to -1 (leaving closest unchanged) when no triangle lies within
     // maxDistance, when the tree is empty, or when p or maxDistance is NaN, infinite or negative
     // (an infinite maxDistance is allowed).
-    bool getClosestPoint(const KVector& p, KVector& closest, int& triangle, float maxDistance) const;
+    //
+    // hint: a triangle expected to lie near p (the answer of the previous query at a nearby
+    // point, or the last frame's answer at this point), or -1. Its distance bounds the search
+    // from the start, so fewer boxes pass; the answer is the same whatever the hint, and a hint
+    // that is not a triangle of the tree is ignored.
+    bool getClosestPoint(const KVector& p, KVector& closest, int& triangle, float maxDistance, int hint = -1) const;
 
     // The same search; a weights the triangle's first vertex, b its second and 1 - a - b its third,
     // so that a*P0 + b*P1 + (1 - a - b)*P2 is the closest point. a, b and 1 - a - b lie in [0, 1].
     // On failure triangle is -1 and a, b are left unchanged.
-    bool getClosestPoint(const KVector& p, int& triangle, float& a, float& b, float maxDistance) const;
+    bool getClosestPoint(const KVector& p, int& triangle, float& a, float& b, float maxDistance, int hint = -1) const;
 
     // Every crossing of the ray source + t * unit(direction), t from 0 to maxDistance, with the
     // surface: the distances t, nearest first, into hits (replaced); returns their number. A
@@ -62,6 +67,14 @@ public:
     int allIntersections(const KVector& source, const KVector& direction, float maxDistance, float tolerance,
                          std::vector<float>& hits) const;
 
+    // True only when allIntersections(s, direction, maxDistance, tolerance, hits) finds nothing for
+    // every source s within radius of source along each axis (|s.x - source.x| <= radius, and so on):
+    // the ray cannot come near enough to any leaf of the tree. It answers false when it cannot show
+    // that (the rays pass near a triangle, or the scene is too large for its rounding bounds), so a
+    // caller that moves a source by little between casts can skip the casts while this holds.
+    bool missesNear(const KVector& source, const KVector& direction, float maxDistance, float tolerance,
+                    float radius) const;
+
 private:
     // One inner node: the boxes of its up to four children, stored per axis so that the four box
     // distances are computed together.
@@ -71,9 +84,29 @@ private:
         int first[4];  // child node index, or the first slot of a leaf
         int count[4];  // 0: inner node; > 0: leaf of that many slots; -1: no child
     };
+    // The boxes of four consecutive slots (slots 4b to 4b + 3 in block b), laid out as a node's,
+    // so that a leaf's triangles are rejected four at a time.
+    struct SlotBoxes {
+        float lo[3][4];
+        float hi[3][4];
+    };
+    // For the same four slots, half-spaces that bound each triangle, for a lower bound on its
+    // distance sharper than its box: the triangle lies between nLo and nHi along the (slightly
+    // shortened) unit normal n, and on the inner side (at most off) of the three edge planes m,
+    // unit vectors in the triangle's plane pointing out of its edges. Degenerate triangles get
+    // zeros, which bound nothing.
+    struct SlotPlanes {
+        float n[3][4];
+        float nLo[4], nHi[4];
+        float m[3][3][4];  // edge, axis, slot
+        float off[3][4];
+    };
     struct Prim;  // build-time centre of one triangle
 
-    bool _search(const KVector& p, float maxDistance, int& triangle, float& u, float& v, KVector& closest) const;
+    bool _search(const KVector& p, float maxDistance, int hint, int& triangle, float& u, float& v,
+                 KVector& closest) const;
+    // Fills _slotBoxes and _slotPlanes from _corners.
+    void _fillSlotBoxes();
     // Builds the node over prims[begin, end) (boxes: six floats per triangle index); returns its
     // index and puts its bounds (lo then hi) into box.
     int _build(Prim* prims, const float* boxes, int begin, int end, int depth, float* box);
@@ -86,6 +119,9 @@ private:
     std::vector<KVector> _corners;  // three per slot, in leaf order
     std::vector<int> _order;        // triangle index of each slot, grouped by leaf
     std::vector<Node> _nodes;       // node 0 is the root
+    std::vector<SlotBoxes> _slotBoxes;  // the box of every slot; lanes past the last slot are empty
+    std::vector<SlotPlanes> _slotPlanes;
+    std::vector<int> _slotOf;       // slot of each triangle index, -1 for a triangle left out
     // What update() compares against: the triangles and vertex count of the last build, whether
     // it kept every triangle, and its relative box surface.
     KInt3Array _triangles;

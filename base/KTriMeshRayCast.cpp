@@ -19,6 +19,72 @@ const int kRayStackSize = 3 * 20 + 8;
 
 inline bool Finite(const KVector& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
 
+// Index of the lowest set bit of a non-zero mask.
+inline int LowestBit(int mask) {
+#if defined(__GNUC__)
+    return __builtin_ctz(static_cast<unsigned>(mask));
+#else
+    int i = 0;
+    while (!(mask & (1 << i))) ++i;
+    return i;
+#endif
+}
+
+// The single-precision slab test of one ray against four boxes stored per axis: per box the
+// interval of t over which the ray lies in all three widened slabs, cut to [tStart, tEnd], meets
+// the box when it is not empty up to a relative slack of 1e-6.
+struct RaySlabs {
+    float origin[3], inv[3];
+    float margin, tStart, tEnd;
+#if defined(__SSE2__)
+    __m128 vOrigin[3], vInv[3], vMargin, vStart, vEnd;
+#endif
+
+    void prepare() {
+#if defined(__SSE2__)
+        for (int a = 0; a < 3; ++a) {
+            vOrigin[a] = _mm_set1_ps(origin[a]);
+            vInv[a] = _mm_set1_ps(inv[a]);
+        }
+        vMargin = _mm_set1_ps(margin);
+        vStart = _mm_set1_ps(tStart);
+        vEnd = _mm_set1_ps(tEnd);
+#endif
+    }
+
+    // The mask of the boxes (of those whose count is not -1) the ray meets.
+    int hits(const float (&lo)[3][4], const float (&hi)[3][4], const int (&count)[4]) const {
+#if defined(__SSE2__)
+        __m128 t0 = vStart, t1 = vEnd;
+        for (int a = 0; a < 3; ++a) {
+            const __m128 l = _mm_sub_ps(_mm_sub_ps(_mm_loadu_ps(lo[a]), vMargin), vOrigin[a]);
+            const __m128 h = _mm_sub_ps(_mm_add_ps(_mm_loadu_ps(hi[a]), vMargin), vOrigin[a]);
+            const __m128 ta = _mm_mul_ps(l, vInv[a]), tb = _mm_mul_ps(h, vInv[a]);
+            t0 = _mm_max_ps(t0, _mm_min_ps(ta, tb));
+            t1 = _mm_min_ps(t1, _mm_max_ps(ta, tb));
+        }
+        const __m128 sign = _mm_castsi128_ps(_mm_set1_epi32(0x7fffffff));
+        const __m128 slack = _mm_mul_ps(_mm_set1_ps(1e-6f), _mm_add_ps(_mm_and_ps(t0, sign), _mm_and_ps(t1, sign)));
+        const __m128i valid =
+            _mm_cmpgt_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(count)), _mm_set1_epi32(-1));
+        return _mm_movemask_ps(_mm_and_ps(_mm_cmple_ps(t0, _mm_add_ps(t1, slack)), _mm_castsi128_ps(valid)));
+#else
+        int mask = 0;
+        for (int c = 0; c < 4; ++c) {
+            float t0 = tStart, t1 = tEnd;
+            for (int a = 0; a < 3; ++a) {
+                const float ta = (lo[a][c] - margin - origin[a]) * inv[a];
+                const float tb = (hi[a][c] + margin - origin[a]) * inv[a];
+                t0 = std::max(t0, std::min(ta, tb));
+                t1 = std::min(t1, std::max(ta, tb));
+            }
+            if (count[c] >= 0 && t0 <= t1 + 1e-6f * (std::fabs(t0) + std::fabs(t1))) mask |= 1 << c;
+        }
+        return mask;
+#endif
+    }
+};
+
 }  // namespace
 
 int KTriMeshDistTree::allIntersections(const KVector& source, const KVector& direction, float maxDistance,
@@ -38,72 +104,27 @@ int KTriMeshDistTree::allIntersections(const KVector& source, const KVector& dir
     // float rounding at the scene's scale, and the slab interval by a relative slack. An axis the
     // ray runs parallel to gets a huge finite inverse, which rejects exactly the slabs the source
     // lies outside of.
-    float origin[3], inv[3];
+    RaySlabs slabs;
     double scale = std::max(1.0, static_cast<double>(_extent));
     for (int a = 0; a < 3; ++a) {
-        origin[a] = source[a];
+        slabs.origin[a] = source[a];
         const double id = d[a] == 0.0 ? 1e30 : std::max(-1e30, std::min(1e30, 1.0 / d[a]));
-        inv[a] = static_cast<float>(id);
+        slabs.inv[a] = static_cast<float>(id);
         scale = std::max(scale, std::fabs(o[a]));
     }
-    const float margin = static_cast<float>(tol + 1e-6 * scale);
-    const float tStart = -margin, tEnd = static_cast<float>(tMax) + margin;
-#if defined(__SSE2__)
-    const __m128 vMargin = _mm_set1_ps(margin), vSlack = _mm_set1_ps(1e-6f);
-    const __m128 vSign = _mm_castsi128_ps(_mm_set1_epi32(0x7fffffff));
-    __m128 vOrigin[3], vInv[3];
-    for (int a = 0; a < 3; ++a) {
-        vOrigin[a] = _mm_set1_ps(origin[a]);
-        vInv[a] = _mm_set1_ps(inv[a]);
-    }
-    auto boxHits = [&](const Node& node) {
-        __m128 t0 = _mm_set1_ps(tStart), t1 = _mm_set1_ps(tEnd);
-        for (int a = 0; a < 3; ++a) {
-            const __m128 lo = _mm_sub_ps(_mm_sub_ps(_mm_loadu_ps(node.lo[a]), vMargin), vOrigin[a]);
-            const __m128 hi = _mm_sub_ps(_mm_add_ps(_mm_loadu_ps(node.hi[a]), vMargin), vOrigin[a]);
-            const __m128 ta = _mm_mul_ps(lo, vInv[a]), tb = _mm_mul_ps(hi, vInv[a]);
-            t0 = _mm_max_ps(t0, _mm_min_ps(ta, tb));
-            t1 = _mm_min_ps(t1, _mm_max_ps(ta, tb));
-        }
-        const __m128 slack = _mm_mul_ps(vSlack, _mm_add_ps(_mm_and_ps(t0, vSign), _mm_and_ps(t1, vSign)));
-        const __m128i valid = _mm_cmpgt_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(node.count)),
-                                              _mm_set1_epi32(-1));
-        return _mm_movemask_ps(_mm_and_ps(_mm_cmple_ps(t0, _mm_add_ps(t1, slack)), _mm_castsi128_ps(valid)));
-    };
-#else
-    auto boxHits = [&](const Node& node) {
-        float t0[4], t1[4];
-        for (int c = 0; c < 4; ++c) {
-            t0[c] = tStart;
-            t1[c] = tEnd;
-        }
-        for (int a = 0; a < 3; ++a)
-            for (int c = 0; c < 4; ++c) {
-                const float ta = (node.lo[a][c] - margin - origin[a]) * inv[a];
-                const float tb = (node.hi[a][c] + margin - origin[a]) * inv[a];
-                t0[c] = std::max(t0[c], std::min(ta, tb));
-                t1[c] = std::min(t1[c], std::max(ta, tb));
-            }
-        int mask = 0;
-        for (int c = 0; c < 4; ++c)
-            if (node.count[c] >= 0 && t0[c] <= t1[c] + 1e-6f * (std::fabs(t0[c]) + std::fabs(t1[c]))) mask |= 1 << c;
-        return mask;
-    };
-#endif
+    slabs.margin = static_cast<float>(tol + 1e-6 * scale);
+    slabs.tStart = -slabs.margin;
+    slabs.tEnd = static_cast<float>(tMax) + slabs.margin;
+    slabs.prepare();
 
-    int stack[kRayStackSize];
-    int top = 0;
-    stack[top++] = 0;
-    while (top > 0) {
-        const Node& node = _nodes[stack[--top]];
-        // The children whose box the ray meets, lowest first.
-        for (int mask = boxHits(node); mask != 0; mask &= mask - 1) {
-            const int c = mask & 1 ? 0 : (mask & 2 ? 1 : (mask & 4 ? 2 : 3));
-            if (node.count[c] == 0) {
-                stack[top++] = node.first[c];
-                continue;
-            }
-            for (int s = node.first[c], last = node.first[c] + node.count[c]; s < last; ++s) {
+    // The leaves whose box the ray meets are gathered first (single precision only), then their
+    // triangles are intersected in double; the order of the hits does not matter, they are sorted.
+    const int kLeafBatch = 64;
+    int leafFirst[kLeafBatch], leafCount[kLeafBatch];
+    int leaves = 0;
+    auto intersectLeaves = [&]() {
+        for (int l = 0; l < leaves; ++l)
+            for (int s = leafFirst[l], last = leafFirst[l] + leafCount[l]; s < last; ++s) {
                 // Moeller-Trumbore in double with barycentric tolerance.
                 const KVector* corner = &_corners[3 * static_cast<size_t>(s)];
                 const double p0[3] = {corner[0].x, corner[0].y, corner[0].z};
@@ -126,8 +147,27 @@ int KTriMeshDistTree::allIntersections(const KVector& source, const KVector& dir
                 if (t < -tol || t > tMax) continue;
                 hits.push_back(static_cast<float>(std::max(0.0, std::min(t, static_cast<double>(maxDistance)))));
             }
+        leaves = 0;
+    };
+
+    int stack[kRayStackSize];
+    int top = 0;
+    stack[top++] = 0;
+    while (top > 0) {
+        const Node& node = _nodes[static_cast<size_t>(stack[--top])];
+        // The children whose box the ray meets.
+        for (int mask = slabs.hits(node.lo, node.hi, node.count); mask != 0; mask &= mask - 1) {
+            const int c = LowestBit(mask);
+            if (node.count[c] == 0) {
+                stack[top++] = node.first[c];
+                continue;
+            }
+            leafFirst[leaves] = node.first[c];
+            leafCount[leaves] = node.count[c];
+            if (++leaves == kLeafBatch) intersectLeaves();
         }
     }
+    intersectLeaves();
     if (hits.size() < 2) return static_cast<int>(hits.size());
     std::sort(hits.begin(), hits.end());
     // One crossing per cluster of hits closer than the tolerance (a shared edge or vertex).
@@ -136,6 +176,58 @@ int KTriMeshDistTree::allIntersections(const KVector& source, const KVector& dir
         if (kept == 0 || hits[i] - hits[kept - 1] > tol) hits[kept++] = hits[i];
     hits.resize(kept);
     return static_cast<int>(kept);
+}
+
+}  // namespace Kavrin
+
+namespace Kavrin {
+
+bool KTriMeshDistTree::missesNear(const KVector& source, const KVector& direction, float maxDistance, float tolerance,
+                                  float radius) const {
+    // What allIntersections answers with nothing whatever the source.
+    if (_nodes.empty() || !Finite(direction) || !(maxDistance >= 0.0f)) return true;
+    if (!Finite(source) || !(radius >= 0.0f) || !std::isfinite(radius)) return false;
+    const double len = std::sqrt(double(direction.x) * direction.x + double(direction.y) * direction.y +
+                                 double(direction.z) * direction.z);
+    if (!(len > 0.0)) return true;
+    // The direction and its inverses exactly as allIntersections computes them.
+    const double d[3] = {direction.x / len, direction.y / len, direction.z / len};
+    const double tol = tolerance > 0.0f ? tolerance : 0.0;
+    const double tMax = static_cast<double>(maxDistance) + tol;
+    RaySlabs slabs;
+    double scale = std::max(1.0, static_cast<double>(_extent));  // at least the scale of any source in reach
+    for (int a = 0; a < 3; ++a) {
+        slabs.origin[a] = source[a];
+        const double id = d[a] == 0.0 ? 1e30 : std::max(-1e30, std::min(1e30, 1.0 / d[a]));
+        slabs.inv[a] = static_cast<float>(id);
+        scale = std::max(scale, std::fabs(static_cast<double>(source[a])) + radius);
+    }
+    // Far from the origin or along long rays the slab products could overflow; no claim there.
+    if (scale + tMax > 1e6) return false;
+    // A box that the test of a source s within radius passes, widened by s's margin, is met by the
+    // segment from s once widened further by the test's rounding (below err: the two subtractions
+    // and the product of every slab bound, and the relative slack, are far below it); the same
+    // segment from source then meets it widened by radius more. So a box that fails the test from
+    // source with a margin wider by 2 radius + 2 err fails the test from every such s, and a ray
+    // from s reaches no leaf this test cannot reach.
+    const double err = 1e-5 * (scale + tMax + 1.0);
+    slabs.margin = static_cast<float>(tol + 1e-6 * scale + 2.0 * radius + 2.0 * err);
+    slabs.tStart = -slabs.margin;
+    slabs.tEnd = static_cast<float>(tMax) + slabs.margin;
+    slabs.prepare();
+
+    int stack[kRayStackSize];
+    int top = 0;
+    stack[top++] = 0;
+    while (top > 0) {
+        const Node& node = _nodes[static_cast<size_t>(stack[--top])];
+        for (int mask = slabs.hits(node.lo, node.hi, node.count); mask != 0; mask &= mask - 1) {
+            const int c = LowestBit(mask);
+            if (node.count[c] != 0) return false;  // a leaf in reach: its triangles could be met
+            stack[top++] = node.first[c];
+        }
+    }
+    return true;
 }
 
 }  // namespace Kavrin

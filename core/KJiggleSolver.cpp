@@ -105,6 +105,7 @@ void KJiggleSolver::_start(const KJiggleInput& in) {
     _curPos.setLength(nv, false);
     _prevPos.setLength(nv, false);
     _velocity.setLength(nv, true);
+    _tanHint.setLengthWithValue(nv, -1);
     const KDouble3* mesh = in.meshPoints->data();
     KDouble3* cur = _curPos.data();
     KDouble3* prev = _prevPos.data();
@@ -139,6 +140,7 @@ void KJiggleSolver::_step(const KJiggleInput& in, double h, int threads) {
     KDouble3* prev = _prevPos.data();
     KDouble3* velocity = _velocity.data();
     KDouble3* out = _points.data();
+    int* hints = _tanHint.data();
 
 #pragma omp parallel for schedule(static) num_threads(TeamFor(threads, count))
     for (int i = 0; i < count; ++i) {
@@ -189,7 +191,8 @@ void KJiggleSolver::_step(const KJiggleInput& in, double h, int threads) {
                 KVector closest;
                 int triangle = -1;
                 tree.getClosestPoint(KVector(static_cast<float>(p[0]), static_cast<float>(p[1]), static_cast<float>(p[2])),
-                                     closest, triangle, static_cast<float>(radius));
+                                     closest, triangle, static_cast<float>(radius), hints[idx]);
+                hints[idx] = triangle;
                 p[0] = closest.x;
                 p[1] = closest.y;
                 p[2] = closest.z;

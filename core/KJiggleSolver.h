@@ -129,6 +129,9 @@ private:
     KArray<KDouble3> _prevPos;
     KArray<KDouble3> _velocity;
     KTriMeshDistTree _tanTree{10, 10};
+    // Per vertex, the triangle its last snapping found (-1: none): the hint of its next search,
+    // which then starts with a tight bound (the answer does not depend on it).
+    KIntArray _tanHint;
     KArray<KDouble3> _points;
     KArray<double> _fullMap;
     KArray<char> _seen;  // per vertex: named by the step's points (checked for repeats)

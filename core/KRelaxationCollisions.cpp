@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 #include "KThreads.h"
@@ -44,24 +45,27 @@ void KRelaxationCollisions::prepare(const KDouble3* worldPoints, int count, cons
         const double w = box.width() + meshBox.width(), h = box.height() + meshBox.height(),
                      d = box.depth() + meshBox.depth();
         out.reach = static_cast<float>(std::sqrt(w * w + h * h + d * d));
+        // Vertices move by far less than this between passes, except where they are pushed.
+        out.certRadius = 5e-4f * out.reach;
         out.tree.set(*in.mesh);
         out.active = !out.tree.empty();
     }
     for (int c = numColliders; c < static_cast<int>(_colliders.size()); ++c) _colliders[static_cast<size_t>(c)].active = false;
     _count = count;
+    _lastTriangle.assign(static_cast<size_t>(count) * _colliders.size(), -1);
     const float nan = std::numeric_limits<float>::quiet_NaN();
-    _closest.assign(static_cast<size_t>(count) * _colliders.size(), KVector(nan, nan, nan));
+    RayMemo fresh;
+    fresh.cast = fresh.clear = KVector(nan, nan, nan);
+    _rayMemos.assign(static_cast<size_t>(count) * _colliders.size(), fresh);
 }
 
 namespace {
 
-// An upper bound on the distance from p to a surface that holds the point q (up to float
-// rounding of q), so that a search within it finds exactly what an unbounded search finds.
-inline float SearchBound(const KVector& p, const KVector& q) {
-    if (std::isnan(q.x)) return std::numeric_limits<float>::infinity();
-    const double dx = double(p.x) - q.x, dy = double(p.y) - q.y, dz = double(p.z) - q.z;
-    const double scale = std::max(std::fabs(double(q.x)), std::max(std::fabs(double(q.y)), std::fabs(double(q.z))));
-    return static_cast<float>(std::sqrt(dx * dx + dy * dy + dz * dz) * (1.0 + 1e-5) + 1e-5 * (1.0 + scale));
+inline bool SameBits(const KVector& a, const KVector& b) { return std::memcmp(&a, &b, sizeof(KVector)) == 0; }
+
+// Whether every coordinate of a lies within r of b's (false when b is NaN).
+inline bool Within(const KVector& a, const KVector& b, float r) {
+    return std::fabs(a.x - b.x) <= r && std::fabs(a.y - b.y) <= r && std::fabs(a.z - b.z) <= r;
 }
 
 }  // namespace
@@ -83,12 +87,12 @@ void KRelaxationCollisions::collide(KDouble3* points, int count, const float* we
         const Collider& collider = _colliders[static_cast<size_t>(c)];
         if (!collider.active) continue;
         const float reach = collider.reach;
-        KVector* last = _closest.data() + static_cast<size_t>(c) * static_cast<size_t>(_count);
+        int* last = _lastTriangle.data() + static_cast<size_t>(c) * static_cast<size_t>(_count);
+        RayMemo* memos = _rayMemos.data() + static_cast<size_t>(c) * static_cast<size_t>(_count);
 #pragma omp parallel num_threads(team)
         {
-            // The thread's last closest point bounds the search of a vertex that has none of its own.
-            const float nan = std::numeric_limits<float>::quiet_NaN();
-            KVector previous(nan, nan, nan);
+            // The thread's last triangle is the hint of a vertex that has none of its own yet.
+            int previous = -1;
             std::vector<float>& hits = _hits[static_cast<size_t>(OmpThreadNum())];
 #pragma omp for schedule(static)
             for (int v = 0; v < count; ++v) {
@@ -100,18 +104,41 @@ void KRelaxationCollisions::collide(KDouble3* points, int count, const float* we
                 const KVector source(static_cast<float>(point[0]), static_cast<float>(point[1]),
                                      static_cast<float>(point[2]));
                 const KVector direction = normals[v] * reach;
-                if (collider.tree.allIntersections(source, direction, reach, kTolerance, hits) % 2 == 0) continue;
+                // The inside test, spared when its answer is known: the cast from a source that has
+                // not moved, or the no-crossing certificate of a source that has not moved far.
+                RayMemo& memo = memos[v];
+                bool odd;
+                if (SameBits(source, memo.cast)) {
+                    odd = memo.odd;
+                } else if (Within(source, memo.clear, collider.certRadius)) {
+                    odd = false;
+                } else {
+                    const int crossings = collider.tree.allIntersections(source, direction, reach, kTolerance, hits);
+                    odd = crossings % 2 == 1;
+                    memo.cast = source;
+                    memo.odd = odd;
+                    // Certificates are tried once per vertex, and again when one has run out.
+                    if (crossings == 0 && !memo.certTried) {
+                        if (collider.tree.missesNear(source, direction, reach, kTolerance, collider.certRadius)) {
+                            memo.clear = source;
+                        } else {
+                            memo.certTried = true;
+                            memo.clear.x = std::numeric_limits<float>::quiet_NaN();
+                        }
+                    }
+                }
+                if (!odd) continue;
 
-                // The closest point on the whole surface (no distance limit). The bound only spares the
-                // search the triangles that cannot be nearer than a point of the surface found before.
+                // The closest point on the whole surface (no distance limit). The hint, the triangle
+                // found last for this vertex or else for the vertex before, only spares the search
+                // the triangles that cannot be nearer.
                 KVector closest;
                 int triangle;
-                const float bound = SearchBound(source, std::isnan(last[v].x) ? previous : last[v]);
-                if (!collider.tree.getClosestPoint(source, closest, triangle, bound) &&
-                    !collider.tree.getClosestPoint(source, closest, triangle, std::numeric_limits<float>::infinity()))
+                if (!collider.tree.getClosestPoint(source, closest, triangle, std::numeric_limits<float>::infinity(),
+                                                   last[v] >= 0 ? last[v] : previous))
                     continue;
-                last[v] = closest;
-                previous = closest;
+                last[v] = triangle;
+                previous = triangle;
                 double q[3] = {closest.x, closest.y, closest.z};
                 if (m != 1.0) {
                     double e[3] = {q[0] - point[0], q[1] - point[1], q[2] - point[2]};

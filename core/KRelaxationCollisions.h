@@ -58,13 +58,26 @@ private:
     struct Collider {
         bool active = false;
         float reach = 0.0f;
+        float certRadius = 0.0f;  // the radius of the no-crossing certificates (see RayMemo)
         KTriMeshDistTree tree{2, 20};
     };
     std::vector<Collider> _colliders;
     std::vector<std::vector<float> > _hits;  // one buffer per thread
-    // The last closest point found for each vertex and collider in this evaluation (x is NaN when
-    // none): a search bound that gives the same result much faster.
-    std::vector<KVector> _closest;
+    // Per vertex and collider in this evaluation, what spares later inside tests their ray cast:
+    // the source of the last cast and whether it crossed an odd number of times (the same source
+    // gives the same answer), and a source whose rays could not come near the collider's leaves
+    // from anywhere within the collider's certRadius (a source that stays that close is outside).
+    struct RayMemo {
+        KVector cast;   // x is NaN until the first cast
+        KVector clear;  // x is NaN when there is no such source
+        bool odd = false;
+        bool certTried = false;  // a certificate was tried at the last cast with no crossing, and failed
+    };
+    std::vector<RayMemo> _rayMemos;
+    // The triangle of the last closest point found for each vertex and collider in this
+    // evaluation (-1: none yet): the hint of the vertex's next search, which then starts with a
+    // tight bound (the answer does not depend on it).
+    std::vector<int> _lastTriangle;
     int _count = 0;
 };
 

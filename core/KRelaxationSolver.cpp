@@ -2,6 +2,10 @@
 
 #include <cmath>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "KPointTransform.h"
 #include "KThreads.h"
 
@@ -256,6 +260,110 @@ inline bool RelaxTarget(const RelaxTables& in, int i, int begin, int dynamicN, b
     return true;
 }
 
+#if defined(__SSE2__)
+// RelaxTarget for two vertices with the same valence kN at once, vertex a in the low lane and b
+// in the high lane of every SSE2 double pair. Every lane performs exactly the operations of
+// RelaxTarget<kN> in the same order (additions from 0.0, the same products, IEEE division and
+// square root), so each vertex gets the bits it would get alone. moves[k] is false where that
+// vertex stays (its ring normal vanishes); its target is then not written.
+template <int kN>
+inline void RelaxTargetPair(const RelaxTables& in, int a, int b, int beginA, int beginB, bool scaleSafe,
+                            double ta[3], double tb[3], bool moves[2]) {
+    const KDouble3* p = in.p;
+    const __m128d zero = _mm_setzero_pd();
+    auto pair = [](double lo, double hi) { return _mm_set_pd(hi, lo); };
+    __m128d q[kN][3], r[kN][3], s[kN];
+    const __m128d inv = _mm_set1_pd(1.0 / kN);
+    __m128d c[3] = {zero, zero, zero};
+    const int* sa = in.sorted + beginA;
+    const int* sb = in.sorted + beginB;
+    for (int k = 0; k < kN; ++k) {
+        const KDouble3& xa = p[sa[k]];
+        const KDouble3& xb = p[sb[k]];
+        for (int x = 0; x < 3; ++x) {
+            q[k][x] = pair(xa[x], xb[x]);
+            c[x] = _mm_add_pd(c[x], q[k][x]);
+        }
+    }
+    for (int x = 0; x < 3; ++x) c[x] = _mm_mul_pd(c[x], inv);
+
+    const int* oa = in.order + beginA;
+    const int* ob = in.order + beginB;
+    __m128d prev[3];
+    {
+        const KDouble3& la = p[oa[kN - 1]];
+        const KDouble3& lb = p[ob[kN - 1]];
+        for (int x = 0; x < 3; ++x) prev[x] = _mm_sub_pd(pair(la[x], lb[x]), c[x]);
+    }
+    __m128d N[3] = {zero, zero, zero};
+    for (int k = 0; k < kN; ++k) {
+        const KDouble3& pa = p[oa[k]];
+        const KDouble3& pb = p[ob[k]];
+        __m128d cur[3];
+        for (int x = 0; x < 3; ++x) cur[x] = _mm_sub_pd(pair(pa[x], pb[x]), c[x]);
+        N[0] = _mm_add_pd(N[0], _mm_sub_pd(_mm_mul_pd(cur[1], prev[2]), _mm_mul_pd(cur[2], prev[1])));
+        N[1] = _mm_add_pd(N[1], _mm_sub_pd(_mm_mul_pd(cur[2], prev[0]), _mm_mul_pd(cur[0], prev[2])));
+        N[2] = _mm_add_pd(N[2], _mm_sub_pd(_mm_mul_pd(cur[0], prev[1]), _mm_mul_pd(cur[1], prev[0])));
+        for (int x = 0; x < 3; ++x) prev[x] = cur[x];
+    }
+    const __m128d len2 =
+        _mm_add_pd(_mm_add_pd(_mm_mul_pd(N[0], N[0]), _mm_mul_pd(N[1], N[1])), _mm_mul_pd(N[2], N[2]));
+    const int ok = _mm_movemask_pd(_mm_cmpgt_pd(len2, zero));
+    moves[0] = (ok & 1) != 0;
+    moves[1] = (ok & 2) != 0;
+    if (ok == 0) return;
+    // A lane whose normal vanishes computes with length 1 (its result is not used).
+    const __m128d one = _mm_set1_pd(1.0);
+    const __m128d safeLen2 = _mm_or_pd(_mm_and_pd(_mm_cmpgt_pd(len2, zero), len2),
+                                       _mm_andnot_pd(_mm_cmpgt_pd(len2, zero), one));
+    const __m128d invLen = _mm_div_pd(one, _mm_sqrt_pd(safeLen2));
+    for (int x = 0; x < 3; ++x) N[x] = _mm_mul_pd(N[x], invLen);
+
+    __m128d sum = zero;
+    for (int k = 0; k < kN; ++k) {
+        s[k] = _mm_add_pd(_mm_add_pd(_mm_mul_pd(N[0], q[k][0]), _mm_mul_pd(N[1], q[k][1])), _mm_mul_pd(N[2], q[k][2]));
+        sum = _mm_add_pd(sum, s[k]);
+    }
+    const __m128d d = _mm_mul_pd(_mm_xor_pd(sum, _mm_set1_pd(-0.0)), inv);  // -sum (a sign flip) times 1/n
+
+    const double* wa = in.mvw + beginA;
+    const double* wb = in.mvw + beginB;
+    __m128d w[kN];
+    __m128d e[3] = {zero, zero, zero};
+    for (int k = 0; k < kN; ++k) {
+        w[k] = pair(wa[k], wb[k]);
+        const __m128d h = _mm_add_pd(s[k], d);
+        s[k] = h;
+        for (int x = 0; x < 3; ++x) {
+            r[k][x] = _mm_sub_pd(q[k][x], _mm_mul_pd(N[x], h));
+            e[x] = _mm_add_pd(e[x], _mm_mul_pd(w[k], r[k][x]));
+        }
+    }
+
+    __m128d lift;
+    if (scaleSafe) {
+        const double* ra = in.ratios + beginA;
+        const double* rb = in.ratios + beginB;
+        lift = zero;
+        for (int k = 0; k < kN; ++k) {
+            const __m128d l0 = _mm_sub_pd(e[0], r[k][0]), l1 = _mm_sub_pd(e[1], r[k][1]), l2 = _mm_sub_pd(e[2], r[k][2]);
+            const __m128d l = _mm_sqrt_pd(
+                _mm_add_pd(_mm_add_pd(_mm_mul_pd(l0, l0), _mm_mul_pd(l1, l1)), _mm_mul_pd(l2, l2)));
+            lift = _mm_add_pd(lift, _mm_mul_pd(w[k], _mm_add_pd(_mm_mul_pd(pair(ra[k], rb[k]), l), s[k])));
+        }
+    } else {
+        lift = pair(static_cast<double>(in.heights[a]), static_cast<double>(in.heights[b]));
+    }
+    double lo[2], hi[2];
+    for (int x = 0; x < 3; ++x) {
+        _mm_storel_pd(lo, _mm_add_pd(e[x], _mm_mul_pd(N[x], lift)));
+        _mm_storeh_pd(hi, _mm_add_pd(e[x], _mm_mul_pd(N[x], lift)));
+        ta[x] = lo[0];
+        tb[x] = hi[0];
+    }
+}
+#endif
+
 }  // namespace
 
 void KRelaxationSolver::_relaxPass(const KArray<KDouble3>& prevPoints, KArray<KDouble3>& curPoints, bool scaleSafe,
@@ -272,31 +380,59 @@ void KRelaxationSolver::_relaxPass(const KArray<KDouble3>& prevPoints, KArray<KD
                                 _caches.scalableRatios.data(),
                                 _caches.meanValWeights.data(),
                                 _caches.heightCache.data()};
-#pragma omp parallel for schedule(static) num_threads(TeamFor(threads, count))
-    for (int i = 0; i < count; ++i) {
-        const KDouble3& y = p[i];
-        cur[i] = y;
-        if (weights[i] <= 0.001f) continue;
+    // The target of vertex i (false: it stays), and the stiffness blend of a target into cur[i].
+    auto target = [&](int i, double t[3]) {
+        if (weights[i] <= 0.001f) return false;
         const int begin = offsets[i];
         const int n = offsets[i + 1] - begin;
-        if (n < 1) continue;
-        double t[3];
-        bool moves;
+        if (n < 1) return false;
         switch (n) {
-            case 3: moves = RelaxTarget<3>(tables, i, begin, n, scaleSafe, t); break;
-            case 4: moves = RelaxTarget<4>(tables, i, begin, n, scaleSafe, t); break;
-            case 5: moves = RelaxTarget<5>(tables, i, begin, n, scaleSafe, t); break;
-            case 6: moves = RelaxTarget<6>(tables, i, begin, n, scaleSafe, t); break;
-            default: moves = RelaxTarget<0>(tables, i, begin, n, scaleSafe, t); break;
+            case 3: return RelaxTarget<3>(tables, i, begin, n, scaleSafe, t);
+            case 4: return RelaxTarget<4>(tables, i, begin, n, scaleSafe, t);
+            case 5: return RelaxTarget<5>(tables, i, begin, n, scaleSafe, t);
+            case 6: return RelaxTarget<6>(tables, i, begin, n, scaleSafe, t);
+            default: return RelaxTarget<0>(tables, i, begin, n, scaleSafe, t);
         }
-        if (!moves) continue;
+    };
+    auto blend = [&](int i, const double t[3]) {
         // Stiffness blend towards the point of the pass before.
+        const KDouble3& y = p[i];
         const double stiff = static_cast<double>(static_cast<float>(stiffness[i]));
         KDouble3 out;
         out[0] = t[0] + (y[0] - t[0]) * stiff;
         out[1] = t[1] + (y[1] - t[1]) * stiff;
         out[2] = t[2] + (y[2] - t[2]) * stiff;
         cur[i] = out;
+    };
+    // Vertices go in pairs (2k, 2k + 1); a pair of moving vertices with the same common valence
+    // is computed two at a time, with the same bits as one at a time.
+    const int pairs = (count + 1) / 2;
+#pragma omp parallel for schedule(static) num_threads(TeamFor(threads, count))
+    for (int k = 0; k < pairs; ++k) {
+        const int i = 2 * k, j = 2 * k + 1;
+        cur[i] = p[i];
+        if (j < count) cur[j] = p[j];
+#if defined(__SSE2__)
+        if (j < count && weights[i] > 0.001f && weights[j] > 0.001f) {
+            const int n = offsets[i + 1] - offsets[i];
+            if (n == offsets[j + 1] - offsets[j] && n >= 3 && n <= 6) {
+                double ti[3], tj[3];
+                bool moves[2];
+                switch (n) {
+                    case 3: RelaxTargetPair<3>(tables, i, j, offsets[i], offsets[j], scaleSafe, ti, tj, moves); break;
+                    case 4: RelaxTargetPair<4>(tables, i, j, offsets[i], offsets[j], scaleSafe, ti, tj, moves); break;
+                    case 5: RelaxTargetPair<5>(tables, i, j, offsets[i], offsets[j], scaleSafe, ti, tj, moves); break;
+                    default: RelaxTargetPair<6>(tables, i, j, offsets[i], offsets[j], scaleSafe, ti, tj, moves); break;
+                }
+                if (moves[0]) blend(i, ti);
+                if (moves[1]) blend(j, tj);
+                continue;
+            }
+        }
+#endif
+        double t[3];
+        if (target(i, t)) blend(i, t);
+        if (j < count && target(j, t)) blend(j, t);
     }
 }
 

@@ -1,4 +1,5 @@
 #include "KTriMeshDistTree.h"
+#include "MeshGenerators.h"
 
 #include <gtest/gtest.h>
 
@@ -102,10 +103,15 @@ void ExpectExact(const KTriMeshDistTree& tree, const KTriMesh& m, const KVector&
 }  // namespace
 
 TEST(KTriMeshDistTree, MatchesBruteForce) {
-    // Overlapping soup, sparse small triangles, long triangles, a connected sheet and degenerate
-    // triangles (which must never give NaN); the two tree parameters (including the fallbacks
-    // below 1) only change the layout. The queries run concurrently, as the nodes run them.
+    // Overlapping soup, sparse small triangles, long triangles, a connected sheet, a closed
+    // sphere far from the origin (queries inside and outside a curved surface, float rounding at a
+    // large scale) and degenerate triangles (which must never give NaN); the two tree parameters
+    // (including the fallbacks below 1) only change the layout. The queries run concurrently, as
+    // the nodes run them.
     std::mt19937 rng(7);
+    KTriMesh farSphere;
+    MakeIcosphere(3).triangulate(farSphere);
+    for (KVector& p : farSphere.points) p = p * 3.0f + KVector(1000.0f, -500.0f, 250.0f);
     const struct {
         KTriMesh mesh;
         int leaf, depth;
@@ -113,6 +119,7 @@ TEST(KTriMeshDistTree, MatchesBruteForce) {
                  {RandomSoup(rng, 50, 100.0f, 40.0f), 10, 10}, {Sheet(25, 2.0f), 10, 10},
                  {RandomSoup(rng, 700, 5.0f, 1.0f), 1, 32}, {RandomSoup(rng, 700, 5.0f, 1.0f), 1, 1},
                  {RandomSoup(rng, 700, 5.0f, 1.0f), 3, 2}, {RandomSoup(rng, 700, 5.0f, 1.0f), -4, 0},
+                 {farSphere, 10, 10}, {farSphere, 2, 20},
                  {Degenerate(), 10, 10}, {Degenerate(0), 10, 10}, {Degenerate(1), 10, 10},
                  {Degenerate(2), 10, 10}, {Degenerate(3), 10, 10}};
     for (const auto& c : cases) {
@@ -261,6 +268,46 @@ TEST(KTriMeshDistTree, UpdateRefitsAMovedMeshAndAnswersAsAFreshBuild) {
             ASSERT_EQ(f1, f2) << s.what;
             ASSERT_EQ(t1, t2) << s.what;
             ASSERT_EQ(c1, c2) << s.what;
+        }
+    }
+}
+
+// A hint only bounds the search from the start: with any hint (a near or far triangle, one left
+// out of the tree, an index out of range) both query forms answer bit for bit as without one,
+// inside a radius as well as unbounded.
+TEST(KTriMeshDistTree, HintsNeverChangeTheAnswer) {
+    std::mt19937 rng(3);
+    KTriMesh sheet = Sheet(30, 2.0f);
+    sheet.points.push_back(KVector(NAN, 0, 0));
+    sheet.triangles.push_back(KInt3{0, 1, sheet.numVertices() - 1});  // left out: a NaN corner
+    const int leftOut = sheet.numTriangles() - 1;
+    const KTriMesh soup = RandomSoup(rng, 500, 3.0f, 0.6f);
+    for (const KTriMesh* mesh : {static_cast<const KTriMesh*>(&sheet), &soup}) {
+        const KTriMeshDistTree tree(*mesh, 10, 10);
+        const int nt = mesh->numTriangles();
+        std::vector<KVector> queries = RandomPoints(rng, 300, 3.0f);
+        queries.insert(queries.end(), mesh->points.begin(), mesh->points.begin() + 40);
+        for (const KVector& q : queries) {
+            if (!std::isfinite(q.x)) continue;
+            for (float radius : {1e30f, 0.3f, 0.0f}) {
+                KVector c0(7, 7, 7);
+                int t0 = -2;
+                float a0 = 2, b0 = 2;
+                const bool f0 = tree.getClosestPoint(q, c0, t0, radius);
+                int tb0 = -2;
+                tree.getClosestPoint(q, tb0, a0, b0, radius);
+                const int nearby = t0 >= 0 ? t0 : 0;
+                for (int hint : {nearby, std::max(nearby - 1, 0), std::min(nearby + 1, nt - 1),
+                                 static_cast<int>(rng() % nt), leftOut, nt, -5, -1}) {
+                    KVector c1(7, 7, 7);
+                    int t1 = -2, tb1 = -2;
+                    float a1 = 2, b1 = 2;
+                    ASSERT_EQ(tree.getClosestPoint(q, c1, t1, radius, hint), f0) << hint;
+                    tree.getClosestPoint(q, tb1, a1, b1, radius, hint);
+                    ASSERT_TRUE(t1 == t0 && c1 == c0 && tb1 == tb0 && a1 == a0 && b1 == b0)
+                        << "hint " << hint << " radius " << radius << ": " << t1 << " vs " << t0;
+                }
+            }
         }
     }
 }

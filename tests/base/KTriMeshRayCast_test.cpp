@@ -76,3 +76,73 @@ TEST(TriMeshRayCast, ParityOfCrossingsTellsInsideFromOutsideOfAClosedSphere) {
     }
     EXPECT_GT(inside, 100);
 }
+
+// missesNear is a certificate: where it holds, no source within the radius finds a crossing, up to
+// the corners of the radius's cube and along axis-parallel rays; near the surface it is refused.
+TEST(TriMeshRayCast, MissesNearHoldsForEverySourceWithinTheRadius) {
+    KTriMesh sphere;
+    MakeIcosphere(3).triangulate(sphere);
+    KTriMesh far = sphere;
+    for (KVector& p : far.points) p = p * 2.0f + KVector(300.0f, -200.0f, 50.0f);
+    std::mt19937 rng(11);
+    std::uniform_real_distribution<float> u(-1.0f, 1.0f);
+    std::vector<float> hits;
+    for (const KTriMesh* mesh : {&sphere, &far}) {
+        const KTriMeshDistTree tree(*mesh, 2, 20);
+        const KVector centre = mesh->points[0] - sphere.points[0] * (mesh == &far ? 2.0f : 1.0f);
+        const float size = mesh == &far ? 2.0f : 1.0f, reach = 8.0f * size, radius = 0.02f * size;
+        int certified = 0, refused = 0;
+        for (int i = 0; i < 400; ++i) {
+            const KVector source = centre + KVector(u(rng), u(rng), u(rng)) * (2.5f * size);
+            KVector direction(u(rng), u(rng), u(rng));
+            if (i % 4 == 0) direction = KVector(0, 0, i % 8 == 0 ? 1.0f : -1.0f);  // parallel to two slabs
+            if (tree.missesNear(source, direction, reach, 1e-6f, radius)) {
+                ++certified;
+                for (int k = 0; k < 40; ++k) {
+                    // Random offsets, the cube's corners and faces.
+                    KVector offset(u(rng), u(rng), u(rng));
+                    if (k < 8) offset = KVector(k & 1 ? 1.0f : -1.0f, k & 2 ? 1.0f : -1.0f, k & 4 ? 1.0f : -1.0f);
+                    if (k >= 8 && k < 14) offset = KVector(k == 8 ? 1.0f : k == 9 ? -1.0f : 0.0f,
+                                                           k == 10 ? 1.0f : k == 11 ? -1.0f : 0.0f,
+                                                           k == 12 ? 1.0f : k == 13 ? -1.0f : 0.0f);
+                    ASSERT_EQ(tree.allIntersections(source + offset * radius, direction, reach, 1e-6f, hits), 0)
+                        << i << " " << k;
+                }
+            } else if (tree.allIntersections(source, direction, reach, 1e-6f, hits) > 0) {
+                ++refused;
+            }
+        }
+        EXPECT_GT(certified, 100);
+        EXPECT_GT(refused, 20);
+        // On the surface, or with the radius reaching it, there is no certificate.
+        EXPECT_FALSE(tree.missesNear(mesh->points[3], KVector(1, 0, 0), reach, 1e-6f, 0.0f));
+        const KVector outside = centre + (mesh->points[5] - centre) * 1.01f;
+        EXPECT_FALSE(tree.missesNear(outside, mesh->points[5] - centre, reach, 1e-6f, 0.05f * size));
+    }
+    // Rays past a cube's edge, closer and closer: the boxes of the side faces are the faces
+    // themselves, so a certificate given too close would let the sources nearer the cube cross its
+    // top and bottom.
+    const KTriMeshDistTree cube(UnitCube(), 2, 10);
+    const float radius = 0.01f;
+    int certified = 0;
+    for (const KVector& direction : {KVector(0, 0, 1), KVector(0.001f, -0.002f, 1), KVector(0, 1, 0)}) {
+        for (int step = 40; step >= 0; --step) {
+            const float gap = radius * 0.1f * step;  // from 4 radii down to 0
+            const KVector source = direction.y == 1 ? KVector(1 + gap, -3, 0.3f) : KVector(1 + gap, 0.3f, -3);
+            if (!cube.missesNear(source, direction, 10.0f, 1e-6f, radius)) continue;
+            ++certified;
+            EXPECT_GE(gap, radius) << "certified " << gap << " from the cube";
+            for (float dx : {-radius, -0.5f * radius, 0.0f})
+                EXPECT_EQ(cube.allIntersections(source + KVector(dx, 0, 0), direction, 10.0f, 1e-6f, hits), 0);
+        }
+    }
+    EXPECT_GE(certified, 3 * 15);
+
+    // Nothing to find whatever the source: an empty tree, no direction, a negative reach.
+    const KTriMeshDistTree tree(sphere, 2, 20), empty(2, 20);
+    EXPECT_TRUE(empty.missesNear(KVector(), KVector(0, 0, 1), 5.0f, 1e-6f, 1.0f));
+    EXPECT_TRUE(tree.missesNear(KVector(), KVector(0, 0, 0), 5.0f, 1e-6f, 1.0f));
+    EXPECT_TRUE(tree.missesNear(KVector(), KVector(0, 0, 1), -1.0f, 1e-6f, 1.0f));
+    EXPECT_FALSE(tree.missesNear(KVector(NAN, 0, 0), KVector(0, 0, 1), 5.0f, 1e-6f, 1.0f));
+    EXPECT_FALSE(tree.missesNear(KVector(), KVector(0, 0, 1), 5.0f, 1e-6f, NAN));
+}

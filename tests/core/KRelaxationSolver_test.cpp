@@ -120,6 +120,45 @@ TEST(RelaxationSolver, BumpOnAFlatGridRelaxesBackToFlat) {
     EXPECT_NEAR(node.solver.points()[27][2], 0.0, 1e-12) << "far from the bump nothing moves";
 }
 
+// Neighbouring vertices of the same valence are relaxed two at a time; each must get the bits it
+// gets alone. A vertex in no face put first shifts every index by one, so that every vertex is
+// paired differently (or not at all), and the passes must give the same bits; the meshes cover
+// valences 2 to 6, the weights leave some vertices out, and both lifts are used.
+TEST(RelaxationSolver, PassesGiveTheSameBitsWhateverTheVertexPairing) {
+    KPolyMesh sphere = MakeIcosphere(2);
+    for (KVector& p : sphere.points) p.z *= 1.3f;
+    const KPolyMesh grid = MakeDetailedGrid(13, 3.0f);
+    KPolyMesh fan = Fan(5, 0.4f);
+    for (const KPolyMesh* rest : {static_cast<const KPolyMesh*>(&sphere), &grid, static_cast<const KPolyMesh*>(&fan)}) {
+        KPolyMesh shifted = *rest;
+        shifted.points.insert(shifted.points.begin(), KVector(9.0f, 9.0f, 9.0f));
+        for (int& v : shifted.faceVertices) ++v;
+        KVectorArray pose = rest->points;
+        for (int v = 0; v < pose.length(); ++v) pose[v] += KVector(0.05f * std::sin(3.0f * v), 0.0f, 0.1f * std::cos(v));
+        KVectorArray shiftedPose = pose;
+        shiftedPose.insert(shiftedPose.begin(), KVector(9.0f, 9.0f, 9.0f));
+        std::vector<float> weights, shiftedWeights(1, 1.0f);
+        for (int v = 0; v < pose.length(); ++v) weights.push_back(v % 7 == 3 ? 0.0005f : (v % 5 == 1 ? 0.6f : 1.0f));
+        shiftedWeights.insert(shiftedWeights.end(), weights.begin(), weights.end());
+        for (bool scaleSafe : {true, false}) {
+            Node a(*rest), b(shifted);
+            ASSERT_TRUE(a.run(rest->points).outcome.deformed());
+            ASSERT_TRUE(b.run(shifted.points).outcome.deformed());
+            KRelaxationInput in = Options(4, scaleSafe);
+            in.weights = weights.data();
+            ASSERT_TRUE(a.run(pose, in).outcome.deformed());
+            in.weights = shiftedWeights.data();
+            ASSERT_TRUE(b.run(shiftedPose, in).outcome.deformed());
+            int moved = 0;
+            for (int v = 0; v < pose.length(); ++v) {
+                ASSERT_EQ(a.solver.points()[v], b.solver.points()[v + 1]) << "vertex " << v << " scale-safe " << scaleSafe;
+                moved += !(a.solver.points()[v] == Widen(pose)[v]);
+            }
+            EXPECT_GT(moved, pose.length() / 2);
+        }
+    }
+}
+
 TEST(RelaxationSolver, WeightsEnvelopeMatrixAndThreadsBlendAsDescribed) {
     const KPolyMesh rest = MakeDetailedGrid(12, 4.0f);
     const KVectorArray bent = BendAroundY(rest, 1.0f).points;
