@@ -67,13 +67,25 @@ public:
     int allIntersections(const KVector& source, const KVector& direction, float maxDistance, float tolerance,
                          std::vector<float>& hits) const;
 
-    // True only when allIntersections(s, direction, maxDistance, tolerance, hits) finds nothing for
-    // every source s within radius of source along each axis (|s.x - source.x| <= radius, and so on):
-    // the ray cannot come near enough to any leaf of the tree. It answers false when it cannot show
-    // that (the rays pass near a triangle, or the scene is too large for its rounding bounds), so a
-    // caller that moves a source by little between casts can skip the casts while this holds.
-    bool missesNear(const KVector& source, const KVector& direction, float maxDistance, float tolerance,
-                    float radius) const;
+    // A leaf of the tree, as its run of slots.
+    struct LeafRun {
+        int first;
+        int count;
+    };
+    // The leaves (at most capacity of them, into leaves) that the rays of allIntersections(s,
+    // direction, maxDistance, tolerance) could meet for any source s within radius of source along
+    // each axis (|s.x - source.x| <= radius, and so on). Returns their number, or -1 when there are
+    // more than capacity or it cannot show it (a non-finite source or radius, or a scene too large
+    // for its rounding bounds). 0 certifies that no such ray crosses the surface, so a caller that
+    // moves a source by little between casts can skip the casts while that holds, or cast against
+    // the listed leaves alone (intersectionsInLeaves).
+    int leavesNear(const KVector& source, const KVector& direction, float maxDistance, float tolerance, float radius,
+                   LeafRun* leaves, int capacity) const;
+    // allIntersections for a source within the radius of a leavesNear call with the same direction,
+    // maxDistance and tolerance, meeting only the leaves it listed: the same crossings, without
+    // walking the tree. Runs that are not slots of this tree are skipped.
+    int intersectionsInLeaves(const KVector& source, const KVector& direction, float maxDistance, float tolerance,
+                              const LeafRun* leaves, int count, std::vector<float>& hits) const;
 
 private:
     // One inner node: the boxes of its up to four children, stored per axis so that the four box
@@ -103,6 +115,11 @@ private:
     };
     struct Prim;  // build-time centre of one triangle
 
+    // allIntersections, over the given leaves instead of the tree's traversal when leaves is set.
+    int _rayHits(const KVector& source, const KVector& direction, float maxDistance, float tolerance,
+                 const LeafRun* leaves, int numLeaves, std::vector<float>& hits) const;
+    // Sorts the hits and keeps one per cluster closer than tol; returns how many are left.
+    static int _clusterHits(std::vector<float>& hits, double tol);
     bool _search(const KVector& p, float maxDistance, int hint, int& triangle, float& u, float& v,
                  KVector& closest) const;
     // Fills _slotBoxes and _slotPlanes from _corners.

@@ -89,6 +89,17 @@ struct RaySlabs {
 
 int KTriMeshDistTree::allIntersections(const KVector& source, const KVector& direction, float maxDistance,
                                        float tolerance, std::vector<float>& hits) const {
+    return _rayHits(source, direction, maxDistance, tolerance, nullptr, 0, hits);
+}
+
+int KTriMeshDistTree::intersectionsInLeaves(const KVector& source, const KVector& direction, float maxDistance,
+                                            float tolerance, const LeafRun* leaves, int count,
+                                            std::vector<float>& hits) const {
+    return _rayHits(source, direction, maxDistance, tolerance, leaves, leaves ? std::max(0, count) : 0, hits);
+}
+
+int KTriMeshDistTree::_rayHits(const KVector& source, const KVector& direction, float maxDistance, float tolerance,
+                               const LeafRun* given, int numGiven, std::vector<float>& hits) const {
     hits.clear();
     if (_nodes.empty() || !Finite(source) || !Finite(direction) || !(maxDistance >= 0.0f)) return 0;
     const double len = std::sqrt(double(direction.x) * direction.x + double(direction.y) * direction.y +
@@ -98,24 +109,6 @@ int KTriMeshDistTree::allIntersections(const KVector& source, const KVector& dir
     const double d[3] = {direction.x / len, direction.y / len, direction.z / len};
     const double tol = tolerance > 0.0f ? tolerance : 0.0;
     const double tMax = static_cast<double>(maxDistance) + tol;
-
-    // The four child boxes of a node are tested together in single precision. The test is only a
-    // filter, so it is kept conservative: boxes are widened by the tolerance plus a margin above
-    // float rounding at the scene's scale, and the slab interval by a relative slack. An axis the
-    // ray runs parallel to gets a huge finite inverse, which rejects exactly the slabs the source
-    // lies outside of.
-    RaySlabs slabs;
-    double scale = std::max(1.0, static_cast<double>(_extent));
-    for (int a = 0; a < 3; ++a) {
-        slabs.origin[a] = source[a];
-        const double id = d[a] == 0.0 ? 1e30 : std::max(-1e30, std::min(1e30, 1.0 / d[a]));
-        slabs.inv[a] = static_cast<float>(id);
-        scale = std::max(scale, std::fabs(o[a]));
-    }
-    slabs.margin = static_cast<float>(tol + 1e-6 * scale);
-    slabs.tStart = -slabs.margin;
-    slabs.tEnd = static_cast<float>(tMax) + slabs.margin;
-    slabs.prepare();
 
     // The leaves whose box the ray meets are gathered first (single precision only), then their
     // triangles are intersected in double; the order of the hits does not matter, they are sorted.
@@ -150,6 +143,40 @@ int KTriMeshDistTree::allIntersections(const KVector& source, const KVector& dir
         leaves = 0;
     };
 
+    if (given) {
+        // Leaves that leavesNear listed for a nearby source: a superset of those the traversal
+        // below would reach, and triangles outside those are never met (its box test is only a
+        // conservative filter), so the crossings are the same.
+        for (int g = 0; g < numGiven; ++g) {
+            if (given[g].first < 0 || given[g].count < 1 ||
+                static_cast<size_t>(given[g].first) + static_cast<size_t>(given[g].count) > _order.size())
+                continue;
+            leafFirst[leaves] = given[g].first;
+            leafCount[leaves] = given[g].count;
+            if (++leaves == kLeafBatch) intersectLeaves();
+        }
+        intersectLeaves();
+        return _clusterHits(hits, tol);
+    }
+
+    // The four child boxes of a node are tested together in single precision. The test is only a
+    // filter, so it is kept conservative: boxes are widened by the tolerance plus a margin above
+    // float rounding at the scene's scale, and the slab interval by a relative slack. An axis the
+    // ray runs parallel to gets a huge finite inverse, which rejects exactly the slabs the source
+    // lies outside of.
+    RaySlabs slabs;
+    double scale = std::max(1.0, static_cast<double>(_extent));
+    for (int a = 0; a < 3; ++a) {
+        slabs.origin[a] = source[a];
+        const double id = d[a] == 0.0 ? 1e30 : std::max(-1e30, std::min(1e30, 1.0 / d[a]));
+        slabs.inv[a] = static_cast<float>(id);
+        scale = std::max(scale, std::fabs(o[a]));
+    }
+    slabs.margin = static_cast<float>(tol + 1e-6 * scale);
+    slabs.tStart = -slabs.margin;
+    slabs.tEnd = static_cast<float>(tMax) + slabs.margin;
+    slabs.prepare();
+
     int stack[kRayStackSize];
     int top = 0;
     stack[top++] = 0;
@@ -168,6 +195,10 @@ int KTriMeshDistTree::allIntersections(const KVector& source, const KVector& dir
         }
     }
     intersectLeaves();
+    return _clusterHits(hits, tol);
+}
+
+int KTriMeshDistTree::_clusterHits(std::vector<float>& hits, double tol) {
     if (hits.size() < 2) return static_cast<int>(hits.size());
     std::sort(hits.begin(), hits.end());
     // One crossing per cluster of hits closer than the tolerance (a shared edge or vertex).
@@ -182,14 +213,14 @@ int KTriMeshDistTree::allIntersections(const KVector& source, const KVector& dir
 
 namespace Kavrin {
 
-bool KTriMeshDistTree::missesNear(const KVector& source, const KVector& direction, float maxDistance, float tolerance,
-                                  float radius) const {
+int KTriMeshDistTree::leavesNear(const KVector& source, const KVector& direction, float maxDistance, float tolerance,
+                                 float radius, LeafRun* leaves, int capacity) const {
     // What allIntersections answers with nothing whatever the source.
-    if (_nodes.empty() || !Finite(direction) || !(maxDistance >= 0.0f)) return true;
-    if (!Finite(source) || !(radius >= 0.0f) || !std::isfinite(radius)) return false;
+    if (_nodes.empty() || !Finite(direction) || !(maxDistance >= 0.0f)) return 0;
+    if (!Finite(source) || !(radius >= 0.0f) || !std::isfinite(radius)) return -1;
     const double len = std::sqrt(double(direction.x) * direction.x + double(direction.y) * direction.y +
                                  double(direction.z) * direction.z);
-    if (!(len > 0.0)) return true;
+    if (!(len > 0.0)) return 0;
     // The direction and its inverses exactly as allIntersections computes them.
     const double d[3] = {direction.x / len, direction.y / len, direction.z / len};
     const double tol = tolerance > 0.0f ? tolerance : 0.0;
@@ -203,7 +234,7 @@ bool KTriMeshDistTree::missesNear(const KVector& source, const KVector& directio
         scale = std::max(scale, std::fabs(static_cast<double>(source[a])) + radius);
     }
     // Far from the origin or along long rays the slab products could overflow; no claim there.
-    if (scale + tMax > 1e6) return false;
+    if (scale + tMax > 1e6) return -1;
     // A box that the test of a source s within radius passes, widened by s's margin, is met by the
     // segment from s once widened further by the test's rounding (below err: the two subtractions
     // and the product of every slab bound, and the relative slack, are far below it); the same
@@ -216,6 +247,7 @@ bool KTriMeshDistTree::missesNear(const KVector& source, const KVector& directio
     slabs.tEnd = static_cast<float>(tMax) + slabs.margin;
     slabs.prepare();
 
+    int found = 0;
     int stack[kRayStackSize];
     int top = 0;
     stack[top++] = 0;
@@ -223,11 +255,18 @@ bool KTriMeshDistTree::missesNear(const KVector& source, const KVector& directio
         const Node& node = _nodes[static_cast<size_t>(stack[--top])];
         for (int mask = slabs.hits(node.lo, node.hi, node.count); mask != 0; mask &= mask - 1) {
             const int c = LowestBit(mask);
-            if (node.count[c] != 0) return false;  // a leaf in reach: its triangles could be met
-            stack[top++] = node.first[c];
+            if (node.count[c] == 0) {
+                stack[top++] = node.first[c];
+                continue;
+            }
+            // A leaf in reach: its triangles could be met.
+            if (found == capacity) return -1;
+            leaves[found].first = node.first[c];
+            leaves[found].count = node.count[c];
+            ++found;
         }
     }
-    return true;
+    return found;
 }
 
 }  // namespace Kavrin

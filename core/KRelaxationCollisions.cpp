@@ -45,8 +45,8 @@ void KRelaxationCollisions::prepare(const KDouble3* worldPoints, int count, cons
         const double w = box.width() + meshBox.width(), h = box.height() + meshBox.height(),
                      d = box.depth() + meshBox.depth();
         out.reach = static_cast<float>(std::sqrt(w * w + h * h + d * d));
-        // Vertices move by far less than this between passes, except where they are pushed.
-        out.certRadius = 5e-4f * out.reach;
+        // Most vertices move by less than this between passes; a wider radius lists more leaves.
+        out.certRadius = 2.5e-4f * out.reach;
         out.tree.set(*in.mesh);
         out.active = !out.tree.empty();
     }
@@ -55,7 +55,7 @@ void KRelaxationCollisions::prepare(const KDouble3* worldPoints, int count, cons
     _lastTriangle.assign(static_cast<size_t>(count) * _colliders.size(), -1);
     const float nan = std::numeric_limits<float>::quiet_NaN();
     RayMemo fresh;
-    fresh.cast = fresh.clear = KVector(nan, nan, nan);
+    fresh.cast = fresh.anchor = KVector(nan, nan, nan);
     _rayMemos.assign(static_cast<size_t>(count) * _colliders.size(), fresh);
 }
 
@@ -82,7 +82,6 @@ void KRelaxationCollisions::collide(KDouble3* points, int count, const float* we
     const int numColliders = static_cast<int>(_colliders.size());
     if (count > _count) return;
     const int team = TeamFor(threads, count, 512);
-    if (static_cast<int>(_hits.size()) < team) _hits.resize(static_cast<size_t>(team));
     for (int c = 0; c < numColliders; ++c) {
         const Collider& collider = _colliders[static_cast<size_t>(c)];
         if (!collider.active) continue;
@@ -93,7 +92,10 @@ void KRelaxationCollisions::collide(KDouble3* points, int count, const float* we
         {
             // The thread's last triangle is the hint of a vertex that has none of its own yet.
             int previous = -1;
-            std::vector<float>& hits = _hits[static_cast<size_t>(OmpThreadNum())];
+            // Each thread's own buffer of crossings, in its own memory: buffers whose bookkeeping
+            // shared a cache line would slow every cast down.
+            std::vector<float> hits;
+            hits.reserve(64);
 #pragma omp for schedule(static)
             for (int v = 0; v < count; ++v) {
                 // A vertex of weight exactly 0.001 is collided, although the relax pass skips it.
@@ -104,28 +106,36 @@ void KRelaxationCollisions::collide(KDouble3* points, int count, const float* we
                 const KVector source(static_cast<float>(point[0]), static_cast<float>(point[1]),
                                      static_cast<float>(point[2]));
                 const KVector direction = normals[v] * reach;
-                // The inside test, spared when its answer is known: the cast from a source that has
-                // not moved, or the no-crossing certificate of a source that has not moved far.
+                // The inside test, spared when its answer is known (the same source as the last
+                // cast), and cast against the certified leaves alone while the source stays near the
+                // certificate's anchor.
                 RayMemo& memo = memos[v];
                 bool odd;
                 if (SameBits(source, memo.cast)) {
                     odd = memo.odd;
-                } else if (Within(source, memo.clear, collider.certRadius)) {
-                    odd = false;
                 } else {
-                    const int crossings = collider.tree.allIntersections(source, direction, reach, kTolerance, hits);
+                    // A certificate is made once per vertex, and again when one has run out; its
+                    // leaves then also give this cast.
+                    const bool near = Within(source, memo.anchor, collider.certRadius);
+                    if (!near && !memo.tried) {
+                        const int n = collider.tree.leavesNear(source, direction, reach, kTolerance,
+                                                               collider.certRadius, memo.leaves, kMemoLeaves);
+                        memo.tried = n < 0;
+                        memo.numLeaves = std::max(n, 0);
+                        memo.anchor = source;
+                        if (n < 0) memo.anchor.x = std::numeric_limits<float>::quiet_NaN();
+                    }
+                    int crossings;
+                    if (near || !memo.tried)
+                        crossings = memo.numLeaves == 0 ? 0
+                                                        : collider.tree.intersectionsInLeaves(source, direction, reach,
+                                                                                              kTolerance, memo.leaves,
+                                                                                              memo.numLeaves, hits);
+                    else
+                        crossings = collider.tree.allIntersections(source, direction, reach, kTolerance, hits);
                     odd = crossings % 2 == 1;
                     memo.cast = source;
                     memo.odd = odd;
-                    // Certificates are tried once per vertex, and again when one has run out.
-                    if (crossings == 0 && !memo.certTried) {
-                        if (collider.tree.missesNear(source, direction, reach, kTolerance, collider.certRadius)) {
-                            memo.clear = source;
-                        } else {
-                            memo.certTried = true;
-                            memo.clear.x = std::numeric_limits<float>::quiet_NaN();
-                        }
-                    }
                 }
                 if (!odd) continue;
 

@@ -58,20 +58,23 @@ private:
     struct Collider {
         bool active = false;
         float reach = 0.0f;
-        float certRadius = 0.0f;  // the radius of the no-crossing certificates (see RayMemo)
+        float certRadius = 0.0f;  // the radius of the certificates (see RayMemo)
         KTriMeshDistTree tree{2, 20};
     };
     std::vector<Collider> _colliders;
-    std::vector<std::vector<float> > _hits;  // one buffer per thread
     // Per vertex and collider in this evaluation, what spares later inside tests their ray cast:
     // the source of the last cast and whether it crossed an odd number of times (the same source
-    // gives the same answer), and a source whose rays could not come near the collider's leaves
-    // from anywhere within the collider's certRadius (a source that stays that close is outside).
+    // gives the same answer), and a certificate: the few leaves of the collider's tree that rays
+    // from anywhere within certRadius of its anchor could meet, so that a source that stays that
+    // close is cast against those leaves alone (none: it is outside without a cast).
+    static const int kMemoLeaves = 6;
     struct RayMemo {
-        KVector cast;   // x is NaN until the first cast
-        KVector clear;  // x is NaN when there is no such source
+        KVector cast;    // x is NaN until the first cast
+        KVector anchor;  // x is NaN when there is no certificate
         bool odd = false;
-        bool certTried = false;  // a certificate was tried at the last cast with no crossing, and failed
+        bool tried = false;  // a certificate was tried at the last cast and failed
+        int numLeaves = 0;
+        KTriMeshDistTree::LeafRun leaves[kMemoLeaves];
     };
     std::vector<RayMemo> _rayMemos;
     // The triangle of the last closest point found for each vertex and collider in this

@@ -23,6 +23,12 @@ KTriMesh UnitCube() {
     return m;
 }
 
+// The certificate without leaves: no ray from within the radius crosses the surface.
+bool Misses(const KTriMeshDistTree& tree, const KVector& source, const KVector& direction, float reach, float tolerance,
+            float radius) {
+    return tree.leavesNear(source, direction, reach, tolerance, radius, nullptr, 0) == 0;
+}
+
 }  // namespace
 
 TEST(TriMeshRayCast, CubeCrossingsDistancesAndLimits) {
@@ -77,9 +83,11 @@ TEST(TriMeshRayCast, ParityOfCrossingsTellsInsideFromOutsideOfAClosedSphere) {
     EXPECT_GT(inside, 100);
 }
 
-// missesNear is a certificate: where it holds, no source within the radius finds a crossing, up to
-// the corners of the radius's cube and along axis-parallel rays; near the surface it is refused.
-TEST(TriMeshRayCast, MissesNearHoldsForEverySourceWithinTheRadius) {
+// The leaves-near certificate: for every source within the radius, up to the corners of the
+// radius's cube and along axis-parallel rays, the listed leaves give exactly the crossings of the
+// whole tree, and none at all where it lists no leaf; near the surface a certificate without leaves
+// is refused.
+TEST(TriMeshRayCast, LeavesNearHoldForEverySourceWithinTheRadius) {
     KTriMesh sphere;
     MakeIcosphere(3).triangulate(sphere);
     KTriMesh far = sphere;
@@ -91,13 +99,15 @@ TEST(TriMeshRayCast, MissesNearHoldsForEverySourceWithinTheRadius) {
         const KTriMeshDistTree tree(*mesh, 2, 20);
         const KVector centre = mesh->points[0] - sphere.points[0] * (mesh == &far ? 2.0f : 1.0f);
         const float size = mesh == &far ? 2.0f : 1.0f, reach = 8.0f * size, radius = 0.02f * size;
-        int certified = 0, refused = 0;
+        int certified = 0, refused = 0, crossedInLeaves = 0;
         for (int i = 0; i < 400; ++i) {
             const KVector source = centre + KVector(u(rng), u(rng), u(rng)) * (2.5f * size);
             KVector direction(u(rng), u(rng), u(rng));
             if (i % 4 == 0) direction = KVector(0, 0, i % 8 == 0 ? 1.0f : -1.0f);  // parallel to two slabs
-            if (tree.missesNear(source, direction, reach, 1e-6f, radius)) {
-                ++certified;
+            KTriMeshDistTree::LeafRun leaves[8];
+            const int n = tree.leavesNear(source, direction, reach, 1e-6f, radius, leaves, 8);
+            if (n >= 0) {
+                certified += n == 0;
                 for (int k = 0; k < 40; ++k) {
                     // Random offsets, the cube's corners and faces.
                     KVector offset(u(rng), u(rng), u(rng));
@@ -105,19 +115,26 @@ TEST(TriMeshRayCast, MissesNearHoldsForEverySourceWithinTheRadius) {
                     if (k >= 8 && k < 14) offset = KVector(k == 8 ? 1.0f : k == 9 ? -1.0f : 0.0f,
                                                            k == 10 ? 1.0f : k == 11 ? -1.0f : 0.0f,
                                                            k == 12 ? 1.0f : k == 13 ? -1.0f : 0.0f);
-                    ASSERT_EQ(tree.allIntersections(source + offset * radius, direction, reach, 1e-6f, hits), 0)
+                    const KVector near = source + offset * radius;
+                    const int expected = tree.allIntersections(near, direction, reach, 1e-6f, hits);
+                    std::vector<float> listed;
+                    ASSERT_EQ(tree.intersectionsInLeaves(near, direction, reach, 1e-6f, leaves, n, listed), expected)
                         << i << " " << k;
+                    ASSERT_EQ(listed, hits) << i << " " << k;
+                    ASSERT_TRUE(n > 0 || expected == 0) << i << " " << k;
+                    crossedInLeaves += expected > 0;
                 }
             } else if (tree.allIntersections(source, direction, reach, 1e-6f, hits) > 0) {
                 ++refused;
             }
         }
         EXPECT_GT(certified, 100);
+        EXPECT_GT(crossedInLeaves, 200);
         EXPECT_GT(refused, 20);
         // On the surface, or with the radius reaching it, there is no certificate.
-        EXPECT_FALSE(tree.missesNear(mesh->points[3], KVector(1, 0, 0), reach, 1e-6f, 0.0f));
+        EXPECT_FALSE(Misses(tree, mesh->points[3], KVector(1, 0, 0), reach, 1e-6f, 0.0f));
         const KVector outside = centre + (mesh->points[5] - centre) * 1.01f;
-        EXPECT_FALSE(tree.missesNear(outside, mesh->points[5] - centre, reach, 1e-6f, 0.05f * size));
+        EXPECT_FALSE(Misses(tree, outside, mesh->points[5] - centre, reach, 1e-6f, 0.05f * size));
     }
     // Rays past a cube's edge, closer and closer: the boxes of the side faces are the faces
     // themselves, so a certificate given too close would let the sources nearer the cube cross its
@@ -129,7 +146,7 @@ TEST(TriMeshRayCast, MissesNearHoldsForEverySourceWithinTheRadius) {
         for (int step = 40; step >= 0; --step) {
             const float gap = radius * 0.1f * step;  // from 4 radii down to 0
             const KVector source = direction.y == 1 ? KVector(1 + gap, -3, 0.3f) : KVector(1 + gap, 0.3f, -3);
-            if (!cube.missesNear(source, direction, 10.0f, 1e-6f, radius)) continue;
+            if (!Misses(cube, source, direction, 10.0f, 1e-6f, radius)) continue;
             ++certified;
             EXPECT_GE(gap, radius) << "certified " << gap << " from the cube";
             for (float dx : {-radius, -0.5f * radius, 0.0f})
@@ -138,11 +155,17 @@ TEST(TriMeshRayCast, MissesNearHoldsForEverySourceWithinTheRadius) {
     }
     EXPECT_GE(certified, 3 * 15);
 
-    // Nothing to find whatever the source: an empty tree, no direction, a negative reach.
+    // More leaves than room: no certificate. Runs that are not the tree's are skipped.
     const KTriMeshDistTree tree(sphere, 2, 20), empty(2, 20);
-    EXPECT_TRUE(empty.missesNear(KVector(), KVector(0, 0, 1), 5.0f, 1e-6f, 1.0f));
-    EXPECT_TRUE(tree.missesNear(KVector(), KVector(0, 0, 0), 5.0f, 1e-6f, 1.0f));
-    EXPECT_TRUE(tree.missesNear(KVector(), KVector(0, 0, 1), -1.0f, 1e-6f, 1.0f));
-    EXPECT_FALSE(tree.missesNear(KVector(NAN, 0, 0), KVector(0, 0, 1), 5.0f, 1e-6f, 1.0f));
-    EXPECT_FALSE(tree.missesNear(KVector(), KVector(0, 0, 1), 5.0f, 1e-6f, NAN));
+    KTriMeshDistTree::LeafRun one[1];
+    EXPECT_EQ(tree.leavesNear(KVector(0, 0, -3), KVector(0, 0, 1), 6.0f, 1e-6f, 0.5f, one, 1), -1);
+    const KTriMeshDistTree::LeafRun foreign[] = {{-1, 2}, {1 << 30, 2}, {0, 1 << 30}, {0, -2}};
+    EXPECT_EQ(tree.intersectionsInLeaves(KVector(), KVector(0, 0, 1), 5.0f, 1e-6f, foreign, 4, hits), 0);
+
+    // Nothing to find whatever the source: an empty tree, no direction, a negative reach.
+    EXPECT_TRUE(Misses(empty, KVector(), KVector(0, 0, 1), 5.0f, 1e-6f, 1.0f));
+    EXPECT_TRUE(Misses(tree, KVector(), KVector(0, 0, 0), 5.0f, 1e-6f, 1.0f));
+    EXPECT_TRUE(Misses(tree, KVector(), KVector(0, 0, 1), -1.0f, 1e-6f, 1.0f));
+    EXPECT_FALSE(Misses(tree, KVector(NAN, 0, 0), KVector(0, 0, 1), 5.0f, 1e-6f, 1.0f));
+    EXPECT_FALSE(Misses(tree, KVector(), KVector(0, 0, 1), 5.0f, 1e-6f, NAN));
 }
