@@ -13,6 +13,8 @@
 #include <emmintrin.h>
 #endif
 
+#include "KBitMask.h"
+
 namespace Kavrin {
 
 namespace {
@@ -185,17 +187,6 @@ inline void Prefetch(const void* data, size_t bytes) {
 #else
     (void)data;
     (void)bytes;
-#endif
-}
-
-// Index of the lowest set bit of a non-zero mask.
-inline int LowestBit(int mask) {
-#if defined(__GNUC__)
-    return __builtin_ctz(static_cast<unsigned>(mask));
-#else
-    int i = 0;
-    while (!(mask & (1 << i))) ++i;
-    return i;
 #endif
 }
 

@@ -7,6 +7,7 @@
 #include <emmintrin.h>
 #endif
 
+#include "KBitMask.h"
 #include "KTriMeshDistTree.h"
 
 namespace Kavrin {
@@ -18,17 +19,6 @@ namespace {
 const int kRayStackSize = 3 * 20 + 8;
 
 inline bool Finite(const KVector& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
-
-// Index of the lowest set bit of a non-zero mask.
-inline int LowestBit(int mask) {
-#if defined(__GNUC__)
-    return __builtin_ctz(static_cast<unsigned>(mask));
-#else
-    int i = 0;
-    while (!(mask & (1 << i))) ++i;
-    return i;
-#endif
-}
 
 // The single-precision slab test of one ray against four boxes stored per axis: per box the
 // interval of t over which the ray lies in all three widened slabs, cut to [tStart, tEnd], meets
@@ -84,6 +74,27 @@ struct RaySlabs {
 #endif
     }
 };
+
+// Walks the tree from the root through the children whose box the slab test passes and hands
+// every such leaf (its first slot and slot count) to visit, which returns false to stop the walk.
+// Returns false when visit stopped it.
+template <class Nodes, class Visit>
+bool WalkLeavesMet(const Nodes& nodes, const RaySlabs& slabs, Visit visit) {
+    int stack[kRayStackSize];
+    int top = 0;
+    stack[top++] = 0;
+    while (top > 0) {
+        const auto& node = nodes[static_cast<size_t>(stack[--top])];
+        for (int mask = slabs.hits(node.lo, node.hi, node.count); mask != 0; mask &= mask - 1) {
+            const int c = LowestBit(mask);
+            if (node.count[c] == 0)
+                stack[top++] = node.first[c];
+            else if (!visit(node.first[c], node.count[c]))
+                return false;
+        }
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -177,23 +188,12 @@ int KTriMeshDistTree::_rayHits(const KVector& source, const KVector& direction, 
     slabs.tEnd = static_cast<float>(tMax) + slabs.margin;
     slabs.prepare();
 
-    int stack[kRayStackSize];
-    int top = 0;
-    stack[top++] = 0;
-    while (top > 0) {
-        const Node& node = _nodes[static_cast<size_t>(stack[--top])];
-        // The children whose box the ray meets.
-        for (int mask = slabs.hits(node.lo, node.hi, node.count); mask != 0; mask &= mask - 1) {
-            const int c = LowestBit(mask);
-            if (node.count[c] == 0) {
-                stack[top++] = node.first[c];
-                continue;
-            }
-            leafFirst[leaves] = node.first[c];
-            leafCount[leaves] = node.count[c];
-            if (++leaves == kLeafBatch) intersectLeaves();
-        }
-    }
+    WalkLeavesMet(_nodes, slabs, [&](int first, int count) {
+        leafFirst[leaves] = first;
+        leafCount[leaves] = count;
+        if (++leaves == kLeafBatch) intersectLeaves();
+        return true;
+    });
     intersectLeaves();
     return _clusterHits(hits, tol);
 }
@@ -248,24 +248,15 @@ int KTriMeshDistTree::leavesNear(const KVector& source, const KVector& direction
     slabs.prepare();
 
     int found = 0;
-    int stack[kRayStackSize];
-    int top = 0;
-    stack[top++] = 0;
-    while (top > 0) {
-        const Node& node = _nodes[static_cast<size_t>(stack[--top])];
-        for (int mask = slabs.hits(node.lo, node.hi, node.count); mask != 0; mask &= mask - 1) {
-            const int c = LowestBit(mask);
-            if (node.count[c] == 0) {
-                stack[top++] = node.first[c];
-                continue;
-            }
-            // A leaf in reach: its triangles could be met.
-            if (found == capacity) return -1;
-            leaves[found].first = node.first[c];
-            leaves[found].count = node.count[c];
-            ++found;
-        }
-    }
+    const bool all = WalkLeavesMet(_nodes, slabs, [&](int first, int count) {
+        // A leaf in reach: its triangles could be met.
+        if (found == capacity) return false;
+        leaves[found].first = first;
+        leaves[found].count = count;
+        ++found;
+        return true;
+    });
+    if (!all) return -1;
     return found;
 }
 
