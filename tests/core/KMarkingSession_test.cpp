@@ -97,8 +97,6 @@ std::string Line(int s, int t) {
 TEST(MarkingSession, FixedTextsCommandFormatsAndTheRay) {
     EXPECT_STREQ(kMarkingTitle, "Mark the corresspondences for KDeformationTransfer");
     EXPECT_STREQ(kMarkingHelp, "Click on the source-target mesh vertex pair to add to the correspondence list.");
-    EXPECT_EQ(MarkingGetPairsCommand("KDeformationTransfer1"), "getAttr KDeformationTransfer1.vertCorres");
-    EXPECT_EQ(MarkingListLineCommand(12, 40), "string $pair=\"12 40\"; textScrollList -e -a $pair tslKDTWin;");
     // Coordinates: the shortest text that reads back as the same float.
     const struct {
         KVector p;
@@ -204,7 +202,6 @@ TEST(MarkingSession, ClickingPairsSnapsMarksAndPublishes) {
         EXPECT_EQ(step.closestSourceId, 5);
         EXPECT_EQ(step.closestTargetId, 3);
         EXPECT_EQ(step.sourceLocators.back(), "KDTPoint" + std::to_string(first));
-        EXPECT_EQ(step.sourcePoints->length(), 9);
     }
 }
 
