@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <functional>
@@ -461,31 +460,6 @@ TEST(DeformationTransferBorders, OpenMeshesTransferLikeClosedOnesAwayFromTheBord
             ASSERT_TRUE(j != closedIndex.end()) << c.name << " " << i;
             if (p.z < 0.2f) matched.push_back({open[i], closed[j->second]});
         }
-        const float worst = Misfit(matched).first / 2.6f;  // of the target's largest extent
-        std::printf("%-38s largest distance below z = 0.2: %.3f%% of the size\n", c.name, 100 * worst);
-        EXPECT_LT(worst, c.tolerance) << c.name;
-    }
-}
-
-TEST(DeformationTransferBorders, GridPatchesCarryABendAcrossTopologies) {
-    // Two open sheets of the same surface, 15 x 15 and 22 x 22 vertices: the source bent around Y
-    // must bend the target the same way, which the target bent directly shows.
-    const KPolyMesh sourcePatch = MakeDetailedGrid(15, 2.0f), targetPatch = MakeDetailedGrid(22, 2.0f);
-    std::vector<KVector> landmarks;
-    for (float x : {-1.0f, 0.0f, 1.0f})
-        for (float y : {-1.0f, 0.0f, 1.0f}) landmarks.push_back(KVector(x, y, 0));
-    for (float degrees : {45.0f, 90.0f}) {
-        const float angle = degrees * 3.14159265f / 180.0f;
-        const KVectorArray got = Transfer(Triangulated(sourcePatch), Triangulated(targetPatch), landmarks, 2,
-                                          BendAroundY(sourcePatch, angle).points);
-        const KVectorArray expected = BendAroundY(targetPatch, angle).points;
-        ASSERT_EQ(got.length(), expected.length());
-        std::vector<std::pair<KVector, KVector>> matched;
-        for (int i = 0; i < got.length(); ++i) matched.push_back({got[i], expected[i]});
-        const std::pair<float, float> misfit = Misfit(matched);  // of the sheet's size, 2
-        std::printf("grid bend %2.0f deg: mean %.3f%%, largest %.3f%% of the size\n", degrees, 50 * misfit.second,
-                    50 * misfit.first);
-        EXPECT_LT(misfit.second / 2, 0.01) << degrees;
-        EXPECT_LT(misfit.first / 2, 0.03) << degrees;
+        EXPECT_LT(Misfit(matched).first / 2.6f, c.tolerance) << c.name;  // of the target's largest extent
     }
 }
