@@ -181,8 +181,7 @@ TEST(RelaxationSolver, WeightsEnvelopeMatrixAndThreadsBlendAsDescribed) {
     Node moved(rest);
     KRelaxationInput world = Options(0);
     for (int a = 0; a < 3; ++a) world.worldMatrix[a][a] = 2.0, world.inverseWorldMatrix[a][a] = 0.5;
-    world.worldMatrix[3][0] = 10.0;
-    world.inverseWorldMatrix[3][0] = -5.0;
+    world.worldMatrix[3][0] = 10.0, world.inverseWorldMatrix[3][0] = -5.0;
     ASSERT_TRUE(moved.run(rest.points, world).outcome.deformed());
     world.iterations = 5;
     world.enableScaleSafe = true;
