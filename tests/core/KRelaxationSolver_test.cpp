@@ -29,11 +29,8 @@ TEST(RelaxationSolver, FirstEvaluationBindsAndNothingMovesWithoutPassesEnvelopeO
     const KRelaxationResult bound = node.run(rest.points);
     ASSERT_TRUE(bound.outcome.deformed()) << bound.outcome.message;
     EXPECT_TRUE(bound.writeBinding && bound.writeStiffness);
-    KArray<double> expected;
-    expected.setLengthWithValue(81, 0.3);
-    EXPECT_EQ(node.store.stiffness, expected);
-    EXPECT_EQ(node.store.binding.connVrtId.size(), 81u);
-    EXPECT_FALSE(node.solver.firstRun());
+    EXPECT_EQ(std::vector<double>(node.store.stiffness), std::vector<double>(81, 0.3));
+    EXPECT_TRUE(node.store.binding.connVrtId.size() == 81u && !node.solver.firstRun());
 
     KVectorArray bumped = rest.points;
     bumped[40].z += 1.0f;
@@ -67,9 +64,7 @@ TEST(RelaxationSolver, FirstEvaluationBindsAndNothingMovesWithoutPassesEnvelopeO
     Node fresh(rest);
     KRelaxationInput off = Options(10);
     off.envelope = 0.0f;
-    EXPECT_FALSE(fresh.run(rest.points, off).writeBinding);
-    EXPECT_TRUE(fresh.solver.firstRun());
-    EXPECT_FALSE(fresh.store.hasStiffness);
+    EXPECT_FALSE(fresh.run(rest.points, off).writeBinding || !fresh.solver.firstRun() || fresh.store.hasStiffness);
 }
 
 // Closed curved meshes relaxed in their rest shape stay put in both modes; scaled by 2, they keep
@@ -177,7 +172,7 @@ TEST(RelaxationSolver, WeightsEnvelopeMatrixAndThreadsBlendAsDescribed) {
     in.weights = weights.data();
     ASSERT_TRUE(node.run(bent, in).outcome.deformed());
     for (int v : {3, 50})
-        for (int a = 0; a < 3; ++a)
+        for (int a = 0; a < 3; ++a)  // weight x envelope: 1 x 0.5 at vertex 3, 0.5 x 0.5 elsewhere
             EXPECT_NEAR(node.solver.points()[v][a], input[v][a] + (full[v][a] - input[v][a]) * (v == 3 ? 0.5 : 0.25), 1e-9);
 
     // A world matrix (scale 2 and a translation) and its inverse: the result comes back in object
@@ -186,8 +181,7 @@ TEST(RelaxationSolver, WeightsEnvelopeMatrixAndThreadsBlendAsDescribed) {
     Node moved(rest);
     KRelaxationInput world = Options(0);
     for (int a = 0; a < 3; ++a) world.worldMatrix[a][a] = 2.0, world.inverseWorldMatrix[a][a] = 0.5;
-    world.worldMatrix[3][0] = 10.0;
-    world.inverseWorldMatrix[3][0] = -5.0;
+    world.worldMatrix[3][0] = 10.0, world.inverseWorldMatrix[3][0] = -5.0;
     ASSERT_TRUE(moved.run(rest.points, world).outcome.deformed());
     world.iterations = 5;
     world.enableScaleSafe = true;
@@ -203,16 +197,14 @@ TEST(RelaxationSolver, BadInputFailsAndLeavesEverythingAsItWas) {
     broken[7].y = std::numeric_limits<float>::quiet_NaN();
     KRelaxationResult r = node.run(broken);
     EXPECT_EQ(r.outcome.message, kRelaxNotFinite);
-    EXPECT_FALSE(r.writeBinding || r.writeStiffness);
-    EXPECT_TRUE(node.store.binding.connVrtId.empty());
+    EXPECT_FALSE(r.writeBinding || r.writeStiffness || !node.store.binding.connVrtId.empty());
 
     // A vertex with 129 neighbours: the message, the partial lists written, no stiffness.
     const KPolyMesh fan = Fan(129);
     Node many(fan);
     r = many.run(fan.points);
     EXPECT_EQ(r.outcome.message, kRelaxTooManyNeighbours);
-    EXPECT_TRUE(r.writeBinding && !r.writeStiffness && !many.store.hasStiffness);
-    EXPECT_EQ(many.store.binding.connVrtId.size(), 1u);
+    EXPECT_TRUE(r.writeBinding && !r.writeStiffness && !many.store.hasStiffness && many.store.binding.connVrtId.size() == 1);
 
     // A new vertex count re-binds, but the running node keeps the caches of its first run, which
     // do not fit the larger mesh: refused rather than read past them.
@@ -222,8 +214,7 @@ TEST(RelaxationSolver, BadInputFailsAndLeavesEverythingAsItWas) {
     VertexRings(larger, node.rings);
     r = node.run(larger.points);
     EXPECT_EQ(r.outcome.message, kRelaxCachesDoNotFit);
-    EXPECT_TRUE(r.writeBinding && r.writeStiffness);
-    EXPECT_EQ(node.store.stiffness.length(), 36);
+    EXPECT_TRUE(r.writeBinding && r.writeStiffness && node.store.stiffness.length() == 36);
     // A node created anew (a scene reload) loads the stored binding and runs.
     Node reloaded(larger);
     reloaded.store = node.store;

@@ -15,7 +15,6 @@ using namespace Kavrin;
 
 namespace {
 
-// An array of the listed points.
 KVectorArray Points(std::initializer_list<KVector> list) {
     KVectorArray a;
     for (const KVector& p : list) a.push_back(p);
@@ -60,9 +59,7 @@ struct Node {
 };
 
 void ExpectNear(const KVector& got, const KVector& expected, const char* what) {
-    EXPECT_NEAR(got.x, expected.x, 1e-6f) << what;
-    EXPECT_NEAR(got.y, expected.y, 1e-6f) << what;
-    EXPECT_NEAR(got.z, expected.z, 1e-6f) << what;
+    EXPECT_LT((got - expected).length(), 1e-6f) << what << ": " << got.x << ", " << got.y << ", " << got.z;
 }
 
 // Plane projection in double precision through the unit normal, independent of the engine's
@@ -92,7 +89,6 @@ TEST(Wrap, BindsToTheClosestTriangleWithTheOffsetFromThePlaneProjection) {
     EXPECT_EQ(bind.outcome.status, KOutcome::kUntouched) << "the binding evaluation leaves the points";
     EXPECT_TRUE(bind.writeBindData && bind.writeBinding && node.store.binding);
     EXPECT_EQ(node.sink.outputs(), std::vector<std::string>{"0\n"});
-    EXPECT_EQ(node.sink.entries.size(), 1u);
     EXPECT_EQ(node.store.bindTriangles, (KIntArray{0, 0, 0, 1}));
     // Hand-worked: the offset is the point minus its projection onto the triangle's plane, not
     // minus its closest point (which for the last three lies on an edge or a corner).
@@ -102,8 +98,7 @@ TEST(Wrap, BindsToTheClosestTriangleWithTheOffsetFromThePlaneProjection) {
     // An unchanged driver gives the points back, wherever their closest point lay.
     const KWrapBindingResult again = node.run(driver, points);
     ASSERT_TRUE(again.outcome.deformed());
-    EXPECT_FALSE(again.writeBindData);
-    EXPECT_TRUE(again.writeBinding);
+    EXPECT_TRUE(!again.writeBindData && again.writeBinding);
     for (int i = 0; i < 4; ++i) ExpectNear(node.engine.points()[i], points[i], "unchanged driver");
     EXPECT_EQ(node.sink.entries.size(), 1u) << "only a bind prints the trace";
 }
@@ -137,8 +132,7 @@ TEST(Wrap, FollowsTheTrianglesPlaneAndCollapsedTrianglesLeaveTheBareOffset) {
         std::copy(corners.begin(), corners.end(), collapsed.points.begin());
         Node n;
         const KVectorArray bare = n.follow(driver, collapsed, points);
-        EXPECT_EQ(bare[0], n.store.bindOffsets[0]);
-        EXPECT_EQ(bare[1], n.store.bindOffsets[1]);
+        EXPECT_TRUE(bare[0] == n.store.bindOffsets[0] && bare[1] == n.store.bindOffsets[1]);
     }
     // Bound to a triangle that is already collapsed, the offset is the point itself.
     KTriMesh line = driver;
@@ -200,11 +194,8 @@ TEST(Wrap, WorldSpaceAndTheInverseMatrix) {
     ExpectNear(engine.points()[1], KVector(0.0f, 1.0f, 5.0f), "world result");
     for (int i = 0; i < 2; ++i) {
         double out[4];
-        engine.objectPoint(i, 1.0, inverse, out);
-        EXPECT_NEAR(out[0], object[i][0], 1e-6);
-        EXPECT_NEAR(out[1], object[i][1], 1e-6);
-        EXPECT_NEAR(out[2], object[i][2] + 0.5, 1e-6) << "one world unit is half an object unit";
-        EXPECT_EQ(out[3], 1.0);
+        engine.objectPoint(i, 1.0, inverse, out);  // one world unit up is half an object unit
+        for (int a = 0; a < 4; ++a) EXPECT_NEAR(out[a], object[i][a] + (a == 2 ? 0.5 : 0.0), 1e-6) << i << ", " << a;
     }
 }
 
@@ -226,9 +217,7 @@ TEST(Wrap, EnvelopeAndMissingDriver) {
     in.pointCount = 1;
     Node node;
     const KWrapBindingResult r = node.engine.evaluate(in, node.sink);
-    EXPECT_EQ(r.outcome.status, KOutcome::kUntouched) << "no driver: nothing happens, silently";
-    EXPECT_FALSE(r.writeBinding);
-    EXPECT_TRUE(node.sink.entries.empty());
+    EXPECT_TRUE(r.outcome.status == KOutcome::kUntouched && !r.writeBinding && node.sink.entries.empty()) << "no driver";
 }
 
 // The binding comes back with a reopened scene (the attributes are read once, into a new engine);
@@ -245,8 +234,7 @@ TEST(Wrap, StoredBindingSurvivesAReload) {
     EXPECT_TRUE(reopened.engine.storedBindingNeeded(in));
     const KWrapBindingResult r = reopened.run(lifted, kTwoPoints);
     ASSERT_TRUE(r.outcome.deformed()) << r.outcome.message;
-    EXPECT_FALSE(r.writeBindData);
-    EXPECT_EQ(reopened.engine.points(), expected);
+    EXPECT_TRUE(!r.writeBindData && reopened.engine.points() == expected);
     EXPECT_FALSE(reopened.engine.storedBindingNeeded(in)) << "loaded once, then held";
     EXPECT_TRUE(reopened.sink.outputs().empty()) << "loading is not a bind";
 
@@ -286,12 +274,11 @@ TEST(Wrap, BindingThatDoesNotFitLeavesThePoints) {
         c.edit(reopened.store);
         const KIntArray before = reopened.store.bindTriangles;
         const KWrapBindingResult r = reopened.run(driver, kTwoPoints);
-        EXPECT_EQ(r.outcome.status, KOutcome::kFailed) << c.message;
         EXPECT_EQ(r.outcome.message, c.message);
-        EXPECT_FALSE(r.writeBindData || r.writeBinding) << c.message;
-        EXPECT_FALSE(reopened.engine.hasBinding()) << c.message << ": nothing is taken over";
-        EXPECT_EQ(reopened.store.bindTriangles, before) << c.message;
-        EXPECT_TRUE(reopened.sink.entries.empty()) << c.message << ": the failure travels in the outcome only";
+        EXPECT_TRUE(r.outcome.failed() && !r.writeBindData && !r.writeBinding) << c.message;
+        // Nothing is taken over, nothing changed, and the failure travels in the outcome only.
+        EXPECT_FALSE(reopened.engine.hasBinding() || reopened.store.bindTriangles != before || !reopened.sink.entries.empty())
+            << c.message;
     }
 
     // The binding held is checked against every evaluation's points and driver.
@@ -347,11 +334,9 @@ TEST(Wrap, BadInputFailsTheBindAndKeepsTheBindingHeld) {
     for (const auto& c : cases) {
         Node fresh;
         KWrapBindingResult r = fresh.run(c.driver, c.points);
-        EXPECT_EQ(r.outcome.status, KOutcome::kFailed) << c.message;
         EXPECT_EQ(r.outcome.message, c.message);
-        EXPECT_FALSE(r.writeBindData || r.writeBinding) << c.message;
-        EXPECT_FALSE(fresh.store.binding || fresh.store.hasBindTriangles) << c.message;
-        EXPECT_TRUE(fresh.sink.entries.empty()) << c.message << ": no trace without a bind";
+        EXPECT_TRUE(r.outcome.failed() && !r.writeBindData && !r.writeBinding) << c.message;
+        EXPECT_FALSE(fresh.store.binding || fresh.store.hasBindTriangles || !fresh.sink.entries.empty()) << c.message;
 
         // A rebind that fails keeps the binding held and stored before it.
         Node bound;
@@ -360,9 +345,9 @@ TEST(Wrap, BadInputFailsTheBindAndKeepsTheBindingHeld) {
         bound.store.binding = false;
         r = bound.run(c.driver, c.points);
         EXPECT_EQ(r.outcome.message, c.message);
-        EXPECT_EQ(bound.engine.boundTriangles(), before.bindTriangles) << c.message;
-        EXPECT_EQ(bound.engine.boundOffsets(), before.bindOffsets) << c.message;
-        EXPECT_EQ(bound.store.bindOffsets, before.bindOffsets) << c.message;
+        EXPECT_TRUE(bound.engine.boundTriangles() == before.bindTriangles && bound.engine.boundOffsets() == before.bindOffsets &&
+                    bound.store.bindOffsets == before.bindOffsets)
+            << c.message << ": the binding held and stored is kept";
     }
 
     // An empty geometry binds to nothing and reconstructs nothing.
