@@ -108,16 +108,16 @@ KTextureImage ReadTextureRed(const std::string& path) {
     if (PngEndsEarly(path)) throw KFileError(path + ": the image could not be read completely (the PNG file ends early)");
     auto in = OIIO::ImageInput::open(path);
     if (!in) throw KFileError(path + ": not an image file that can be read" + Why(OIIO::geterror()));
-    const OIIO::ImageSpec spec = in->spec();
-    if (spec.width < 1 || spec.height < 1 || spec.nchannels < 1) throw KFileError(path + ": the image holds no pixels");
-    if (spec.depth > 1) throw KFileError(path + ": a volume image, not a flat texture");
-    if (spec.deep) throw KFileError(path + ": a deep image, not a flat texture");
+    const OIIO::ImageSpec header = in->spec_dimensions(0);  // sizes, channels and pixel type
+    if (header.width < 1 || header.height < 1 || header.nchannels < 1) throw KFileError(path + ": the image holds no pixels");
+    if (header.depth > 1) throw KFileError(path + ": a volume image, not a flat texture");
+    if (header.deep) throw KFileError(path + ": a deep image, not a flat texture");
 
     std::vector<float> texels;
     try {
-        texels.resize(static_cast<size_t>(spec.width) * static_cast<size_t>(spec.height));
+        texels.resize(static_cast<size_t>(header.width) * static_cast<size_t>(header.height));
     } catch (const std::bad_alloc&) {
-        throw KFileError(path + ": the image (" + std::to_string(spec.width) + " x " + std::to_string(spec.height) +
+        throw KFileError(path + ": the image (" + std::to_string(header.width) + " x " + std::to_string(header.height) +
                          ") is too large to hold in memory");
     }
     // Channel 0 only, converted to float by the reader.
@@ -125,7 +125,7 @@ KTextureImage ReadTextureRed(const std::string& path) {
     if (!in->read_image(0, 0, 0, 1, OIIO::TypeDesc::FLOAT, texels.data()))
         throw KFileError(path + ": the image could not be read completely" + Why(in->geterror()));
     in->close();
-    return KTextureImage(spec.width, spec.height, std::move(texels));
+    return KTextureImage(header.width, header.height, std::move(texels));
 }
 
 void WriteImage(const std::string& path, int width, int height, int channels, const std::vector<float>& pixels,
@@ -138,8 +138,8 @@ void WriteImage(const std::string& path, int width, int height, int channels, co
         bits == 8 ? OIIO::TypeDesc::UINT8 : bits == 16 ? OIIO::TypeDesc::UINT16 : OIIO::TypeDesc::FLOAT;
     auto out = OIIO::ImageOutput::create(path);
     if (!out) throw KFileError(path + ": no image format for this file name" + Why(OIIO::geterror()));
-    const OIIO::ImageSpec spec(width, height, channels, type);
-    if (!out->open(path, spec) || !out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()) || !out->close())
+    const OIIO::ImageSpec header(width, height, channels, type);
+    if (!out->open(path, header) || !out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()) || !out->close())
         throw KFileError(path + ": cannot write the image" + Why(out->geterror()));
 }
 
