@@ -1,5 +1,6 @@
 #include "KDeformationTransferMessages.h"
 
+#include <algorithm>
 
 namespace Kavrin {
 
@@ -69,6 +70,18 @@ std::string DtSingular(const char* system, const char* consequence) {
 std::string DtSingularAt(const char* system, const std::string& where, const char* consequence) {
     return std::string("KDeformationTransfer: the normal equations of the ") + system + " are singular at " + where +
            "; " + consequence;
+}
+
+std::string DtSingularColumn(const char* system, const char* mesh, const int* vertexColumn, int numVertices,
+                             int numFree, int numTriangles, int column, const char* consequence) {
+    if (column >= 0 && column < numFree) {
+        const int v = static_cast<int>(std::find(vertexColumn, vertexColumn + numVertices, column) - vertexColumn);
+        return DtSingularAt(system, std::string(mesh) + " vertex " + N(v), consequence);
+    }
+    if (column >= numFree && column - numFree < numTriangles)
+        return DtSingularAt(system, std::string("the fourth vertex of ") + mesh + " triangle " + N(column - numFree),
+                            consequence);
+    return DtSingular(system, consequence);
 }
 
 std::string DtIsolatedSourceVertex(int vertex) {

@@ -34,6 +34,12 @@ std::string DtSingular(const char* system, const char* consequence);
 // The normal equations broke down at `where` ("source vertex 12", "the fourth vertex of target
 // triangle 7").
 std::string DtSingularAt(const char* system, const std::string& where, const char* consequence);
+// The same for a breakdown the sparse library reported at `column` of a system whose columns are
+// the free vertices of `mesh` ("source", "target"; vertexColumn[v] is vertex v's column, -1 when
+// it is fixed), numbered from 0 to numFree - 1, then the fourth vertex of each of its numTriangles
+// triangles; a column outside both names nothing.
+std::string DtSingularColumn(const char* system, const char* mesh, const int* vertexColumn, int numVertices,
+                             int numFree, int numTriangles, int column, const char* consequence);
 // Why a source fit or a transfer system is singular, found before it is factored.
 std::string DtIsolatedSourceVertex(int vertex);
 std::string DtDegenerateTriangle(const char* mesh, int triangle, int a, int b, int c, const char* system,

@@ -35,15 +35,8 @@ bool KSourceFitting::_sparseFailed(const KSparseStatus& status) {
         _report = status.report;
         return _fail(kDtCholmodError);
     }
-    const int c = status.column;
-    if (c >= 0 && c < _nFree) {
-        const int v = static_cast<int>(std::find(_column.begin(), _column.end(), c) - _column.begin());
-        return _fail(DtSingularAt(kFit, "source vertex " + std::to_string(v), kAbandoned));
-    }
-    if (c >= _nFree && c - _nFree < _triangles.length())
-        return _fail(DtSingularAt(kFit, "the fourth vertex of source triangle " + std::to_string(c - _nFree),
-                                  kAbandoned));
-    return _fail(DtSingular(kFit, kAbandoned));
+    return _fail(DtSingularColumn(kFit, "source", _column.data(), _column.length(), _nFree, _triangles.length(),
+                                  status.column, kAbandoned));
 }
 
 bool KSourceFitting::prepare(const KTriMesh& source, const KTriMesh& target, const KInt2Array& pairs,

@@ -40,15 +40,8 @@ bool KTransferSystem::_sparseFailed(const KSparseStatus& status) {
         _report = status.report;
         return _fail(kDtCholmodError);
     }
-    const int c = status.column;
-    if (c >= 0 && c < _nFree) {
-        const int v = static_cast<int>(std::find(_column.begin(), _column.end(), c) - _column.begin());
-        return _fail(DtSingularAt(kSystem, "target vertex " + std::to_string(v), kNotBuilt));
-    }
-    if (c >= _nFree && c - _nFree < _nTT)
-        return _fail(
-            DtSingularAt(kSystem, "the fourth vertex of target triangle " + std::to_string(c - _nFree), kNotBuilt));
-    return _fail(DtSingular(kSystem, kNotBuilt));
+    return _fail(DtSingularColumn(kSystem, "target", _column.data(), _column.length(), _nFree, _nTT, status.column,
+                                  kNotBuilt));
 }
 
 bool KTransferSystem::build(const KTriMesh& restSource, const KTriMesh& target, const KInt4Array& triCorres,
