@@ -61,13 +61,7 @@ std::string FormatMarkers(const KIntArray& pairs) {
 }
 
 void WriteMarkers(const std::string& path, const KIntArray& pairs) {
-    std::string text;
-    try {
-        text = FormatMarkers(pairs);
-    } catch (const KFileError& e) {
-        throw KFileError(path + ": " + e.what());
-    }
-    WriteTextFile(path, text);
+    WriteFormatted(path, [&] { return FormatMarkers(pairs); });
 }
 
 }  // namespace Kavrin

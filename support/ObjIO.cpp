@@ -272,13 +272,7 @@ std::string FormatObj(const KPolyMesh& mesh, const KCornerUVs* uvs) {
 }
 
 void WriteObj(const std::string& path, const KPolyMesh& mesh, const KCornerUVs* uvs) {
-    std::string text;
-    try {
-        text = FormatObj(mesh, uvs);
-    } catch (const KFileError& e) {
-        throw KFileError(path + ": " + e.what());
-    }
-    WriteTextFile(path, text);
+    WriteFormatted(path, [&] { return FormatObj(mesh, uvs); });
 }
 
 }  // namespace Kavrin

@@ -19,6 +19,19 @@ std::string ReadTextFile(const std::string& path);
 // Writes text as the whole file. Throws KFileError "<path>: cannot write the file (<reason>)".
 void WriteTextFile(const std::string& path, const std::string& text);
 
+// Writes the text format() returns as the whole file. A KFileError from format() comes out with
+// the path in front ("<path>: <what>"), and nothing is written then.
+template <class Format>
+void WriteFormatted(const std::string& path, Format format) {
+    std::string text;
+    try {
+        text = format();
+    } catch (const KFileError& e) {
+        throw KFileError(path + ": " + e.what());
+    }
+    WriteTextFile(path, text);
+}
+
 // Lines of a text, numbered from 1, without their line end ("\n" or "\r\n"). Everything from a
 // '#' to the end of the line is a comment and left out.
 class KTextLines {

@@ -49,13 +49,7 @@ std::string FormatValues(const KArray<double>& values) {
 }
 
 void WriteValues(const std::string& path, const KArray<double>& values) {
-    std::string text;
-    try {
-        text = FormatValues(values);
-    } catch (const KFileError& e) {
-        throw KFileError(path + ": " + e.what());
-    }
-    WriteTextFile(path, text);
+    WriteFormatted(path, [&] { return FormatValues(values); });
 }
 
 }  // namespace Kavrin
