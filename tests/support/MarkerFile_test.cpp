@@ -3,23 +3,9 @@
 #include <gtest/gtest.h>
 
 #include "MarkerFile.h"
+#include "Refusal.h"
 
 using namespace Kavrin;
-
-namespace {
-
-// The message of the KFileError that f throws.
-template <class F>
-std::string Refusal(F f) {
-    try {
-        f();
-    } catch (const KFileError& e) {
-        return e.what();
-    }
-    return "(no error)";
-}
-
-}  // namespace
 
 TEST(MarkerFile, ReadsPairsInOrderSkippingCommentsAndBlankLines) {
     const KIntArray pairs = ParseMarkers("# source target\r\n12 3\n\n 0\t49  # a paw\n99 3\n+7 0\n", "m.txt", 100, 50);

@@ -10,22 +10,12 @@
 #include <fstream>
 
 #include "ObjIO.h"
+#include "Refusal.h"
 
 using namespace Kavrin;
 namespace fs = std::filesystem;
 
 namespace {
-
-// The message of the KFileError that f throws.
-template <class F>
-std::string Refusal(F f) {
-    try {
-        f();
-    } catch (const KFileError& e) {
-        return e.what();
-    }
-    return "(no error)";
-}
 
 const char* const kTriangle = "v 0 0 0\nv 1 0 0\nv 0 1 0\n";
 

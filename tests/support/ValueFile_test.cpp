@@ -6,23 +6,9 @@
 #include <cmath>
 
 #include "ValueFile.h"
+#include "Refusal.h"
 
 using namespace Kavrin;
-
-namespace {
-
-// The message of the KFileError that f throws.
-template <class F>
-std::string Refusal(F f) {
-    try {
-        f();
-    } catch (const KFileError& e) {
-        return e.what();
-    }
-    return "(no error)";
-}
-
-}  // namespace
 
 TEST(ValueFile, ReadsOneNumberALineAndWritesItBackExactly) {
     const KArray<double> values = ParseValues("# weights\n0.5\n\n  -1e-3 # tip\r\n+2\n1e-320\n", "w.txt", 4);
