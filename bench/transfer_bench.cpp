@@ -49,11 +49,9 @@ TransferData LoadData(bool larger) {
     }
     // Generated: a bumpy sphere of 10,242 vertices onto a stretched sphere of 2,562 vertices
     // (10,242 when larger), the same order of size as the cat and the lion.
-    KPolyMesh source = MakeIcosphere(5);
-    AddRadialBumps(source, 0.03f, 1);
     KPolyMesh target = MakeIcosphere(larger ? 5 : 4);
     ScalePoints(target, 1.4f, 0.8f, 1.0f);
-    d.source = Triangulated(source);
+    d.source = TriangulatedIcosphere(5, 0.03f, 1);
     d.target = Triangulated(target);
     d.pose = d.source;
     for (KVector& p : d.pose.points) p = KVector(p.x, p.y + 0.3f * p.x * p.x, p.z);

@@ -151,6 +151,12 @@ void AddRadialBumps(KPolyMesh& mesh, float amount, int seed) {
         p *= 1.0f + amount * std::sin(5.1f * p.x + 3.7f * p.y + seed) * std::cos(4.3f * p.z * seed + 0.5f);
 }
 
+KTriMesh TriangulatedIcosphere(int levels, float amount, int seed) {
+    KPolyMesh m = MakeIcosphere(levels);
+    if (amount != 0.0f) AddRadialBumps(m, amount, seed);
+    return Triangulated(m);
+}
+
 KPolyMesh KeepFaces(const KPolyMesh& mesh, const std::function<bool(const KVector&)>& keep) {
     KPolyMesh out;
     std::vector<int> renumber(static_cast<size_t>(mesh.numVertices()), -1);

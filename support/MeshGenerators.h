@@ -44,6 +44,10 @@ KTriMesh Triangulated(const KPolyMesh& mesh);
 // same bumps where they agree, and no two faces are alike.
 void AddRadialBumps(KPolyMesh& mesh, float amount, int seed);
 
+// An icosphere of the given subdivision levels with radial bumps of amount (none for 0), as
+// triangles: a closed, irregular test surface.
+KTriMesh TriangulatedIcosphere(int levels, float amount = 0.0f, int seed = 1);
+
 // The faces whose centroid satisfies keep, with the vertices they use renumbered in their old
 // order: cuts an opening (a cap, a patch) out of a mesh.
 KPolyMesh KeepFaces(const KPolyMesh& mesh, const std::function<bool(const KVector&)>& keep);

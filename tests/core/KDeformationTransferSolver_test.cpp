@@ -39,11 +39,6 @@ KTriMesh Map(KTriMesh m, const std::function<KVector(const KVector&)>& f) {
     for (KVector& p : m.points) p = f(p);
     return m;
 }
-KTriMesh Bumpy(int levels, float amount, int seed) {
-    KPolyMesh m = MakeIcosphere(levels);
-    AddRadialBumps(m, amount, seed);
-    return Triangulated(m);
-}
 
 // A source and a target with their markers (by default the 12 icosahedron corners, pair i i).
 struct Scene {
@@ -59,13 +54,13 @@ struct Scene {
 };
 // Same topology: a bumpy sphere and a stretched, differently bumped copy.
 Scene SameTopology(int levels = 1) {
-    return Scene(Bumpy(levels, 0.05f, 1), Map(Bumpy(levels, 0.04f, 3), [](const KVector& p) {
+    return Scene(TriangulatedIcosphere(levels, 0.05f, 1), Map(TriangulatedIcosphere(levels, 0.04f, 3), [](const KVector& p) {
                      return KVector(1.2f * p.x + 0.3f, 0.9f * p.y - 0.1f, 1.1f * p.z + 0.2f);
                  }));
 }
 // Different topology: a bumpy sphere onto a finer, stretched one.
 Scene DifferentTopology() {
-    return Scene(Bumpy(2, 0.05f, 1), Map(Triangulated(MakeIcosphere(3)),
+    return Scene(TriangulatedIcosphere(2, 0.05f, 1), Map(TriangulatedIcosphere(3),
                                          [](const KVector& p) { return KVector(1.3f * p.x, 0.8f * p.y, p.z); }));
 }
 
@@ -210,7 +205,7 @@ TEST(DeformationTransferNumerics, SimilarityMotionsOfTheSourceAreReproduced) {
     auto turn = [c, s](const KVector& p) {
         return KVector(c * p.x - s * p.y, s * c * p.x + c * c * p.y - s * p.z, s * s * p.x + s * c * p.y + c * p.z);
     };
-    const KTriMesh bumpy = Bumpy(2, 0.06f, 2);
+    const KTriMesh bumpy = TriangulatedIcosphere(2, 0.06f, 2);
     const struct {
         Scene scene;
         std::function<KVector(const KVector&)> map;
@@ -290,7 +285,7 @@ TEST(DeformationTransferGuards, FailedEvaluationsLeaveTheBuiltStateUntouched) {
         {[](In& in) { in.reCalculate = false; in.sourceMesh.points.push_back(KVector()); }, {changed + "43" + recalculate}},
         {[](In& in) { in.reCalculate = false; std::swap(in.sourceMesh.triangles[3], in.sourceMesh.triangles[4]); },
          {changed + "42" + recalculate}},
-        {[](In& in) { in.reCalculate = false; in.targetMesh = Triangulated(MakeIcosphere(2)); },
+        {[](In& in) { in.reCalculate = false; in.targetMesh = TriangulatedIcosphere(2); },
          {"KDeformationTransfer: the target mesh (162 vertices, 320 triangles) no longer matches the one the system "
           "was built for (42 vertices, 80 triangles); recalculate. The output was not written."}},
         // No pairing at all: every triangle without rows.

@@ -16,12 +16,6 @@ using namespace Kavrin;
 
 namespace {
 
-KTriMesh Sphere(int levels, float bump = 0.0f, int seed = 1) {
-    KPolyMesh m = MakeIcosphere(levels);
-    if (bump != 0.0f) AddRadialBumps(m, bump, seed);
-    return Triangulated(m);
-}
-
 KInt2Array Pairs(std::initializer_list<KInt2> pairs) {
     KInt2Array out;
     for (const KInt2& p : pairs) out.push_back(p);
@@ -33,7 +27,7 @@ KInt2Array Pairs(std::initializer_list<KInt2> pairs) {
 TEST(SourceFitting, RowsAndUnknownsOfClosedAndOpenMeshes) {
     // Every neighbour slot gives 3 smooth rows (9 over the coordinates), every triangle 3 identity
     // rows, every free vertex one closest row; open meshes add nothing for their border.
-    const KTriMesh sphere = Sphere(2), small = Sphere(1), grid = Triangulated(MakeDetailedGrid(5, 2.0f));
+    const KTriMesh sphere = TriangulatedIcosphere(2), small = TriangulatedIcosphere(1), grid = Triangulated(MakeDetailedGrid(5, 2.0f));
     const KTriMesh cap = Triangulated(KeepFaces(MakeIcosphere(2), [](const KVector& c) { return c.z < 0.6f; }));
     const KTriMesh slit = Triangulated(CutSlit(MakeDetailedGrid(6, 2.0f), {13, 14, 15, 16},
                                                [](const KVector& c) { return c.y > -0.2f; }));
@@ -73,7 +67,7 @@ TEST(SourceFitting, RowsStateTheSmoothIdentityAndClosestEquations) {
     // wi (G - I), where G maps the rest frame V = [e1, e2, c / |c|^(1/2)] onto the deformed frame
     // D = [q2 - q1, q3 - q1, q4 - q1]: G V = D. Smooth rows hold ws (G_t - G_u) for each neighbour u
     // in slot order, closest rows wc (q - closest).
-    const KTriMesh rest = Sphere(1, 0.08f, 5), target = Sphere(1, 0.1f, 6);
+    const KTriMesh rest = TriangulatedIcosphere(1, 0.08f, 5), target = TriangulatedIcosphere(1, 0.1f, 6);
     const std::vector<int> pins = {2, 7, 30};
     KSourceFitting fit;
     // Pair direction: (source vertex, target vertex); each pin lands on target vertex v + 1.
@@ -132,7 +126,7 @@ TEST(SourceFitting, RowsStateTheSmoothIdentityAndClosestEquations) {
 TEST(SourceFitting, PinsTakeTheTargetVertexOfTheirLastPair) {
     // Source vertex s sits on target vertex t for a pair (s, t); a vertex in two pairs takes the
     // later one. The target has more vertices than the source, so swapped roles would miss.
-    const KTriMesh source = Sphere(1, 0.05f, 2), target = Sphere(2, 0.05f, 3);
+    const KTriMesh source = TriangulatedIcosphere(1, 0.05f, 2), target = TriangulatedIcosphere(2, 0.05f, 3);
     KSourceFitting fit;
     ASSERT_TRUE(fit.fit(source, target, Pairs({{3, 150}, {10, 40}, {3, 7}, {41, 100}}), 2, 2, nullptr));
     EXPECT_EQ(fit.points()[3], target.points[7]);
@@ -142,15 +136,15 @@ TEST(SourceFitting, PinsTakeTheTargetVertexOfTheirLastPair) {
 
 TEST(SourceFitting, SingularFitsNameTheirCause) {
     const std::string search = "; the correspondence search was abandoned.";
-    KTriMesh isolated = Sphere(1);
+    KTriMesh isolated = TriangulatedIcosphere(1);
     isolated.points.push_back(KVector(3, 0, 0));  // vertex 42, in no triangle
-    KTriMesh collapsed = Sphere(1);
+    KTriMesh collapsed = TriangulatedIcosphere(1);
     collapsed.points[collapsed.triangles[9][2]] = collapsed.points[collapsed.triangles[9][1]];
-    KTriMesh flat = Sphere(1);
+    KTriMesh flat = TriangulatedIcosphere(1);
     const KInt3 t9 = flat.triangles[9];
     flat.points[t9[1]] = flat.points[t9[0]] + KVector(0.25f, 0, 0);  // three corners on one line
     flat.points[t9[2]] = flat.points[t9[0]] + KVector(0.5f, 0, 0);
-    const KTriMesh target = Sphere(1);
+    const KTriMesh target = TriangulatedIcosphere(1);
     {
         KSourceFitting fit;
         EXPECT_FALSE(fit.fit(isolated, target, Pairs({{0, 0}}), 1, 1, nullptr));

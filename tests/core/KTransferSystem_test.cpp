@@ -13,12 +13,6 @@ using namespace Kavrin;
 
 namespace {
 
-KTriMesh Sphere(int levels, float bump = 0.0f, int seed = 1) {
-    KPolyMesh m = MakeIcosphere(levels);
-    if (bump != 0.0f) AddRadialBumps(m, bump, seed);
-    return Triangulated(m);
-}
-
 KInt4Array Uniform(int n, const KInt4& entry) {
     KInt4Array a;
     a.setLengthWithValue(n, entry);
@@ -74,10 +68,10 @@ TEST(TransferSystem, TransfersWithTheUnitNormalFrame) {
 TEST(TransferSystem, UnpairedTrianglesAndSeparatePartsKeepTheirShape) {
     // Two spheres side by side (two parts, each with its own anchor) and no pair anywhere:
     // identity gradients give back the rest target exactly where it was, whatever the pose.
-    const KTriMesh source = Sphere(1);
-    KTriMesh target = Sphere(2, 0.07f, 8);
+    const KTriMesh source = TriangulatedIcosphere(1);
+    KTriMesh target = TriangulatedIcosphere(2, 0.07f, 8);
     const int n = target.numVertices();
-    const KTriMesh second = Sphere(1, 0.05f, 3);
+    const KTriMesh second = TriangulatedIcosphere(1, 0.05f, 3);
     for (const KVector& p : second.points) target.points.push_back(p + KVector(3, 0, 0));
     for (const KInt3& t : second.triangles) target.triangles.push_back(KInt3{t[0] + n, t[1] + n, t[2] + n});
     KTransferSystem system;
@@ -97,8 +91,8 @@ TEST(TransferSystem, UnpairedTrianglesAndSeparatePartsKeepTheirShape) {
 }
 
 TEST(TransferSystem, RefusedBuildsAndSolvesSayWhy) {
-    const KTriMesh source = Sphere(1);  // 80 triangles
-    const KTriMesh target = Sphere(2, 0.07f, 8);
+    const KTriMesh source = TriangulatedIcosphere(1);  // 80 triangles
+    const KTriMesh target = TriangulatedIcosphere(2, 0.07f, 8);
     KTriMesh flat = target;
     const KInt3 t6 = flat.triangles[6];
     flat.points[t6[2]] = flat.points[t6[1]];

@@ -12,8 +12,6 @@ using namespace Kavrin;
 
 namespace {
 
-KTriMesh Sphere(int levels) { return Triangulated(MakeIcosphere(levels)); }
-
 // One triangle with centre c and unit normal turned by `degrees` from +Z about the X axis.
 void AddTriangle(KTriMesh& m, const KVector& c, float degrees, float size = 0.1f) {
     const float a = degrees * 3.14159265f / 180.0f;
@@ -32,7 +30,7 @@ TEST(TrianglePairing, SameTopologyChecksTheNearestCentresTriangleAndPairsItsOwnI
     // centre is a neighbour's; that neighbour is flipped on the source. Target triangles whose
     // nearest centre is the flipped one lose their pair, whatever their own index; target triangle
     // 7 faces inward and loses its pair (count 0: the initial -1 plus one).
-    const KTriMesh plain = Sphere(1);
+    const KTriMesh plain = TriangulatedIcosphere(1);
     KTriMesh target = plain;
     for (KVector& p : target.points) p = KVector(0.9f * p.x - 0.436f * p.y, 0.436f * p.x + 0.9f * p.y, p.z);
     std::swap(target.triangles[7][1], target.triangles[7][2]);
@@ -59,8 +57,8 @@ TEST(TrianglePairing, SameTopologyChecksTheNearestCentresTriangleAndPairsItsOwnI
 }
 
 TEST(TrianglePairing, DifferentTopologyTakesTheNearestCentreThatFacesTheSameWay) {
-    const KTriMesh source = Sphere(2);
-    KTriMesh target = Sphere(1);
+    const KTriMesh source = TriangulatedIcosphere(2);
+    KTriMesh target = TriangulatedIcosphere(1);
     std::swap(target.triangles[3][1], target.triangles[3][2]);  // faces away
     // Triangle 5 moved far off: no source centre within the radius.
     for (int k = 0; k < 3; ++k) {
