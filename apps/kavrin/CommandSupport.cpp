@@ -68,6 +68,21 @@ void SaveMesh(const std::string& path, const KPolyMesh& mesh, const KCornerUVs* 
     }
 }
 
+double MillisecondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+}
+
+void DeformEach(const std::vector<std::string>& inputs, const std::vector<std::string>& outputs,
+                const std::function<KPolyMesh(size_t)>& deform, const std::vector<KCornerUVs>* corners) {
+    for (size_t i = 0; i < inputs.size(); ++i) {
+        const auto start = std::chrono::steady_clock::now();
+        const KPolyMesh result = deform(i);
+        const double ms = MillisecondsSince(start);
+        SaveMesh(outputs[i], result, corners ? &(*corners)[i] : nullptr);
+        Progress("[%zu/%zu] %s -> %s (%.1f ms)", i + 1, inputs.size(), inputs[i].c_str(), outputs[i].c_str(), ms);
+    }
+}
+
 void RequireSameTopology(const KPolyMesh& rest, const std::string& restPath, const KPolyMesh& pose,
                          const std::string& posePath) {
     if (pose.numVertices() != rest.numVertices())

@@ -8,6 +8,7 @@
 // - the engine's own progress and trace lines only with --verbose, the command's own concise
 //   progress (Progress) always.
 
+#include <chrono>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -55,6 +56,14 @@ KPolyMesh LoadMesh(const std::string& path);
 // Writes an OBJ file, with uvs given its texture coordinates too; a failure (including a result
 // with points that are not finite) is a RunError.
 void SaveMesh(const std::string& path, const KPolyMesh& mesh, const KCornerUVs* uvs = nullptr);
+
+// The command's main loop: for each input i, deform(i) makes the result mesh, which is written to
+// outputs[i] (with corners[i] as its texture coordinates when corners is given), then one line
+// "[i/n] <input> -> <output> (<ms> ms)" reports it (the time of deform(i) alone).
+void DeformEach(const std::vector<std::string>& inputs, const std::vector<std::string>& outputs,
+                const std::function<KPolyMesh(size_t)>& deform, const std::vector<KCornerUVs>* corners = nullptr);
+// Milliseconds since start.
+double MillisecondsSince(std::chrono::steady_clock::time_point start);
 
 // Throws UsageError unless pose has the vertex count and faces of rest.
 void RequireSameTopology(const KPolyMesh& rest, const std::string& restPath, const KPolyMesh& pose,

@@ -1,7 +1,5 @@
 // kavrin deltamush: binds delta mush to a rest mesh and deforms each pose with it.
 
-#include <chrono>
-
 #include "CommandSupport.h"
 #include "DeltaMushRun.h"
 
@@ -42,16 +40,11 @@ void AddDeltaMushCommand(CLI::App& app, std::vector<Command>& commands) {
         const std::vector<std::string> outputs = OutputPaths(options->out, options->poses, {options->rest});
 
         DeltaMushRun run(rest, options->iterations, options->threads);
-        for (size_t i = 0; i < poses.size(); ++i) {
-            const auto start = std::chrono::steady_clock::now();
+        DeformEach(options->poses, outputs, [&](size_t i) {
             KPolyMesh result = poses[i];
             result.points = run.deform(poses[i], options->envelope);
-            const double ms =
-                std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-            SaveMesh(outputs[i], result);
-            Progress("[%zu/%zu] %s -> %s (%.1f ms)", i + 1, poses.size(), options->poses[i].c_str(),
-                     outputs[i].c_str(), ms);
-        }
+            return result;
+        });
     }});
 }
 

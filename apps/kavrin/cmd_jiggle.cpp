@@ -1,7 +1,5 @@
 // kavrin jiggle: secondary motion over a sequence of frames of an animated mesh.
 
-#include <chrono>
-
 #include "CommandSupport.h"
 #include "JiggleRun.h"
 #include "ValueFile.h"
@@ -78,16 +76,11 @@ void AddJiggleCommand(CLI::App& app, std::vector<Command>& commands) {
             {options->stiffnessMap, options->dampingMap, options->normalStrengthMap, options->weights});
 
         JiggleRun run(attributes, weights, options->threads);
-        for (size_t i = 0; i < frames.size(); ++i) {
-            const auto start = std::chrono::steady_clock::now();
+        DeformEach(options->frames, outputs, [&](size_t i) {
             KPolyMesh result = frames[i];
             result.points = run.deform(frames[i], static_cast<double>(i), options->envelope);
-            const double ms =
-                std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-            SaveMesh(outputs[i], result);
-            Progress("[%zu/%zu] %s -> %s (%.1f ms)", i + 1, frames.size(), options->frames[i].c_str(),
-                     outputs[i].c_str(), ms);
-        }
+            return result;
+        });
     }});
 }
 

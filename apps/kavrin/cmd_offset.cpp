@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 
@@ -128,16 +127,14 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
         }
 
         OffsetRun run(useTexture ? &image : nullptr, options->red, options->scale, options->envelope, options->threads);
-        for (size_t i = 0; i < meshes.size(); ++i) {
-            const auto start = std::chrono::steady_clock::now();
-            KPolyMesh result = meshes[i];
-            result.points = run.deform(meshes[i], uvs[i].uvs, weights);
-            const double ms =
-                std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-            SaveMesh(outputs[i], result, &corners[i]);
-            Progress("[%zu/%zu] %s -> %s (%.1f ms)", i + 1, meshes.size(), options->meshes[i].c_str(),
-                     outputs[i].c_str(), ms);
-        }
+        DeformEach(
+            options->meshes, outputs,
+            [&](size_t i) {
+                KPolyMesh result = meshes[i];
+                result.points = run.deform(meshes[i], uvs[i].uvs, weights);
+                return result;
+            },
+            &corners);
     }});
 }
 

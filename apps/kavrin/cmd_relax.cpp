@@ -1,8 +1,6 @@
 // kavrin relax: binds the relaxation deformer to a rest mesh and relaxes each pose, optionally
 // keeping it out of collider meshes.
 
-#include <chrono>
-
 #include "CommandSupport.h"
 #include "RelaxRun.h"
 #include "ValueFile.h"
@@ -102,16 +100,11 @@ void AddRelaxCommand(CLI::App& app, std::vector<Command>& commands) {
         settings.collisionSteps = options->collisionSteps;
         settings.envelope = options->envelope;
         settings.weights = options->weights.empty() ? nullptr : &weights;
-        for (size_t i = 0; i < poses.size(); ++i) {
-            const auto start = std::chrono::steady_clock::now();
+        DeformEach(options->poses, outputs, [&](size_t i) {
             KPolyMesh result = poses[i];
             result.points = run.relax(poses[i], settings);
-            const double ms =
-                std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-            SaveMesh(outputs[i], result);
-            Progress("[%zu/%zu] %s -> %s (%.1f ms)", i + 1, poses.size(), options->poses[i].c_str(),
-                     outputs[i].c_str(), ms);
-        }
+            return result;
+        });
     }});
 }
 

@@ -102,16 +102,12 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
         const auto start = std::chrono::steady_clock::now();
         Progress("fitting the source onto the target, pairing triangles, factoring ...");
         TransferRun run(source, target, settings, sink);
-        Progress("built in %.2f s", std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
-        for (size_t i = 0; i < poses.size(); ++i) {
-            const auto t0 = std::chrono::steady_clock::now();
+        Progress("built in %.2f s", MillisecondsSince(start) / 1000.0);
+        DeformEach(options->poses, outputs, [&](size_t i) {
             KPolyMesh result = target;
             result.points = run.transfer(poses[i]);
-            const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
-            SaveMesh(outputs[i], result);
-            Progress("[%zu/%zu] %s -> %s (%.1f ms)", i + 1, poses.size(), options->poses[i].c_str(),
-                     outputs[i].c_str(), ms);
-        }
+            return result;
+        });
     }});
 }
 

@@ -7,14 +7,6 @@
 
 namespace Kavrin {
 
-namespace {
-
-double MillisecondsSince(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-}
-
-}  // namespace
-
 void AddWrapCommand(CLI::App& app, std::vector<Command>& commands) {
     struct Options {
         std::string driver;
@@ -47,19 +39,15 @@ void AddWrapCommand(CLI::App& app, std::vector<Command>& commands) {
             OutputPaths(options->out, options->poses, {options->driver, options->mesh});
 
         ConsoleSink sink("kavrin wrap");
-        auto start = std::chrono::steady_clock::now();
+        const auto start = std::chrono::steady_clock::now();
         WrapRun run(driver, mesh, options->threads, sink);
         Progress("bound %d points to %d driver triangles (%.1f ms)", run.boundPoints(), run.driverTriangles(),
                  MillisecondsSince(start));
-        for (size_t i = 0; i < poses.size(); ++i) {
-            start = std::chrono::steady_clock::now();
+        DeformEach(options->poses, outputs, [&](size_t i) {
             KPolyMesh result = mesh;
             result.points = run.deform(poses[i]);
-            const double ms = MillisecondsSince(start);
-            SaveMesh(outputs[i], result);
-            Progress("[%zu/%zu] %s -> %s (%.1f ms)", i + 1, poses.size(), options->poses[i].c_str(),
-                     outputs[i].c_str(), ms);
-        }
+            return result;
+        });
     }});
 }
 
