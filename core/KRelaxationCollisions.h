@@ -74,7 +74,7 @@ private:
         bool odd = false;
         bool tried = false;  // a certificate was tried at the last cast and failed
         int numLeaves = 0;
-        KTriMeshDistTree::LeafRun leaves[kMemoLeaves];
+        KTriMeshDistTree::LeafRun leaves[kMemoLeaves] = {};
     };
     std::vector<RayMemo> _rayMemos;
     // The triangle of the last closest point found for each vertex and collider in this
