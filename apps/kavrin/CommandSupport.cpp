@@ -95,6 +95,19 @@ void RequireSameTopology(const KPolyMesh& rest, const std::string& restPath, con
         throw UsageError(posePath + ": its faces differ from those of " + restPath);
 }
 
+std::vector<KPolyMesh> LoadPoses(const std::vector<std::string>& paths, const KPolyMesh* rest,
+                                 const std::string& restPath) {
+    std::vector<KPolyMesh> poses;
+    for (const std::string& path : paths) {
+        poses.push_back(LoadMesh(path));
+        if (rest)
+            RequireSameTopology(*rest, restPath, poses.back(), path);
+        else
+            RequireSameTopology(poses.front(), paths.front(), poses.back(), path);
+    }
+    return poses;
+}
+
 // Decision (behaviour note "Output paths checked before any work")
 std::vector<std::string> OutputPaths(const std::string& out, const std::vector<std::string>& poses,
                                      const std::vector<std::string>& otherInputs) {

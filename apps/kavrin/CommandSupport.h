@@ -68,6 +68,10 @@ double MillisecondsSince(std::chrono::steady_clock::time_point start);
 // Throws UsageError unless pose has the vertex count and faces of rest.
 void RequireSameTopology(const KPolyMesh& rest, const std::string& restPath, const KPolyMesh& pose,
                          const std::string& posePath);
+// Reads the pose meshes at paths; each must have the vertex count and faces of rest (of the first
+// pose when rest is null), as RequireSameTopology checks.
+std::vector<KPolyMesh> LoadPoses(const std::vector<std::string>& paths, const KPolyMesh* rest = nullptr,
+                                 const std::string& restPath = std::string());
 
 // Where each pose's result goes: out itself for one pose (or out/<name> when out is an existing
 // folder or ends in '/'), otherwise out/<name> with the folder created. Checked before any work, all as

@@ -32,11 +32,7 @@ void AddDeltaMushCommand(CLI::App& app, std::vector<Command>& commands) {
         // Decision (behaviour note "Vertices in no face")
         RefuseLooseVertices(options->rest, LooseVertices(rest),
                             "delta mush has no edge to smooth such a vertex over and would write it as NaN");
-        std::vector<KPolyMesh> poses;
-        for (const std::string& path : options->poses) {
-            poses.push_back(LoadMesh(path));
-            RequireSameTopology(rest, options->rest, poses.back(), path);
-        }
+        const std::vector<KPolyMesh> poses = LoadPoses(options->poses, &rest, options->rest);
         const std::vector<std::string> outputs = OutputPaths(options->out, options->poses, {options->rest});
 
         DeltaMushRun run(rest, options->iterations, options->threads);

@@ -51,11 +51,7 @@ void AddJiggleCommand(CLI::App& app, std::vector<Command>& commands) {
     AddOutputOption(sub, options->out, "output file for one frame, else output folder");
 
     commands.push_back(Command{sub, [options]() {
-        std::vector<KPolyMesh> frames;
-        for (const std::string& path : options->frames) {
-            frames.push_back(LoadMesh(path));
-            RequireSameTopology(frames.front(), options->frames.front(), frames.back(), path);
-        }
+        const std::vector<KPolyMesh> frames = LoadPoses(options->frames);
         const int nv = frames.front().numVertices();
         KJiggleAttributes attributes = options->attributes;
         const auto readMap = [nv](const std::string& path, bool& has, KArray<double>& values) {

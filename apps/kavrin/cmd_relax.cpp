@@ -65,11 +65,7 @@ void AddRelaxCommand(CLI::App& app, std::vector<Command>& commands) {
         const KPolyMesh rest = LoadMesh(options->rest);
         if (!rest.valid()) throw UsageError(options->rest + ": its faces name vertices it does not have");
         const int count = rest.numVertices();
-        std::vector<KPolyMesh> poses;
-        for (const std::string& path : options->poses) {
-            poses.push_back(LoadMesh(path));
-            RequireSameTopology(rest, options->rest, poses.back(), path);
-        }
+        const std::vector<KPolyMesh> poses = LoadPoses(options->poses, &rest, options->rest);
         std::vector<KPolyMesh> colliders;
         for (const std::string& path : options->colliders) {
             colliders.push_back(LoadMesh(path));

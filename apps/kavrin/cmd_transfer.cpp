@@ -92,11 +92,7 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
             return;
         }
         if (options->poses.empty()) throw UsageError("no poses to transfer");
-        std::vector<KPolyMesh> poses;
-        for (const std::string& path : options->poses) {
-            poses.push_back(LoadMesh(path));
-            RequireSameTopology(source, options->sourceRest, poses.back(), path);
-        }
+        const std::vector<KPolyMesh> poses = LoadPoses(options->poses, &source, options->sourceRest);
         const std::vector<std::string> outputs = OutputPaths(options->out, options->poses, inputs);
 
         const auto start = std::chrono::steady_clock::now();

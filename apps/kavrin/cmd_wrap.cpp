@@ -30,11 +30,7 @@ void AddWrapCommand(CLI::App& app, std::vector<Command>& commands) {
         const KPolyMesh driver = LoadMesh(options->driver);
         if (driver.numFaces() == 0) throw UsageError(options->driver + ": the driver has no faces to bind to");
         const KPolyMesh mesh = LoadMesh(options->mesh);
-        std::vector<KPolyMesh> poses;
-        for (const std::string& path : options->poses) {
-            poses.push_back(LoadMesh(path));
-            RequireSameTopology(driver, options->driver, poses.back(), path);
-        }
+        const std::vector<KPolyMesh> poses = LoadPoses(options->poses, &driver, options->driver);
         const std::vector<std::string> outputs =
             OutputPaths(options->out, options->poses, {options->driver, options->mesh});
 
