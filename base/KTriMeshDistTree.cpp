@@ -741,6 +741,7 @@ bool KTriMeshDistTree::_search(const KVector& p, float maxDistance, int hint, in
     // The hint is taken as the traversal would take it on meeting it first; every triangle that
     // could beat it, or tie with a lower index, is still visited below.
     int hintSlot = -1;
+    // Guard (behaviour note "Hints and leaf lists from elsewhere").
     if (hint >= 0 && hint < static_cast<int>(_slotOf.size()) && _slotOf[static_cast<size_t>(hint)] >= 0) {
         TriangleHit hit;
         exact(_slotOf[static_cast<size_t>(hint)], hit);

@@ -159,6 +159,7 @@ int KTriMeshDistTree::_rayHits(const KVector& source, const KVector& direction, 
         // below would reach, and triangles outside those are never met (its box test is only a
         // conservative filter), so the crossings are the same.
         for (int g = 0; g < numGiven; ++g) {
+            // Guard (behaviour note "Hints and leaf lists from elsewhere").
             if (given[g].first < 0 || given[g].count < 1 ||
                 static_cast<size_t>(given[g].first) + static_cast<size_t>(given[g].count) > _order.size())
                 continue;
