@@ -47,7 +47,8 @@ void KRelaxationCollisions::prepare(const KDouble3* worldPoints, int count, cons
         out.reach = static_cast<float>(std::sqrt(w * w + h * h + d * d));
         // Most vertices move by less than this between passes; a wider radius lists more leaves.
         out.certRadius = 2.5e-4f * out.reach;
-        out.tree.set(*in.mesh);
+        // A collider that only moved since the last evaluation has its tree refitted (same answers).
+        out.tree.update(*in.mesh);
         out.active = !out.tree.empty();
     }
     for (int c = numColliders; c < static_cast<int>(_colliders.size()); ++c) _colliders[static_cast<size_t>(c)].active = false;
