@@ -120,7 +120,25 @@ KRelaxationResult KRelaxationSolver::evaluate(const KRelaxationInput& in) {
         return result;
     }
 
-    if (collisions) _collisions.prepare(_input.data(), count, in.colliders, in.numColliders);
+    if (collisions) {
+        _collisions.prepare(_input.data(), count, in.colliders, in.numColliders);
+        // Push directions: the normals by the inverse transpose of the world matrix (a direction
+        // ignores the translation), unit length; a zero normal stays zero.
+        _worldNormals.setLength(count, false);
+        const KVector* normals = in.normals;
+        KVector* world = _worldNormals.data();
+        const double(&inv)[4][4] = in.inverseWorldMatrix;
+#pragma omp parallel for schedule(static) num_threads(TeamFor(in.threads, count))
+        for (int i = 0; i < count; ++i) {
+            const KVector& n = normals[i];
+            double w[3];
+            for (int j = 0; j < 3; ++j) w[j] = n.x * inv[j][0] + n.y * inv[j][1] + n.z * inv[j][2];
+            const double len = std::sqrt(w[0] * w[0] + w[1] * w[1] + w[2] * w[2]);
+            if (len > 0.0)
+                for (double& c : w) c /= len;
+            world[i] = KVector(static_cast<float>(w[0]), static_cast<float>(w[1]), static_cast<float>(w[2]));
+        }
+    }
 
     // The passes, ping-ponging between two arrays: a pass reads the points of the one before and
     // writes every vertex (moved or not) of the other.
@@ -132,7 +150,7 @@ KRelaxationResult KRelaxationSolver::evaluate(const KRelaxationInput& in) {
         _relaxPass(*from, *to, in.enableScaleSafe, in.threads);
         if (collisions && CollisionDue(pass, in.iterations, in.collisionSteps)) {
             _collisions.collide(to->data(), count, _weights.data(), in.multipliers ? in.multipliers->data() : nullptr,
-                                in.normals, in.threads);
+                                _worldNormals.data(), in.threads);
             _collisionPasses.push_back(pass);
         }
         std::swap(from, to);

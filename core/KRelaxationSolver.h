@@ -54,8 +54,9 @@ struct KRelaxationInput {
     const KRelaxationBindingData* stored = nullptr;
 
     // Colliders ("mshCollider" elements in physical order) with their multipliers: count rows of
-    // numColliders values (vertex-major, MultiplierTable; null: all 0), and the input mesh's world-space unit
-    // vertex normals (count), read only when collisionsNeeded() says so.
+    // numColliders values (vertex-major, MultiplierTable; null: all 0), and the input mesh's
+    // object-space vertex normals (count; brought into world space by the inverse transpose of
+    // worldMatrix and made unit length here), read only when collisionsNeeded() says so.
     const KRelaxationCollider* colliders = nullptr;
     int numColliders = 0;
     const KArray<double>* multipliers = nullptr;
@@ -114,6 +115,7 @@ private:
     KArray<KDouble3> _cur;      // curPoints
     KArray<KDouble3> _out;
     KFloatArray _weights;       // weightCache
+    KVectorArray _worldNormals;  // the push directions of this evaluation
     KIntArray _collisionPasses;
     KRelaxationCollisions _collisions;
 };

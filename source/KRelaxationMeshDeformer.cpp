@@ -406,16 +406,14 @@ MStatus KRelaxationMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, co
             Kavrin::MultiplierTable(_multiplierList, count, in.numColliders, _multipliers);
             in.multipliers = &_multipliers;
 
-            // Push directions: the input mesh's vertex normals, brought into world space.
+            // Push directions: the input mesh's object-space vertex normals (the engine brings them
+            // into world space).
             MFloatVectorArray normals;
             fnMesh.getVertexNormals(false, normals, MSpace::kObject);
-            const MMatrix normalMatrix = inverse.transpose();
             _normals.setLength(count, false);
             for (int i = 0; i < count && i < static_cast<int>(normals.length()); ++i) {
                 const MFloatVector& n = normals[static_cast<unsigned int>(i)];
-                MVector w = MVector(n.x, n.y, n.z) * normalMatrix;
-                w.normalize();
-                _normals[i] = Kavrin::KVector(static_cast<float>(w.x), static_cast<float>(w.y), static_cast<float>(w.z));
+                _normals[i] = Kavrin::KVector(n.x, n.y, n.z);
             }
             in.normals = static_cast<int>(normals.length()) == count ? _normals.data() : nullptr;
         }

@@ -121,6 +121,26 @@ TEST(RelaxationCollisions, CollisionPassesFollowTheSteps) {
     in.doCollisions = false;
     ASSERT_TRUE(node.run(grid.points, in).outcome.deformed());
     EXPECT_TRUE(node.solver.collisionPasses().empty());
+
+    // The normals come in object space and are turned by the world matrix: with object +y turned
+    // to world +z, the rays from the sheet (world y = 0, z = object y) go up through an open roof
+    // at world z = 3.5, so the rows below it are pushed onto it and the top row stays; unturned,
+    // the rays would run along the roof and meet nothing.
+    in.doCollisions = true;
+    in.iterations = 1;
+    const double turn[4][4] = {{1, 0, 0, 0}, {0, 0, 1, 0}, {0, -1, 0, 0}, {0, 0, 0, 1}};
+    const double back[4][4] = {{1, 0, 0, 0}, {0, 0, -1, 0}, {0, 1, 0, 0}, {0, 0, 0, 1}};
+    std::copy(&turn[0][0], &turn[0][0] + 16, &in.worldMatrix[0][0]);
+    std::copy(&back[0][0], &back[0][0] + 16, &in.inverseWorldMatrix[0][0]);
+    normals.setLengthWithValue(25, KVector(0, 1, 0));
+    KTriMesh roof;
+    for (const KVector& p : {KVector(-10, -10, 3.5f), KVector(10, -10, 3.5f), KVector(10, 10, 3.5f), KVector(-10, 10, 3.5f)})
+        roof.points.push_back(p);
+    roof.triangles.push_back(KInt3{0, 1, 2});
+    roof.triangles.push_back(KInt3{0, 2, 3});
+    collider.mesh = &roof;
+    ASSERT_TRUE(node.run(grid.points, in).outcome.deformed());
+    for (int v = 0; v < 25; ++v) EXPECT_NEAR(node.solver.points()[v][1], v < 20 ? 3.5 : 4.0, 1e-6) << v;
 }
 
 TEST(RelaxationCollisions, EvaluationRefusesCollisionInputsThatDoNotFit) {
