@@ -47,11 +47,6 @@ const char* const kPaintCommands[] = {
     "makePaintable -attrType doubleArray KJiggleMeshDeformer normalStrengthMap",
 };
 
-void CopyMatrix(const MMatrix& from, double to[4][4]) {
-    for (int r = 0; r < 4; ++r)
-        for (int c = 0; c < 4; ++c) to[r][c] = from(r, c);
-}
-
 void WriteMap(MDataBlock& block, const MObject& attr, const Kavrin::KArray<double>& values) {
     MDoubleArray array(values.data(), static_cast<unsigned int>(values.length()));
     Kavrin::SetMapValues(block, attr, array);
@@ -177,8 +172,8 @@ MStatus KJiggleMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, const 
     // 2 of "computingMethod" runs the loops on the host's threads.
     in.threads = Kavrin::KJiggleSolver::TeamSize(block.inputValue(computingMethodObj).asShort(), hostThreads);
 
-    CopyMatrix(localToWorld, in.localToWorld);
-    CopyMatrix(localToWorld.inverse(), in.worldToLocal);
+    localToWorld.get(in.localToWorld);
+    localToWorld.inverse().get(in.worldToLocal);
     in.time = block.inputValue(inTimeObj).asTime().value();
     in.startFrame = block.inputValue(startFrameObj).asInt();
     in.timeScale = block.inputValue(timeScaleObj).asFloat();

@@ -343,12 +343,8 @@ MStatus KRelaxationMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, co
     }
     in.points = _points.data();
     in.count = count;
-    const MMatrix inverse = worldMatrix.inverse();
-    for (int r = 0; r < 4; ++r)
-        for (int c = 0; c < 4; ++c) {
-            in.worldMatrix[r][c] = worldMatrix(r, c);
-            in.inverseWorldMatrix[r][c] = inverse(r, c);
-        }
+    worldMatrix.get(in.worldMatrix);
+    worldMatrix.inverse().get(in.inverseWorldMatrix);
     _weights.setLength(count, false);
     for (int i = 0; i < count; ++i) _weights[i] = weightValue(block, geometryIndex, static_cast<unsigned int>(i));
     in.weights = _weights.data();
