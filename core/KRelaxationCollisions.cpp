@@ -29,8 +29,11 @@ bool KBox::intersects(const KBox& o) const {
 
 void KRelaxationCollisions::prepare(const KDouble3* worldPoints, int count, const KRelaxationCollider* colliders,
                                     int numColliders) {
+    // Trees of colliders past numColliders are kept for a collider that comes back; only the
+    // first numColliders take part, and the per-vertex tables have exactly that many columns.
     if (static_cast<int>(_colliders.size()) < numColliders) _colliders.resize(static_cast<size_t>(numColliders));
     for (Collider& c : _colliders) c.active = false;
+    _numColliders = numColliders > 0 ? numColliders : 0;
     KBox meshBox;
     for (int i = 0; i < count; ++i) meshBox.expand(worldPoints[i][0], worldPoints[i][1], worldPoints[i][2]);
 
@@ -51,13 +54,13 @@ void KRelaxationCollisions::prepare(const KDouble3* worldPoints, int count, cons
         out.tree.update(*in.mesh);
         out.active = !out.tree.empty();
     }
-    for (int c = numColliders; c < static_cast<int>(_colliders.size()); ++c) _colliders[static_cast<size_t>(c)].active = false;
     _count = count;
-    _lastTriangle.assign(static_cast<size_t>(count) * _colliders.size(), -1);
+    const size_t cells = static_cast<size_t>(count) * static_cast<size_t>(_numColliders);
+    _lastTriangle.assign(cells, -1);
     const float nan = std::numeric_limits<float>::quiet_NaN();
     RayMemo fresh;
     fresh.cast = fresh.anchor = KVector(nan, nan, nan);
-    _rayMemos.assign(static_cast<size_t>(count) * _colliders.size(), fresh);
+    _rayMemos.assign(cells, fresh);
 }
 
 namespace {
@@ -73,14 +76,15 @@ inline bool Within(const KVector& a, const KVector& b, float r) {
 
 int KRelaxationCollisions::activeColliders() const {
     int n = 0;
-    for (const Collider& c : _colliders) n += c.active ? 1 : 0;
+    for (int c = 0; c < _numColliders; ++c) n += _colliders[static_cast<size_t>(c)].active ? 1 : 0;
     return n;
 }
 
 void KRelaxationCollisions::collide(KDouble3* points, int count, const float* weights, const double* multipliers,
                                     const KVector* normals, int threads) {
     if (!multipliers || !normals) return;
-    const int numColliders = static_cast<int>(_colliders.size());
+    // The multiplier table and the per-vertex tables have one column per collider in use.
+    const int numColliders = _numColliders;
     if (count > _count) return;
     const int team = TeamFor(threads, count, 512);
     for (int c = 0; c < numColliders; ++c) {

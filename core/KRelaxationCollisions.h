@@ -82,6 +82,7 @@ private:
     // tight bound (the answer does not depend on it).
     std::vector<int> _lastTriangle;
     int _count = 0;
+    int _numColliders = 0;  // the colliders of the last prepare()
 };
 
 }  // namespace Kavrin

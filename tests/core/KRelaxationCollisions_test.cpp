@@ -143,6 +143,35 @@ TEST(RelaxationCollisions, CollisionPassesFollowTheSteps) {
     for (int v = 0; v < 25; ++v) EXPECT_NEAR(node.solver.points()[v][1], v < 20 ? 3.5 : 4.0, 1e-6) << v;
 }
 
+// A collider removed between evaluations: the multiplier table then has one column fewer, and
+// the pass must read it with that stride (and no further than its end), exactly as an instance
+// that never saw the second collider.
+TEST(RelaxationCollisions, RemovingAColliderBetweenEvaluations) {
+    KTriMesh inner = Cube(), outer = Cube(2.0f);
+    KRelaxationCollider two[2];
+    two[0].mesh = &inner;
+    two[1].mesh = &outer;
+    const KArray<KDouble3> points = {KDouble3{0, 0, 0.8}, KDouble3{0, 0, 0.6}, KDouble3{0, 0, 0.4},
+                                     KDouble3{0, 0, 0.2}, KDouble3{0, 0, 0.0}};
+    KVectorArray normals;
+    normals.setLengthWithValue(5, KVector(0, 0, 1));
+    KRelaxationCollisions used, fresh;
+    KArray<KDouble3> first = points;
+    const std::vector<double> twoColumns(10, 0.5);
+    used.prepare(first.data(), 5, two, 2);
+    used.collide(first.data(), 5, nullptr, twoColumns.data(), normals.data(), 1);
+
+    const std::vector<double> oneColumn = {1.0, 0.5, 0.0, 0.25, 1.0};
+    KArray<KDouble3> after = points, expected = points;
+    used.prepare(after.data(), 5, two, 1);
+    used.collide(after.data(), 5, nullptr, oneColumn.data(), normals.data(), 1);
+    fresh.prepare(expected.data(), 5, two, 1);
+    fresh.collide(expected.data(), 5, nullptr, oneColumn.data(), normals.data(), 1);
+    EXPECT_EQ(after, expected);
+    EXPECT_NEAR(after[1][2], 0.8, 1e-6) << "multiplier 0.5: half-way to the top";
+    EXPECT_EQ(after[2], points[2]) << "multiplier 0";
+}
+
 TEST(RelaxationCollisions, EvaluationRefusesCollisionInputsThatDoNotFit) {
     const KPolyMesh grid = FlatGrid(3);
     Node node(grid);
