@@ -174,8 +174,8 @@ void KJiggleSolver::_step(const KJiggleInput& in, double h, int threads) {
             }
         }
 
-        // Kept on purpose (behaviour note "Jiggle: object-space normals"): the normal and the
-        // snapping surface are object space while p and g are world space.
+        // Kept on purpose (behaviour note "Jiggle: object-space normals"): the normal is object
+        // space while p and g are world space.
         const KVector& N = normals[idx];
         if (n < 1.0) {
             const float c = static_cast<float>((1.0 - n) * Dot(N, e));
@@ -186,16 +186,18 @@ void KJiggleSolver::_step(const KJiggleInput& in, double h, int threads) {
                 // Decision (behaviour note "Jiggle: snapping radius"): formed in double, then
                 // narrowed to the search's float.
                 const double radius = std::fabs(1.5 * std::sqrt(Dot(e, e))) + static_cast<double>(1e-4f);
-                // Kept on purpose (behaviour note "Jiggle: snapping that finds nothing"): the
-                // result starts at zero and is taken whether or not a point was found.
+                // Decision (behaviour note "Jiggle: snapping that finds nothing"): a point with no
+                // surface within the radius keeps its position.
                 KVector closest;
                 int triangle = -1;
-                tree.getClosestPoint(KVector(static_cast<float>(p[0]), static_cast<float>(p[1]), static_cast<float>(p[2])),
-                                     closest, triangle, static_cast<float>(radius), hints[idx]);
-                hints[idx] = triangle;
-                p[0] = closest.x;
-                p[1] = closest.y;
-                p[2] = closest.z;
+                if (tree.getClosestPoint(
+                        KVector(static_cast<float>(p[0]), static_cast<float>(p[1]), static_cast<float>(p[2])), closest,
+                        triangle, static_cast<float>(radius), hints[idx])) {
+                    hints[idx] = triangle;
+                    p[0] = closest.x;
+                    p[1] = closest.y;
+                    p[2] = closest.z;
+                }
             }
         }
 
@@ -273,7 +275,23 @@ KJiggleResult KJiggleSolver::evaluate(const KJiggleInput& in) {
     // Decision (behaviour note "Jiggle: snapping surface rebuilt for each step"): the surface tree
     // follows the mesh at every evaluation that steps, the only ones that search it; an unchanged
     // topology refits the tree's boxes instead of building it anew (same answers).
-    if (in.moreAccurateTangent) _tanTree.update(*in.tangentMesh);
+    if (in.moreAccurateTangent) {
+        // Decision (behaviour note "Jiggle: snapping in world space"): the surface is brought into
+        // the simulation's space before the search.
+        const KTriMesh& mesh = *in.tangentMesh;
+        _worldTanMesh.triangles = mesh.triangles;
+        const int n = mesh.points.length();
+        _worldTanMesh.points.setLength(n, false);
+        const KVector* from = mesh.points.data();
+        KVector* to = _worldTanMesh.points.data();
+#pragma omp parallel for schedule(static) num_threads(TeamFor(in.threads, n))
+        for (int v = 0; v < n; ++v) {
+            double w[3];
+            Transform(KDouble3{from[v].x, from[v].y, from[v].z}, in.localToWorld, w);
+            to[v] = KVector(static_cast<float>(w[0]), static_cast<float>(w[1]), static_cast<float>(w[2]));
+        }
+        _tanTree.update(_worldTanMesh);
+    }
     // Decision (behaviour note "Jiggle: points that repeat a vertex"): they step one after the
     // other, on one thread, instead of racing for the vertex's state.
     _step(in, static_cast<double>(in.timeScale) * dt, distinct ? in.threads : 1);

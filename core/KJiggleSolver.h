@@ -65,8 +65,8 @@ struct KJiggleInput {
     // The mesh's own points in object space, one per vertex: read by the host only when
     // KJiggleSolver::meshPointsNeeded() says so (the evaluation that starts the simulation).
     const KArray<KDouble3>* meshPoints = nullptr;
-    // The mesh as triangles, for snapping onto the surface: read by the host only when
-    // KJiggleSolver::tangentMeshNeeded() says so.
+    // The mesh as triangles in object space, for snapping onto the surface (the engine brings it
+    // into world space): read by the host only when KJiggleSolver::tangentMeshNeeded() says so.
     const KTriMesh* tangentMesh = nullptr;
 
     KJiggleMap dampingMap;         // "dampingMap"
@@ -128,6 +128,7 @@ private:
     KArray<KDouble3> _curPos;
     KArray<KDouble3> _prevPos;
     KArray<KDouble3> _velocity;
+    KTriMesh _worldTanMesh;  // the snapping surface in world space
     KTriMeshDistTree _tanTree{10, 10};
     // Per vertex, the triangle its last snapping found (-1: none): the hint of its next search,
     // which then starts with a tight bound (the answer does not depend on it).

@@ -313,7 +313,7 @@ TEST(Jiggle, TimeRules) {
 
 // The described edge cases of the simulation, on one point whose goal moves along x (0.5 t^2) and
 // along its normal z (0.8 t) unless `step` places it elsewhere; flattening and bias are at work,
-// and the snapping surface is empty, so any snapping would send the point to the world origin.
+// and the snapping surface is empty, so snapping finds nothing and changes nothing.
 TEST(Jiggle, EdgeCasesOfTheSimulation) {
     struct Run {
         Frame f = Line(1);
@@ -362,8 +362,8 @@ TEST(Jiggle, EdgeCasesOfTheSimulation) {
         EXPECT_EQ(r.s.points()[0], r.f.points[0]);
     }
 
-    // normalStrength 1 with map 1 skips the flattening and the snapping even with
-    // moreAccurateTangent on; a map value below 1 brings both back.
+    // normalStrength 1 with map 1 skips the flattening even with moreAccurateTangent on; a map
+    // value below 1 brings it back.
     const Run plain = run([](Frame& f, int) { f.in.normalStrength = 1.0f; });
     const Run accurate = run([](Frame& f, int) { f.in.normalStrength = 1.0f, f.in.moreAccurateTangent = true; });
     const Run snapped = run([](Frame& f, int) {
@@ -380,26 +380,33 @@ TEST(Jiggle, EdgeCasesOfTheSimulation) {
     EXPECT_EQ(unweighted.s.currentPositions(), weighted.s.currentPositions());
 }
 
-// Snapping with the object away from the origin searches the object-space surface around a
-// world-space point, within 1.5 |e| + 1e-4; when nothing lies that near the point goes to the
-// world origin.
-TEST(Jiggle, SnappingSearchesTheObjectSpaceSurfaceWithinItsRadius) {
-    // One step of the ridge vertex by 0.2 along x: p = (0.06, 0, 1 + lift), e = (-0.14, 0, 0), no
-    // flattening (e is along the ridge's tangent); the nearest roof point is the ridge vertex
-    // (0, 0, 1), sqrt(0.06^2 + lift^2) from p: found at 1.25 |e|, not beyond 1.5 |e| + 1e-4.
-    // 0.2102 lies just beyond the radius 1.5 |e| + 1e-4 = 0.2101.
-    const double within = std::sqrt(0.175 * 0.175 - 0.06 * 0.06), beyond = std::sqrt(0.2102 * 0.2102 - 0.06 * 0.06);
-    for (const double lift : {within, beyond, 100.0}) {
+// Snapping searches the surface in world space, where the simulated point is, within
+// 1.5 |e| + 1e-4; a point with no surface that near keeps its position, and normal strength 1
+// (map 1) skips the snapping.
+TEST(Jiggle, SnappingSearchesTheWorldSpaceSurfaceWithinItsRadius) {
+    // One step of the ridge vertex by 0.2 along x with the object lifted along z: p = (0.06, 0,
+    // 1 + lift), e = (-0.14, 0, 0), no flattening (e is along the ridge's tangent); p lies
+    // 0.75 * 0.06 above the right face (normal (0.6, 0, 0.8)), 0.036 from it, within the radius
+    // 0.2101: closest (0.0384, 0, 1 + lift - 0.0288), whatever the lift. With the roof moved 1
+    // along x the nearest face lies 0.564 away: nothing is found and p stays.
+    const struct {
+        double lift;
+        float roofAt, normalStrength;
+        double x, z;  // object space
+    } cases[] = {{0, 0, 0.5f, 0.0384, 1 - 0.0288}, {100, 0, 0.5f, 0.0384, 1 - 0.0288}, {0, 1, 0.5f, 0.06, 1},
+                 {100, 1, 0.5f, 0.06, 1},           {0, 0, 1.0f, 0.06, 1}};
+    for (const auto& c : cases) {
         Frame f = Ridge();
-        SetTranslation(f.in, 0, 0, lift);
+        f.in.normalStrength = c.normalStrength;
+        SetTranslation(f.in, 0, 0, c.lift);
         KJiggleSolver solver;
         solver.evaluate(f.input());
+        f.tangent = Roof(c.roofAt);
         f.points[0] = KDouble3{0.2, 0, 1};
         f.in.time = 1;
         ASSERT_EQ(solver.evaluate(f.input()).outcome.status, KOutcome::kDeformed);
-        const double z = lift == within ? 1 : 0;
-        ExpectPoint(solver.currentPositions()[1], 0, 0, z, 1e-6, "world position");
-        ExpectPoint(solver.points()[0], 0, 0, z - lift, 1e-6, "object space");
+        ExpectPoint(solver.currentPositions()[1], c.x, 0, c.z + c.lift, 1e-5, "world position");
+        ExpectPoint(solver.points()[0], c.x, 0, c.z, 1e-5, "object space");
     }
 }
 
