@@ -1,6 +1,9 @@
 #include "KPluginRegistration.h"
 
 #include <cstddef>
+#include <vector>
+
+#include "KNodeAttributes.h"
 
 namespace Kavrin {
 
@@ -53,24 +56,51 @@ KPluginSteps Steps(const KPluginStep (&steps)[N]) {
 KPluginSteps LoadSteps() { return Steps(kLoadSteps); }
 KPluginSteps UnloadSteps() { return Steps(kUnloadSteps); }
 
+namespace {
+
+// The maps a node type's initialize made paintable go before the type.
+void WithdrawPaintable(KPluginHost& host, const KNodeType& type) {
+    if (const KAttributeTable* table = AttributesOf(type.name))
+        for (const std::string& command : WithdrawPaintableCommands(*table)) host.runCommand(command);
+}
+
+// Takes back registered steps, newest first; the results are not examined.
+void TakeBack(KPluginHost& host, const std::vector<KPluginStep>& registered) {
+    for (auto step = registered.rbegin(); step != registered.rend(); ++step) {
+        if (step->node) {
+            WithdrawPaintable(host, *step->node);
+            host.deregisterNode(*step->node);
+        } else if (step->drawOverride) {
+            host.deregisterDrawOverride(*step->drawOverride);
+        } else if (step->context) {
+            host.deregisterContext(*step->context);
+        }
+    }
+}
+
+}  // namespace
+
 bool LoadPlugin(KPluginHost& host, KPluginSteps steps) {
+    std::vector<KPluginStep> registered;
     for (int i = 0; i < steps.count; ++i) {
         const KPluginStep& step = steps.steps[i];
         // Decision (behaviour note "Maya layer: registration step without a class").
         if (!host.hasClass(step)) continue;
+        std::string failed;
         if (step.node) {
-            if (!host.registerNode(*step.node)) {
-                host.reportFailure(std::string("Failed to register: ") + step.node->name);
-                return false;
-            }
+            if (!host.registerNode(*step.node)) failed = step.node->name;
         } else if (step.drawOverride) {
-            if (!host.registerDrawOverride(*step.drawOverride)) {
-                host.reportFailure(std::string("Failed to register: ") + step.drawOverride->registrantId);
-                return false;
-            }
+            if (!host.registerDrawOverride(*step.drawOverride)) failed = step.drawOverride->registrantId;
         } else if (step.context) {
-            host.registerContext(*step.context);
+            if (!host.registerContext(*step.context)) continue;
         }
+        if (!failed.empty()) {
+            host.reportFailure("Failed to register: " + failed);
+            // Decision (behaviour note "Maya layer: a failed load takes back what it registered").
+            TakeBack(host, registered);
+            return false;
+        }
+        registered.push_back(step);
     }
     for (const char* script : kPluginScripts) host.sourceScript(script);
     host.registerMenu(kCreateMenuProcedure, kDeleteMenuProcedure);
@@ -82,6 +112,8 @@ bool UnloadPlugin(KPluginHost& host, KPluginSteps steps) {
         const KPluginStep& step = steps.steps[i];
         if (!host.hasClass(step)) continue;
         if (step.node) {
+            // Decision (behaviour note "Maya layer: paintable maps withdrawn at unload").
+            WithdrawPaintable(host, *step.node);
             if (!host.deregisterNode(*step.node)) {
                 host.reportFailure(std::string("Failed to deregister: ") + step.node->name);
                 return false;

@@ -90,22 +90,25 @@ public:
     virtual bool deregisterContext(const KContextType& type) = 0;  // result not examined
     virtual bool sourceScript(const char* fileName) = 0;           // result not examined
     virtual bool registerMenu(const char* createProcedure, const char* deleteProcedure) = 0;  // not examined
+    virtual void runCommand(const std::string& command) = 0;                                  // not examined
     virtual void reportFailure(const std::string& message) = 0;
 };
 
 // Load: the steps in order, skipping those without a class, stopping at the first failed node or
-// draw-override registration
-// ("Failed to register: " and the node type's name, or the override's registrant id); a context
-// registration's result is ignored. Then the scripts are sourced in order, whatever each
-// returns, and the menu procedures are registered. Returns false at a failure; nothing
-// registered before it is undone.
+// draw-override registration ("Failed to register: " and the node type's name, or the
+// override's registrant id); a context registration's result is ignored. Then the scripts are
+// sourced in order, whatever each returns, and the menu procedures are registered. Returns false
+// at a failure, after taking back, newest first, everything registered before it (a node type's
+// paintable maps, then the type; the draw override; the context), so that the next load starts
+// from nothing.
 bool LoadPlugin(KPluginHost& host, KPluginSteps steps);
 inline bool LoadPlugin(KPluginHost& host) { return LoadPlugin(host, LoadSteps()); }
 
 // Unload: the steps in order, skipping those without a class, stopping at the first failed
-// deregistration ("Failed to
-// deregister: " and the node type's name; for a draw override, the name of its locator type).
-// A context deregistration's result is ignored. No script runs.
+// deregistration ("Failed to deregister: " and the node type's name; for a draw override, the
+// name of its locator type). Before a node type is deregistered, the maps its initialize made
+// paintable are withdrawn (WithdrawPaintableCommands). A context deregistration's result is
+// ignored. No script runs.
 bool UnloadPlugin(KPluginHost& host, KPluginSteps steps);
 inline bool UnloadPlugin(KPluginHost& host) { return UnloadPlugin(host, UnloadSteps()); }
 

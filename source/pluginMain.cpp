@@ -1,6 +1,7 @@
 // The plug-in's entry points: register and deregister every node type, the draw override and the
 // context in the order Kavrin::LoadSteps / UnloadSteps give, source the interface scripts and
-// install the menu.
+// install the menu. A load that fails part-way takes back what it registered; unload withdraws
+// the maps the node types made paintable.
 
 #include <maya/MDrawRegistry.h>
 #include <maya/MFnPlugin.h>
@@ -122,6 +123,7 @@ public:
     bool registerMenu(const char* createProcedure, const char* deleteProcedure) override {
         return _plugin.registerUI(createProcedure, deleteProcedure, "", "") == MS::kSuccess;
     }
+    void runCommand(const std::string& command) override { MGlobal::executeCommand(command.c_str(), false, false); }
     void reportFailure(const std::string& message) override { _status.perror(message.c_str()); }
 
 private:

@@ -50,4 +50,7 @@ TEST(WeightMap, OnlyAnUnreadableOrEmptyMapBecomesFullWeight) {
 TEST(HostMessages, ExactTexts) {
     EXPECT_EQ(ApiErrorText("source/KDeltaMush", 57), "\nAPI error detected in source/KDeltaMush at line 57\n");
     EXPECT_STREQ(kGetAttr3Error, "Error@KGetAttr3(): Failed to get value of the plug.");
+    EXPECT_EQ(OneGeometryText("KWrapMeshDeformer", 2),
+              "KWrapMeshDeformer: a deformer of this type deforms one geometry; its geometry 2 was left untouched. "
+              "Give each mesh a deformer of its own.");
 }

@@ -40,6 +40,7 @@ public:
     bool registerMenu(const char* create, const char* remove) override {
         return call("menu " + std::string(create) + " " + remove);
     }
+    void runCommand(const std::string& command) override { call("run " + command); }
     void reportFailure(const std::string& message) override { reports.push_back(message); }
 
 private:
@@ -63,14 +64,21 @@ const std::vector<std::string> kLoadCalls = {
     "source KavrinUtils.mel", "source KavrinMenu.mel", "source KDTMarkCtx.mel", "source KOffsetMeshDeformer.mel",
     "source KJiggleMeshDeformer.mel", "source KRelaxationMeshDeformer.mel", "source KDeformationTransfer.mel",
     "source KWrapMeshDeformer.mel", "source KDeltaMush.mel", "menu CreateKavrinMenu DeleteKavrinMenu"};
+// Each node type's paintable maps are withdrawn just before the type goes.
 const std::vector<std::string> kUnloadCalls = {
     "deregister override drawdb/geometry/KDTPoint KDTPointNodePlugin", "deregister KDTPoint", "deregister KDeltaMush",
-    "deregister KWrapMeshDeformer", "deregister KOffsetMeshDeformer", "deregister KJiggleMeshDeformer",
-    "deregister KDeformationTransfer", "deregister KRelaxationMeshDeformer",
+    "deregister KWrapMeshDeformer", "deregister KOffsetMeshDeformer",
+    "run makePaintable -rm KJiggleMeshDeformer dampingMap;", "run makePaintable -rm KJiggleMeshDeformer stiffnessMap;",
+    "run makePaintable -rm KJiggleMeshDeformer normalStrengthMap;", "deregister KJiggleMeshDeformer",
+    "deregister KDeformationTransfer", "run makePaintable -rm KRelaxationMeshDeformer stiffness;",
+    "run makePaintable -rm KRelaxationMeshDeformer colliderMap;", "deregister KRelaxationMeshDeformer",
     "deregister context KDTMarkCtx KDTMarkCtxToolCmd"};
 
-std::vector<std::string> First(const std::vector<std::string>& calls, int n) {
-    return {calls.begin(), calls.begin() + n};
+// The first n calls, then the given ones.
+std::vector<std::string> First(const std::vector<std::string>& calls, int n, std::vector<std::string> then = {}) {
+    std::vector<std::string> out(calls.begin(), calls.begin() + n);
+    out.insert(out.end(), then.begin(), then.end());
+    return out;
 }
 
 }  // namespace
@@ -104,7 +112,8 @@ TEST(PluginRegistration, TypeIdentities) {
 
 TEST(PluginRegistration, OrderStopAtTheFirstFailureAndIgnoredResults) {
     // Missing scripts and failed context or menu registrations change neither the calls nor the
-    // result. A checked failure stops at once, undoes nothing and runs no script.
+    // result. A failed load stops at once, takes back what it registered, newest first, and runs
+    // no script; a failed unload stops at once.
     const struct {
         bool load;
         std::set<std::string> failing;
@@ -119,13 +128,27 @@ TEST(PluginRegistration, OrderStopAtTheFirstFailureAndIgnoredResults) {
          {}},
         {false, {"deregister context KDTMarkCtx KDTMarkCtxToolCmd"}, kUnloadCalls, {}},
         {true, {"register KDeformationTransfer"}, First(kLoadCalls, 1), {"Failed to register: KDeformationTransfer"}},
-        {true, {"register override drawdb/geometry/KDTPoint KDTPointNodePlugin"}, First(kLoadCalls, 3),
+        {true, {"register override drawdb/geometry/KDTPoint KDTPointNodePlugin"},
+         First(kLoadCalls, 3, {"deregister KDTPoint", "deregister KDeformationTransfer"}),
          {"Failed to register: KDTPointNodePlugin"}},
-        {true, {"register KOffsetMeshDeformer", "register KRelaxationMeshDeformer"}, First(kLoadCalls, 6),
+        {true, {"register KOffsetMeshDeformer", "register KRelaxationMeshDeformer"},
+         First(kLoadCalls, 6,
+               {"deregister KWrapMeshDeformer", "deregister KDeltaMush",
+                "deregister override drawdb/geometry/KDTPoint KDTPointNodePlugin", "deregister KDTPoint",
+                "deregister KDeformationTransfer"}),
          {"Failed to register: KOffsetMeshDeformer"}},
+        {true, {"register KRelaxationMeshDeformer"},
+         First(kLoadCalls, 8,
+               {"run makePaintable -rm KJiggleMeshDeformer dampingMap;",
+                "run makePaintable -rm KJiggleMeshDeformer stiffnessMap;",
+                "run makePaintable -rm KJiggleMeshDeformer normalStrengthMap;", "deregister KJiggleMeshDeformer",
+                "deregister KOffsetMeshDeformer", "deregister KWrapMeshDeformer", "deregister KDeltaMush",
+                "deregister override drawdb/geometry/KDTPoint KDTPointNodePlugin", "deregister KDTPoint",
+                "deregister KDeformationTransfer"}),
+         {"Failed to register: KRelaxationMeshDeformer"}},
         {false, {"deregister override drawdb/geometry/KDTPoint KDTPointNodePlugin"}, First(kUnloadCalls, 1),
          {"Failed to deregister: KDTPoint"}},
-        {false, {"deregister KDeformationTransfer", "deregister KRelaxationMeshDeformer"}, First(kUnloadCalls, 7),
+        {false, {"deregister KDeformationTransfer", "deregister KRelaxationMeshDeformer"}, First(kUnloadCalls, 10),
          {"Failed to deregister: KDeformationTransfer"}}};
     for (const auto& c : cases) {
         RecordingHost host;
