@@ -2,7 +2,7 @@
 
 #include <GL/gl.h>
 
-#include <maya/MFnNumericAttribute.h>
+#include <maya/MColor.h>
 #include <maya/MPoint.h>
 
 #include "KDTPointClass.h"
@@ -19,14 +19,6 @@ const MString KDTPoint::drawRegistrantId(Kavrin::kDTPointDrawOverride.registrant
 MObject KDTPoint::positionObj;
 MObject KDTPoint::colorObj;
 
-namespace {
-
-const char* const kSource = "source/KDTPoint";
-
-// The marker is never culled: its box reaches single-precision 1e30 on every axis.
-const double kBoxHalfSize = static_cast<double>(1e30f);
-
-}  // namespace
 
 KDTPoint::KDTPoint() : _quadric(gluNewQuadric()) {
     // Guard (behaviour note "KDTPoint: quadric not created")
@@ -43,19 +35,8 @@ KDTPoint::~KDTPoint() {
 void* KDTPoint::creator() { return new KDTPoint(); }
 
 MStatus KDTPoint::initialize() {
-    MFnNumericAttribute nAttr;
-    MStatus status;
-
-    Kavrin::CreateF3Attr(nAttr, positionObj, "position", "position", 0.0f);
-    status = addAttribute(positionObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateColorAttr(nAttr, colorObj, "color", "color");
-    nAttr.setDefault(1.0f, 0.0f, 0.0f);
-    status = addAttribute(colorObj);
-    K_CHECK_API(status, kSource);
-
-    return MS::kSuccess;
+    MObject* const handles[] = {&positionObj, &colorObj};
+    return Kavrin::AddAttributes(Kavrin::kDTPointAttributeTable, handles, sizeof(handles) / sizeof(handles[0]));
 }
 
 void KDTPoint::postConstructor() {
@@ -66,7 +47,8 @@ void KDTPoint::postConstructor() {
     _dependFn.setName("KDTPoint#");
 }
 
-MStatus KDTPoint::compute(const MPlug& /*plug*/, MDataBlock& /*block*/) { return MS::kSuccess; }
+// Decision (behaviour note "KDTPoint: computes nothing"): no plug of the marker is computed.
+MStatus KDTPoint::compute(const MPlug& /*plug*/, MDataBlock& /*block*/) { return MS::kUnknownParameter; }
 
 void KDTPoint::draw(M3dView& view, const MDagPath& /*path*/, M3dView::DisplayStyle /*style*/,
                     M3dView::DisplayStatus /*status*/) {
@@ -77,18 +59,36 @@ void KDTPoint::draw(M3dView& view, const MDagPath& /*path*/, M3dView::DisplaySty
     glPopAttrib();
 }
 
-bool KDTPoint::isBounded() const { return true; }
+// Decision (behaviour note "KDTPoint: never culled, not framed"): an unbounded locator is never
+// culled and leaves "Frame All" alone; the box, should anything ask, is the marker's point.
+bool KDTPoint::isBounded() const { return false; }
 
 MBoundingBox KDTPoint::boundingBox() const {
-    return MBoundingBox(MPoint(-kBoxHalfSize, -kBoxHalfSize, -kBoxHalfSize),
-                        MPoint(kBoxHalfSize, kBoxHalfSize, kBoxHalfSize));
+    DrawValues v;
+    drawValues(v);
+    const MPoint p(v.position[0], v.position[1], v.position[2]);
+    return MBoundingBox(p, p);
+}
+
+void KDTPoint::drawValues(DrawValues& v) const {
+    Kavrin::KGetAttr3(MPlug(_thisObj, positionObj), v.position[0], v.position[1], v.position[2]);
+    Kavrin::KGetAttr3(MPlug(_thisObj, colorObj), v.colour[0], v.colour[1], v.colour[2]);
 }
 
 void KDTPoint::draw(int /*style*/) {
-    float x = 0.0f, y = 0.0f, z = 0.0f, r = 0.0f, g = 0.0f, b = 0.0f;
-    Kavrin::KGetAttr3(MPlug(_thisObj, positionObj), x, y, z);
-    Kavrin::KGetAttr3(MPlug(_thisObj, colorObj), r, g, b);
-    Kavrin::DrawMarkerPoint(x, y, z, r, g, b);
+    DrawValues v;
+    drawValues(v);
+    Kavrin::DrawMarkerPoint(v.position[0], v.position[1], v.position[2], v.colour[0], v.colour[1], v.colour[2]);
+}
+
+// Decision (behaviour note "KDTPoint: Viewport 2.0 draws through the draw manager"): the same
+// 5-pixel point, in every draw API and OpenGL profile.
+void KDTPoint::drawUI(const DrawValues& v, int /*style*/, MHWRender::MUIDrawManager& manager) {
+    manager.beginDrawable();
+    manager.setColor(MColor(v.colour[0], v.colour[1], v.colour[2], 1.0f));
+    manager.setPointSize(Kavrin::kMarkerPointSize);
+    manager.point(MPoint(v.position[0], v.position[1], v.position[2]));
+    manager.endDrawable();
 }
 
 void* KDTPointClass::creator() { return KDTPoint::creator(); }

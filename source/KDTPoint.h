@@ -1,7 +1,8 @@
 #pragma once
 // The marker locator: one picked vertex of the correspondence list, drawn as a 5-pixel point of
-// its colour at its position, in the legacy viewport and through KDrawOverride<KDTPoint> in
-// Viewport 2.0. The marking tool creates it under the transform "VertexPicked".
+// its colour at its position, with OpenGL in the legacy viewport and with the draw manager
+// through KDrawOverride<KDTPoint> in Viewport 2.0. The marking tool creates it under the
+// transform "VertexPicked".
 
 #include <GL/glu.h>
 
@@ -16,6 +17,7 @@
 #include <maya/MPxLocatorNode.h>
 #include <maya/MString.h>
 #include <maya/MTypeId.h>
+#include <maya/MUIDrawManager.h>
 
 class KDTPoint : public MPxLocatorNode {
 public:
@@ -35,8 +37,17 @@ public:
     bool isBounded() const override;
     MBoundingBox boundingBox() const override;
 
-    // The drawing shared by both viewports; the style code is accepted and not used.
+    // The legacy viewport's drawing (OpenGL); the style code is accepted and not used.
     void draw(int style);
+
+    // What Viewport 2.0 draws (KDrawOverride): the marker's position and colour, read from its
+    // plugs (a child that cannot be read reports and stays 0), queued as draw-manager drawables.
+    struct DrawValues {
+        float position[3] = {0.0f, 0.0f, 0.0f};
+        float colour[3] = {0.0f, 0.0f, 0.0f};
+    };
+    void drawValues(DrawValues& values) const;
+    static void drawUI(const DrawValues& values, int style, MHWRender::MUIDrawManager& manager);
 
     static const MString name;
     static const MTypeId id;

@@ -33,7 +33,6 @@ namespace {
 
 typedef Kavrin::KDeformationTransferResult Result;
 
-const char* const kSource = "source/KDeformationTransfer";
 const char* const kCopyFailedSource =
     "KDeformationTransfer: the output mesh could not be made from the source mesh; the output was left untouched.";
 const char* const kCopyFailedTarget =
@@ -72,70 +71,9 @@ MIntArray ToInts(const Kavrin::KIntArray& from) {
 void* KDeformationTransfer::creator() { return new KDeformationTransfer(); }
 
 MStatus KDeformationTransfer::initialize() {
-    MFnTypedAttribute tAttr;
-    MFnNumericAttribute nAttr;
-    MFnEnumAttribute eAttr;
-    MStatus status;
-
-    Kavrin::CreateMeshAttr(tAttr, sourceMeshObj, "sourceMesh", "sourceMesh");
-    tAttr.setHidden(true);
-    status = addAttribute(sourceMeshObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateMeshAttr(tAttr, targetMeshObj, "targetMesh", "targetMesh");
-    tAttr.setHidden(true);
-    status = addAttribute(targetMeshObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateMeshAttr(tAttr, outputMeshObj, "outputMesh", "outputMesh");
-    tAttr.setHidden(true);
-    status = addAttribute(outputMeshObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateIArrayAttr(tAttr, vertCorresObj, "vertCorres", "vertCorres");
-    tAttr.setHidden(true);
-    status = addAttribute(vertCorresObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateBoolAttr(nAttr, reCalculateObj, "reCalculate", "reCalculate", false);
-    status = addAttribute(reCalculateObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateEnumAttr(eAttr, calcModeObj, "calcMode", "calcMode", 1);
-    eAttr.addField("Same Topology", 1);
-    eAttr.addField("Different Topology", 2);
-    status = addAttribute(calcModeObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateIntAttr(nAttr, iterCountObj, "iterCount", "iterCount", 5);
-    status = addAttribute(iterCountObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateEnumAttr(eAttr, aimObj, "aim", "aim", 1);
-    eAttr.addField("Source To Target", 1);
-    eAttr.addField("Transfer", 2);
-    eAttr.addField("Wrap Deformer", 3);
-    status = addAttribute(aimObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateIArrayAttr(tAttr, srcFixPNumObj, "srcFixPNum", "srcFixPNum");
-    tAttr.setHidden(true);
-    status = addAttribute(srcFixPNumObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateIArrayAttr(tAttr, trgFixPNumObj, "trgFixPNum", "trgFixPNum");
-    tAttr.setHidden(true);
-    status = addAttribute(trgFixPNumObj);
-    K_CHECK_API(status, kSource);
-
-    // "targetMesh", "vertCorres" and the fixed points do not dirty the output: they take effect
-    // at the next evaluation, normally the one "reCalculate" triggers.
-    attributeAffects(sourceMeshObj, outputMeshObj);
-    attributeAffects(reCalculateObj, outputMeshObj);
-    attributeAffects(calcModeObj, outputMeshObj);
-    attributeAffects(iterCountObj, outputMeshObj);
-    attributeAffects(aimObj, outputMeshObj);
-    return MS::kSuccess;
+    MObject* const handles[] = {&sourceMeshObj, &targetMeshObj, &outputMeshObj, &vertCorresObj, &reCalculateObj,
+                                &calcModeObj,   &iterCountObj,  &aimObj,        &srcFixPNumObj, &trgFixPNumObj};
+    return Kavrin::AddAttributes(Kavrin::kDeformationTransferAttributeTable, handles, sizeof(handles) / sizeof(handles[0]));
 }
 
 void KDeformationTransfer::postConstructor() {
@@ -162,19 +100,22 @@ MStatus KDeformationTransfer::compute(const MPlug& plug, MDataBlock& block) {
     Kavrin::KMayaMessageSink sink;
     const Result result = _solver.compute(_input, sink);
 
-    if (result.writeReCalculate) block.outputValue(reCalculateObj).set(result.reCalculate);
+    // Decision (behaviour note "Maya layer: stored data written only in the normal context").
+    if (result.writeReCalculate && Kavrin::NormalContext(block))
+        block.outputValue(reCalculateObj).set(result.reCalculate);
+    MStatus status = MS::kSuccess;
     if (result.output != Result::kNoOutput && !_writeOutputMesh(block, result)) {
         sink.error(result.output == Result::kFromSource ? kCopyFailedSource : kCopyFailedTarget);
-        return MS::kFailure;
-    }
-    if (result.outcome.failed()) {
+        status = MS::kFailure;
+    } else if (result.outcome.failed()) {
         Kavrin::ReportOutcome(result.outcome);
-        return MS::kFailure;
+        status = MS::kFailure;
     }
-    // Only a written output is marked clean: an evaluation that writes nothing leaves the plug
-    // dirty, so the next request evaluates (and reports) again.
-    if (result.output != Result::kNoOutput) block.setClean(plug);
-    return MS::kSuccess;
+    // Decision (behaviour note "Maya layer: outputs marked clean"): every path marks "outputMesh"
+    // clean, also those that write nothing ("not ready", a quiet "Source To Target" pass, a
+    // failure), so that a message is not repeated at every redraw.
+    block.setClean(plug);
+    return status;
 }
 
 MStatus KDeformationTransfer::_writeOutputMesh(MDataBlock& block, const Result& result) {

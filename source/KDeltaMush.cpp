@@ -26,7 +26,6 @@ MObject KDeltaMush::numIterObj;
 
 namespace {
 
-const char* const kSource = "source/KDeltaMush";
 const char* const kNotAMesh = "KDeltaMush: the input geometry is not a polygon mesh; the points were left untouched.";
 const char* const kGeometryMismatch =
     "KDeltaMush: the deformed geometry does not match the input mesh; the points were left untouched.";
@@ -66,52 +65,13 @@ void CaptureRestMesh(MDataBlock& block, const MObject& inputMesh) {
     if (status) block.outputValue(KDeltaMush::restMeshObj).set(copy);
 }
 
-// True when every index the iterator visits has a reconstructed point, so that the write-back
-// never reads past the engine's result.
-bool IndicesFit(MItGeometry& iter, int count) {
-    for (iter.reset(); !iter.isDone(); iter.next())
-        if (iter.index() < 0 || iter.index() >= count) return false;
-    return true;
-}
-
 }  // namespace
 
 void* KDeltaMush::creator() { return new KDeltaMush(); }
 
 MStatus KDeltaMush::initialize() {
-    MFnNumericAttribute nAttr;
-    MFnTypedAttribute tAttr;
-    MStatus status;
-
-    Kavrin::CreateBoolAttr(nAttr, onlyOnceObj, "onlyOnce", "onlyOnce", true);
-    nAttr.setHidden(true);
-    status = addAttribute(onlyOnceObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateBoolAttr(nAttr, gotDeltaObj, "gotDelta", "gotDelta", false);
-    nAttr.setHidden(true);
-    status = addAttribute(gotDeltaObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateMeshAttr(tAttr, restMeshObj, "restMesh", "restMesh");
-    tAttr.setHidden(true);
-    tAttr.setStorable(true);
-    status = addAttribute(restMeshObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateVArrayAttr(tAttr, deltaObj, "delta", "delta");
-    tAttr.setHidden(true);
-    tAttr.setStorable(true);
-    status = addAttribute(deltaObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateIntAttr(nAttr, numIterObj, "numIter", "numIter", 15);
-    status = addAttribute(numIterObj);
-    K_CHECK_API(status, kSource);
-
-    attributeAffects(inputGeom, outputGeom);
-    attributeAffects(numIterObj, outputGeom);
-    return MS::kSuccess;
+    MObject* const handles[] = {&onlyOnceObj, &gotDeltaObj, &restMeshObj, &deltaObj, &numIterObj};
+    return Kavrin::AddAttributes(Kavrin::kDeltaMushAttributeTable, handles, sizeof(handles) / sizeof(handles[0]));
 }
 
 void KDeltaMush::postConstructor() {
@@ -125,6 +85,7 @@ MStatus KDeltaMush::deform(MDataBlock& block, MItGeometry& iter, const MMatrix& 
     in.threads = MThreadUtils::getNumThreads();
     in.envelope = block.inputValue(envelope).asFloat();
     if (!Kavrin::KDeltaMushSolver::Active(in.envelope)) return MS::kSuccess;
+    if (Kavrin::RefuseOtherGeometry(Kavrin::kDeltaMushNode.name, multiIndex)) return MS::kSuccess;
 
     MArrayDataHandle inputs = block.outputArrayValue(input);
     inputs.jumpToElement(multiIndex);
@@ -146,12 +107,14 @@ MStatus KDeltaMush::deform(MDataBlock& block, MItGeometry& iter, const MMatrix& 
     }
 
     const Kavrin::KDeltaMushResult result = _solver.evaluate(in);
-    if (result.captureRestMesh) {
+    // Decision (behaviour note "Maya layer: stored data written only in the normal context").
+    const bool normal = Kavrin::NormalContext(block);
+    if (result.captureRestMesh && normal) {
         CaptureRestMesh(block, inputMesh);
         block.outputValue(onlyOnceObj).set(false);
     }
-    if (result.writeDelta) WriteDelta(block, _solver.boundDelta());
-    if (result.writeGotDelta) {
+    if (result.writeDelta && normal) WriteDelta(block, _solver.boundDelta());
+    if (result.writeGotDelta && normal) {
         block.outputValue(gotDeltaObj).set(true);
         // Kept on purpose (behaviour note "Delta mush: gotDelta is read back").
         if (!block.inputValue(gotDeltaObj).asBool()) return MS::kSuccess;
@@ -162,7 +125,7 @@ MStatus KDeltaMush::deform(MDataBlock& block, MItGeometry& iter, const MMatrix& 
     }
     if (!result.outcome.deformed()) return MS::kSuccess;
     // Guard (behaviour note "Delta mush: iterator index beyond the result").
-    if (!IndicesFit(iter, _solver.points().length())) {
+    if (!Kavrin::IndicesBelow(iter, _solver.points().length())) {
         MGlobal::displayError(kGeometryMismatch);
         return MS::kSuccess;
     }

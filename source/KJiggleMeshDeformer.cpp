@@ -37,15 +37,13 @@ MObject KJiggleMeshDeformer::moreAccurateTangentObj;
 
 namespace {
 
-const char* const kSource = "source/KJiggleMeshDeformer";
 const char* const kNotAMesh =
     "KJiggleMeshDeformer: the deformed geometry is not a polygon mesh; the points were left untouched.";
-
-const char* const kPaintCommands[] = {
-    "makePaintable -attrType doubleArray KJiggleMeshDeformer dampingMap",
-    "makePaintable -attrType doubleArray KJiggleMeshDeformer stiffnessMap",
-    "makePaintable -attrType doubleArray KJiggleMeshDeformer normalStrengthMap",
-};
+#if MAYA_API_VERSION >= 20200000
+const char* const kNoCachedPlayback =
+    "KJiggleMeshDeformer simulates frame after frame from the frame before, which cached playback cannot do.";
+const char* const kNoCachedPlaybackMitigation = "Play the scene forwards frame by frame from its first frame.";
+#endif
 
 void WriteMap(MDataBlock& block, const MObject& attr, const Kavrin::KArray<double>& values) {
     MDoubleArray array(values.data(), static_cast<unsigned int>(values.length()));
@@ -56,100 +54,24 @@ void WriteMap(MDataBlock& block, const MObject& attr, const Kavrin::KArray<doubl
 
 void* KJiggleMeshDeformer::creator() { return new KJiggleMeshDeformer(); }
 
+#if MAYA_API_VERSION >= 20200000
+void KJiggleMeshDeformer::getCacheSetup(const MEvaluationNode& evalNode, MNodeCacheDisablingInfo& disablingInfo,
+                                        MNodeCacheSetupInfo& cacheSetupInfo, MObjectArray& monitoredAttributes) const {
+    MPxDeformerNode::getCacheSetup(evalNode, disablingInfo, cacheSetupInfo, monitoredAttributes);
+    // Decision (behaviour note "Jiggle: no cached playback"): each frame's result depends on the
+    // frame before, which a cache filled out of order cannot give.
+    disablingInfo.setCacheDisabled(true);
+    disablingInfo.setReason(kNoCachedPlayback);
+    disablingInfo.setMitigation(kNoCachedPlaybackMitigation);
+}
+#endif
+
 MStatus KJiggleMeshDeformer::initialize() {
-    MFnNumericAttribute nAttr;
-    MFnEnumAttribute eAttr;
-    MFnUnitAttribute uAttr;
-    MFnMatrixAttribute mAttr;
-    MFnTypedAttribute tAttr;
-    MStatus status;
-
-    Kavrin::CreateEnumAttr(eAttr, computingMethodObj, "computingMethod", "computingMethod", 1);
-    eAttr.addField("Single CPU", 0);
-    eAttr.addField("Multi-CPUs", 1);
-    eAttr.setChannelBox(true);
-    status = addAttribute(computingMethodObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateTimeAttr(uAttr, inTimeObj, "inTime", "inT", 0.0);
-    uAttr.setHidden(true);
-    status = addAttribute(inTimeObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateIntAttr(nAttr, startFrameObj, "startFrame", "stF", 0);
-    status = addAttribute(startFrameObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateFloatAttr(nAttr, timeScaleObj, "timeScale", "timeScale", 1.0f);
-    nAttr.setMin(0.0);
-    nAttr.setSoftMax(1.0);
-    status = addAttribute(timeScaleObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateMatrixAttr(mAttr, worldMatrixObj, "worldMatrix", "wdM");
-    mAttr.setHidden(true);
-    status = addAttribute(worldMatrixObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateFloatAttr(nAttr, dampingObj, "damping", "dmp", 0.1f);
-    nAttr.setMin(0.0);
-    nAttr.setMax(1.0);
-    status = addAttribute(dampingObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateFloatAttr(nAttr, stiffnessObj, "stiffness", "stf", 0.3f);
-    nAttr.setMin(0.0);
-    nAttr.setMax(1.0);
-    status = addAttribute(stiffnessObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateFloatAttr(nAttr, normalStrengthObj, "normalStrength", "nms", 1.0f);
-    nAttr.setMin(0.0);
-    nAttr.setMax(1.0);
-    status = addAttribute(normalStrengthObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateDArrayAttr(tAttr, dampingMapObj, "dampingMap", "dpM");
-    tAttr.setHidden(true);
-    status = addAttribute(dampingMapObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateDArrayAttr(tAttr, stiffnessMapObj, "stiffnessMap", "stM");
-    tAttr.setHidden(true);
-    status = addAttribute(stiffnessMapObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateDArrayAttr(tAttr, normalStrengthMapObj, "normalStrengthMap", "nsM");
-    tAttr.setHidden(true);
-    status = addAttribute(normalStrengthMapObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateFloatAttr(nAttr, scaleObj, "scale", "scl", 1.0f);
-    status = addAttribute(scaleObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateFloatAttr(nAttr, distanceLimitObj, "distanceLimit", "dsl", 1.0f);
-    status = addAttribute(distanceLimitObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateFloatAttr(nAttr, directionBiasObj, "directionBias", "drb", 0.0f);
-    nAttr.setMin(-1.0);
-    nAttr.setMax(1.0);
-    status = addAttribute(directionBiasObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateBoolAttr(nAttr, moreAccurateTangentObj, "moreAccurateTangent", "mat", false);
-    status = addAttribute(moreAccurateTangentObj);
-    K_CHECK_API(status, kSource);
-
-    // Kept on purpose (behaviour note "Jiggle: settings show at the next time change"): only the
-    // clock, the start frame and the object's matrix re-evaluate the deformer.
-    attributeAffects(inTimeObj, outputGeom);
-    attributeAffects(startFrameObj, outputGeom);
-    attributeAffects(worldMatrixObj, outputGeom);
-
-    for (const char* command : kPaintCommands) MGlobal::executeCommand(command, false, false);
-    return MS::kSuccess;
+    MObject* const handles[] = {&computingMethodObj, &inTimeObj,         &startFrameObj,        &timeScaleObj,
+                                &worldMatrixObj,     &dampingObj,        &stiffnessObj,         &normalStrengthObj,
+                                &dampingMapObj,      &stiffnessMapObj,   &normalStrengthMapObj, &scaleObj,
+                                &distanceLimitObj,   &directionBiasObj,  &moreAccurateTangentObj};
+    return Kavrin::AddAttributes(Kavrin::kJiggleMeshDeformerAttributeTable, handles, sizeof(handles) / sizeof(handles[0]));
 }
 
 void KJiggleMeshDeformer::_readMap(MDataBlock& block, const MObject& attr, Kavrin::KArray<double>& values,
@@ -168,6 +90,11 @@ MStatus KJiggleMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, const 
     const int hostThreads = MThreadUtils::getNumThreads();
     in.envelope = block.inputValue(envelope).asFloat();
     if (!Kavrin::KJiggleSolver::Active(in.envelope)) return MS::kSuccess;
+    if (Kavrin::RefuseOtherGeometry(Kavrin::kJiggleMeshDeformerNode.name, multiIndex)) return MS::kSuccess;
+    // Guard (behaviour note "Jiggle: other evaluation contexts"): the simulation lives at the
+    // scene's current time; an evaluation for another time neither steps it nor moves its clock,
+    // and leaves the points (and the maps) as they come in.
+    if (!Kavrin::NormalContext(block)) return MS::kSuccess;
     // Kept on purpose (behaviour note "Jiggle: Multi-CPUs stays on one thread"): only the value
     // 2 of "computingMethod" runs the loops on the host's threads.
     in.threads = Kavrin::KJiggleSolver::TeamSize(block.inputValue(computingMethodObj).asShort(), hostThreads);
@@ -244,6 +171,9 @@ MStatus KJiggleMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, const 
     _readMap(block, normalStrengthMapObj, _normalStrengthMap, in.normalStrengthMap);
 
     const Kavrin::KJiggleResult result = _solver.evaluate(in);
+    // Only evaluations in the normal context get here (see above), so the maps are written back in
+    // that context alone (behaviour note "Maya layer: stored data written only in the normal
+    // context").
     if (result.writeDampingMap) WriteMap(block, dampingMapObj, _solver.fullMap());
     if (result.writeStiffnessMap) WriteMap(block, stiffnessMapObj, _solver.fullMap());
     if (result.writeNormalStrengthMap) WriteMap(block, normalStrengthMapObj, _solver.fullMap());

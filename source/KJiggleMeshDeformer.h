@@ -13,6 +13,13 @@
 #include <maya/MPxDeformerNode.h>
 #include <maya/MString.h>
 #include <maya/MTypeId.h>
+#include <maya/MTypes.h>
+#if MAYA_API_VERSION >= 20200000
+#include <maya/MEvaluationNode.h>
+#include <maya/MNodeCacheDisablingInfo.h>
+#include <maya/MNodeCacheSetupInfo.h>
+#include <maya/MObjectArray.h>
+#endif
 
 #include "KJiggleSolver.h"
 
@@ -22,6 +29,11 @@ public:
     static MStatus initialize();
     MStatus deform(MDataBlock& block, MItGeometry& iter, const MMatrix& localToWorld,
                    unsigned int multiIndex) override;
+#if MAYA_API_VERSION >= 20200000
+    // Opts out of cached playback (Maya 2020 and later).
+    void getCacheSetup(const MEvaluationNode& evalNode, MNodeCacheDisablingInfo& disablingInfo,
+                       MNodeCacheSetupInfo& cacheSetupInfo, MObjectArray& monitoredAttributes) const override;
+#endif
 
     static const MString name;
     static const MTypeId id;

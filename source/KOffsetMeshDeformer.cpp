@@ -14,6 +14,7 @@
 #include <maya/MPlugArray.h>
 #include <maya/MPoint.h>
 #include <maya/MRenderUtil.h>
+#include <maya/MSelectionList.h>
 #include <maya/MVector.h>
 
 #include "KMayaBase.h"
@@ -28,9 +29,13 @@ MObject KOffsetMeshDeformer::scaleObj;
 
 namespace {
 
-const char* const kSource = "source/KOffsetMeshDeformer";
-// Withdraws the deformer's standard weights from the paint tool; they are still applied.
-const char* const kWithdrawWeightsFromPaint = "makePaintable -rm KOffsetMeshDeformer weights;";
+// The surface shader and its shading engine, made as Maya's own material commands make them.
+const char* const kOffsetShaderCommand = "shadingNode -asShader -skipSelect -name offsetShader1 surfaceShader";
+const char* const kOffsetEngineCommand = "sets -renderable true -noSurfaceShader true -empty -name offsetEngine1";
+const char* const kOffsetNoShaderMade =
+    "KOffsetMeshDeformer: its surface shader and shading engine could not be made; connect a shader's outColor to "
+    "the deformer's offset and to a shading engine's surfaceShader by hand.";
+
 
 // Maya's renderer as the engine's sampler: the engine's arrays go to
 // MRenderUtil::sampleShadingNetwork as they are, the positions doubling as reference points.
@@ -63,24 +68,8 @@ public:
 void* KOffsetMeshDeformer::creator() { return new KOffsetMeshDeformer(); }
 
 MStatus KOffsetMeshDeformer::initialize() {
-    MFnNumericAttribute nAttr;
-    MStatus status;
-
-    Kavrin::CreateColorAttr(nAttr, offsetObj, "offset", "offset");
-    status = addAttribute(offsetObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateDoubleAttr(nAttr, scaleObj, "scale", "scale", 1.0);
-    nAttr.setSoftMin(-1.0);
-    nAttr.setSoftMax(2.0);
-    status = addAttribute(scaleObj);
-    K_CHECK_API(status, kSource);
-
-    attributeAffects(offsetObj, outputGeom);
-    attributeAffects(scaleObj, outputGeom);
-
-    MGlobal::executeCommand(kWithdrawWeightsFromPaint, false, false);
-    return MS::kSuccess;
+    MObject* const handles[] = {&offsetObj, &scaleObj};
+    return Kavrin::AddAttributes(Kavrin::kOffsetMeshDeformerAttributeTable, handles, sizeof(handles) / sizeof(handles[0]));
 }
 
 MString KOffsetMeshDeformer::_findShadingEngine() const {
@@ -103,6 +92,18 @@ MStatus KOffsetMeshDeformer::compute(const MPlug& plug, MDataBlock& block) {
     // Decision (behaviour note "Offset: one thread")
     const unsigned int multiIndex = plug.logicalIndex();
 
+    // Decision (behaviour note "Maya layer: outputs marked clean"): a failed evaluation leaves the
+    // output as it is (or as the copied input) and clean, so its message is not repeated on
+    // every redraw.
+    auto failed = [&](const Kavrin::KOutcome& outcome) {
+        Kavrin::ReportOutcome(outcome);
+        block.setClean(plug);
+        return MStatus(MS::kFailure);
+    };
+
+    // Decision (behaviour note "Offset: offset read through the data block"): its value is not
+    // used, but reading it cleans the plug, so later edits of the shading network dirty it again.
+    block.inputValue(offsetObj);
     Kavrin::KOffsetInput in;
     in.scale = block.inputValue(scaleObj).asDouble();
     in.envelope = block.inputValue(envelope).asFloat();
@@ -115,10 +116,7 @@ MStatus KOffsetMeshDeformer::compute(const MPlug& plug, MDataBlock& block) {
     MDataHandle inputHandle = block.inputValue(inputPlug);
     MDataHandle geometry = inputHandle.child(inputGeom);
     in.polyMesh = geometry.type() == MFnData::kMesh;
-    if (!in.polyMesh) {
-        Kavrin::ReportOutcome(_solver.evaluate(in, sampler));
-        return MS::kFailure;
-    }
+    if (!in.polyMesh) return failed(_solver.evaluate(in, sampler));
 
     const unsigned int group = static_cast<unsigned int>(inputHandle.child(groupId).asLong());
     MDataHandle output = block.outputValue(plug);
@@ -135,10 +133,8 @@ MStatus KOffsetMeshDeformer::compute(const MPlug& plug, MDataBlock& block) {
             const int index = iter.index();
             int previous = 0;
             // Guard (behaviour note "Offset: iterated index outside the mesh")
-            if (index < 0 || index >= meshVertices || !vertexIter.setIndex(index, previous)) {
-                Kavrin::ReportOutcome(Kavrin::KOutcome::Failed(Kavrin::kOffsetNoMeshVertex));
-                return MS::kFailure;
-            }
+            if (index < 0 || index >= meshVertices || !vertexIter.setIndex(index, previous))
+                return failed(Kavrin::KOutcome::Failed(Kavrin::kOffsetNoMeshVertex));
             Kavrin::KOffsetVertex vertex;
             // Decision (behaviour note "Offset: Cartesian positions")
             MPoint p = iter.position(MSpace::kObject);
@@ -158,10 +154,7 @@ MStatus KOffsetMeshDeformer::compute(const MPlug& plug, MDataBlock& block) {
     }
 
     const Kavrin::KOutcome outcome = _solver.evaluate(in, sampler);
-    if (!outcome.deformed()) {
-        Kavrin::ReportOutcome(outcome);
-        return MS::kFailure;
-    }
+    if (!outcome.deformed()) return failed(outcome);
     const int count = _solver.displacements().length();
     int i = 0;
     // Guard (behaviour note "Offset: second walk")
@@ -178,15 +171,29 @@ MStatus KOffsetMeshDeformer::compute(const MPlug& plug, MDataBlock& block) {
     return MS::kSuccess;
 }
 
-MStatus KOffsetMeshDeformer::accessoryNodeSetup(MDagModifier&) {
-    // Kept on purpose (behaviour note "Offset: the shader outlives an undo")
-    MDGModifier modifier;
-    MObject shader = modifier.createNode("surfaceShader");
-    modifier.renameNode(shader, "offsetShader1");
-    MObject engine = modifier.createNode("shadingEngine");
-    modifier.renameNode(engine, "offsetEngine1");
-    modifier.doIt();
+MPxNode::SchedulingType KOffsetMeshDeformer::schedulingType() const {
+    // Decision (behaviour note "Offset: sampled alone"): the renderer's sampling service must not
+    // run beside any other evaluation.
+    return MPxNode::kUntrusted;
+}
 
+MStatus KOffsetMeshDeformer::accessoryNodeSetup(MDagModifier&) {
+    // Decision (behaviour note "Offset: the shader made as a material"): made by Maya's own
+    // material commands, which list the pair as a material, and not selected. Kept on purpose
+    // (behaviour note "Offset: the shader outlives an undo"): neither the commands nor the
+    // connections go through the modifier Maya passes in.
+    MString shaderName, engineName;
+    MGlobal::executeCommand(kOffsetShaderCommand, shaderName, false, false);
+    MGlobal::executeCommand(kOffsetEngineCommand, engineName, false, false);
+    MSelectionList made;
+    MObject shader, engine;
+    // Guard (behaviour note "Offset: a shader that could not be made")
+    if (!made.add(shaderName) || !made.getDependNode(0, shader) || !made.add(engineName) ||
+        !made.getDependNode(1, engine)) {
+        MGlobal::displayWarning(kOffsetNoShaderMade);
+        return MS::kSuccess;
+    }
+    MDGModifier modifier;
     const MObject outColor = MFnDependencyNode(shader).attribute("outColor");
     modifier.connect(shader, outColor, thisMObject(), offsetObj);
     modifier.connect(shader, outColor, engine, MFnDependencyNode(engine).attribute("surfaceShader"));

@@ -20,6 +20,7 @@ public:
     static MStatus initialize();
     MStatus compute(const MPlug& plug, MDataBlock& block) override;
     MStatus accessoryNodeSetup(MDagModifier& modifier) override;
+    SchedulingType schedulingType() const override;
 
     static const MString name;
     static const MTypeId id;

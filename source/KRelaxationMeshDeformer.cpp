@@ -41,38 +41,11 @@ MObject KRelaxationMeshDeformer::mshColliderVrtMultListObj;
 
 namespace {
 
-const char* const kSource = "source/KRelaxationMeshDeformer";
 const char* const kNotAMesh =
     "KRelaxationMeshDeformer: the input geometry is not a polygon mesh; the points were left untouched.";
 const char* const kPartialMesh =
     "KRelaxationMeshDeformer: the deformer must act on every vertex of its mesh, in order (use the painted weights "
     "to limit it); the points were left untouched.";
-
-const char* const kPaintableCommands[] = {
-    "makePaintable -rm KRelaxationMeshDeformer stiffness;",
-    "makePaintable -at doubleArray KRelaxationMeshDeformer stiffness;",
-    "makePaintable -rm KRelaxationMeshDeformer colliderMap;",
-    "makePaintable -at doubleArray KRelaxationMeshDeformer colliderMap;",
-    "makePaintable -rm KRelaxationMeshDeformer weights;",
-    "makePaintable -at multiFloat -sm deformer weightGeometryFilter weights;",
-};
-
-// A hidden array child that is not keyable: the per-neighbour entries of the binding lists.
-MStatus AddListChild(MFnNumericAttribute& fn) {
-    fn.setArray(true);
-    fn.setHidden(true);
-    fn.setKeyable(false);
-    return MS::kSuccess;
-}
-
-// A hidden compound array holding child.
-void CreateList(MFnCompoundAttribute& fn, MObject& list, const char* longName, const char* shortName,
-                const MObject& child) {
-    Kavrin::CreateCompoundAttr(fn, list, longName, shortName);
-    fn.addChild(child);
-    fn.setArray(true);
-    fn.setHidden(true);
-}
 
 bool ReadDoubleArray(const MObject& data, Kavrin::KArray<double>& values) {
     values.clear();
@@ -105,106 +78,14 @@ KRelaxationMeshDeformer::~KRelaxationMeshDeformer() {
 void* KRelaxationMeshDeformer::creator() { return new KRelaxationMeshDeformer(); }
 
 MStatus KRelaxationMeshDeformer::initialize() {
-    MFnNumericAttribute nAttr;
-    MFnTypedAttribute tAttr;
-    MFnCompoundAttribute cAttr;
-    MFnMessageAttribute mAttr;
-    MStatus status;
-
-    Kavrin::CreateBoolAttr(nAttr, enableScaleSafeObj, "enableScaleSafe", "enableScaleSafe", false);
-    status = addAttribute(enableScaleSafeObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateIntAttr(nAttr, iterationsObj, "iterations", "iterations", 10);
-    nAttr.setMin(0);
-    nAttr.setSoftMax(30);
-    status = addAttribute(iterationsObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateBoolAttr(nAttr, doCollisionsObj, "doCollisions", "doCollisions", true);
-    status = addAttribute(doCollisionsObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateIntAttr(nAttr, collisionStepsObj, "collisionSteps", "collisionSteps", 1);
-    nAttr.setMin(1);
-    nAttr.setSoftMax(10);
-    status = addAttribute(collisionStepsObj);
-    K_CHECK_API(status, kSource);
-
-    // The binding lists: each child is added with its compound array.
-    Kavrin::CreateIntAttr(nAttr, connVrtIdObj, "connVrtId", "connVrtId", -1);
-    AddListChild(nAttr);
-    CreateList(cAttr, connVrtIdListObj, "connVrtIdList", "connVrtIdList", connVrtIdObj);
-    status = addAttribute(connVrtIdListObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateIntAttr(nAttr, connVrtIdNrmOrderObj, "connVrtIdNrmOrder", "connVrtIdNrmOrder", -1);
-    AddListChild(nAttr);
-    CreateList(cAttr, connVrtIdNrmOrderListObj, "connVrtIdNrmOrderList", "connVrtIdNrmOrderList",
-               connVrtIdNrmOrderObj);
-    status = addAttribute(connVrtIdNrmOrderListObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateDoubleAttr(nAttr, bObj, "b", "b", -1.0);
-    AddListChild(nAttr);
-    status = addAttribute(bObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateDoubleAttr(nAttr, bScalableObj, "bScalable", "bScalable", -1.0);
-    AddListChild(nAttr);
-    CreateList(cAttr, bScalableListObj, "bScalableList", "bScalableList", bScalableObj);
-    status = addAttribute(bScalableListObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateDoubleAttr(nAttr, meanValWgtObj, "meanValueWeight", "meanValueWeight", -1.0);
-    AddListChild(nAttr);
-    CreateList(cAttr, meanValWgtListObj, "meanValueWeightList", "meanValueWeightList", meanValWgtObj);
-    status = addAttribute(meanValWgtListObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateDArrayAttr(tAttr, stiffnessObj, "stiffness", "stiffness");
-    tAttr.setHidden(true);
-    status = addAttribute(stiffnessObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateMessageAttr(mAttr, paintTransObj, "paintTrans", "paintTrans");
-    mAttr.setHidden(true);
-    status = addAttribute(paintTransObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateDArrayAttr(tAttr, colliderMapObj, "colliderMap", "colliderMap");
-    tAttr.setHidden(true);
-    tAttr.setKeyable(false);
-    status = addAttribute(colliderMapObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateMeshAttr(tAttr, mshColliderObj, "mshCollider", "mshCollider");
-    tAttr.setHidden(true);
-    tAttr.setArray(true);
-    tAttr.setCached(true);
-    status = addAttribute(mshColliderObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateDoubleAttr(nAttr, mshColliderTagObj, "mshColliderTag", "mshColliderTag", 0.0);
-    AddListChild(nAttr);
-    status = addAttribute(mshColliderTagObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateDoubleAttr(nAttr, mshColliderVrtMultObj, "mshColliderVrtMult", "mshColliderVrtMult", 0.0);
-    nAttr.setArray(true);
-    nAttr.setHidden(true);
-    CreateList(cAttr, mshColliderVrtMultListObj, "mshColliderVrtMultList", "mCVML", mshColliderVrtMultObj);
-    status = addAttribute(mshColliderVrtMultListObj);
-    K_CHECK_API(status, kSource);
-
-    const MObject* affecting[] = {&enableScaleSafeObj, &iterationsObj,     &doCollisionsObj,
-                                  &collisionStepsObj,  &stiffnessObj,      &paintTransObj,
-                                  &colliderMapObj,     &mshColliderObj,    &mshColliderTagObj,
-                                  &mshColliderVrtMultObj, &mshColliderVrtMultListObj};
-    for (const MObject* attr : affecting) attributeAffects(*attr, outputGeom);
-
-    for (const char* command : kPaintableCommands) MGlobal::executeCommand(command);
-    return MS::kSuccess;
+    MObject* const handles[] = {&enableScaleSafeObj,   &iterationsObj,         &doCollisionsObj,
+                                &collisionStepsObj,    &connVrtIdObj,          &connVrtIdListObj,
+                                &connVrtIdNrmOrderObj, &connVrtIdNrmOrderListObj, &bObj,
+                                &bScalableObj,         &bScalableListObj,      &meanValWgtObj,
+                                &meanValWgtListObj,    &stiffnessObj,          &paintTransObj,
+                                &colliderMapObj,       &mshColliderObj,        &mshColliderTagObj,
+                                &mshColliderVrtMultObj, &mshColliderVrtMultListObj};
+    return Kavrin::AddAttributes(Kavrin::kRelaxationMeshDeformerAttributeTable, handles, sizeof(handles) / sizeof(handles[0]));
 }
 
 void KRelaxationMeshDeformer::postConstructor() {
@@ -308,7 +189,16 @@ MStatus KRelaxationMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, co
     Kavrin::KRelaxationInput in;
     in.envelope = block.inputValue(envelope).asFloat();
     if (!Kavrin::KRelaxationSolver::Active(in.envelope)) return MS::kSuccess;
+    if (Kavrin::RefuseOtherGeometry(Kavrin::kRelaxationMeshDeformerNode.name, geometryIndex)) return MS::kSuccess;
     in.threads = MThreadUtils::getNumThreads();
+    // Decision (behaviour note "Maya layer: outputs marked clean"): a failed evaluation leaves
+    // the geometry as it came in and its output clean, so its message is not repeated at every
+    // redraw.
+    auto failed = [&](const Kavrin::KOutcome& outcome) {
+        Kavrin::ReportOutcome(outcome);
+        Kavrin::SetOutputClean(block, geometryIndex);
+        return MStatus(MS::kFailure);
+    };
 
     MArrayDataHandle outputs = block.outputArrayValue(outputGeom);
     outputs.jumpToElement(geometryIndex);
@@ -322,19 +212,14 @@ MStatus KRelaxationMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, co
     // Guard (behaviour note "Relaxation: whole polygon meshes only").
     MStatus status;
     MFnMesh fnMesh(mesh, &status);
-    if (mesh.isNull() || !status) {
-        MGlobal::displayError(kNotAMesh);
-        return MS::kFailure;
-    }
+    if (mesh.isNull() || !status) return failed(Kavrin::KOutcome::Failed(kNotAMesh));
     int expected = 0;
     bool inOrder = fnMesh.numVertices() == count;
     for (iter.reset(); inOrder && !iter.isDone(); iter.next()) inOrder = iter.index() == expected++;
     MPointArray positions;
     iter.allPositions(positions, MSpace::kObject);
-    if (!inOrder || static_cast<int>(positions.length()) != count) {
-        MGlobal::displayError(kPartialMesh);
-        return MS::kFailure;
-    }
+    if (!inOrder || static_cast<int>(positions.length()) != count)
+        return failed(Kavrin::KOutcome::Failed(kPartialMesh));
 
     _points.setLength(count, false);
     for (int i = 0; i < count; ++i) {
@@ -391,10 +276,14 @@ MStatus KRelaxationMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, co
                     continue;
                 }
                 collider.connected = colliderPlugs.elementByLogicalIndex(colliders.elementIndex()).isConnected();
+                // Decision (behaviour note "Relaxation: collider box in world space"): the collider in
+                // world space, its box included.
                 const MObject world = colliders.inputValue().asMeshTransformed();
                 Kavrin::KTriMesh& triMesh = _colliderMeshes[static_cast<size_t>(c)];
-                // A collider whose data is not a mesh is skipped.
-                if (!world.isNull() && Kavrin::Convert(triMesh, world, false, nullptr)) collider.mesh = &triMesh;
+                // A collider whose data is not a mesh is skipped. Decision (behaviour note
+                // "Relaxation: colliders in the host's triangulation"): a concave face collides
+                // only within itself.
+                if (!world.isNull() && Kavrin::Convert(triMesh, world, true, nullptr)) collider.mesh = &triMesh;
             }
             in.colliders = _colliders.data();
             // Kept on purpose (behaviour note "Relaxation: multipliers by collider position").
@@ -416,15 +305,14 @@ MStatus KRelaxationMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, co
     }
 
     const Kavrin::KRelaxationResult result = _solver.evaluate(in);
-    if (result.writeBinding) KRelaxationStore::WriteBinding(block, _solver.binding());
-    if (result.writeStiffness) {
+    // Decision (behaviour note "Maya layer: stored data written only in the normal context").
+    const bool normal = Kavrin::NormalContext(block);
+    if (result.writeBinding && normal) KRelaxationStore::WriteBinding(block, _solver.binding());
+    if (result.writeStiffness && normal) {
         MDataHandle stiffness = block.outputValue(stiffnessObj);
         stiffness.set(MakeDoubleArray(_solver.stiffness()));
     }
-    if (result.outcome.failed()) {
-        Kavrin::ReportOutcome(result.outcome);
-        return MS::kFailure;
-    }
+    if (result.outcome.failed()) return failed(result.outcome);
     if (!result.outcome.deformed()) return MS::kSuccess;
 
     const Kavrin::KArray<Kavrin::KDouble3>& out = _solver.points();

@@ -24,7 +24,6 @@ MObject KWrapMeshDeformer::bindOffsetsObj;
 
 namespace {
 
-const char* const kSource = "source/KWrapMeshDeformer";
 const char* const kGeometryMismatch =
     "KWrapMeshDeformer: the deformed geometry's point indices do not match its point count; the points were left "
     "untouched.";
@@ -75,49 +74,13 @@ void WriteBinding(MDataBlock& block, const Kavrin::KIntArray& triangles, const K
     block.outputValue(KWrapMeshDeformer::bindOffsetsObj).set(offsetsData);
 }
 
-// True when every index the iterator visits has a reconstructed point, so that the write-back
-// never reads past the engine's result.
-bool IndicesFit(MItGeometry& iter, int count) {
-    for (iter.reset(); !iter.isDone(); iter.next())
-        if (iter.index() < 0 || iter.index() >= count) return false;
-    return true;
-}
-
 }  // namespace
 
 void* KWrapMeshDeformer::creator() { return new KWrapMeshDeformer(); }
 
 MStatus KWrapMeshDeformer::initialize() {
-    MFnNumericAttribute nAttr;
-    MFnTypedAttribute tAttr;
-    MStatus status;
-
-    Kavrin::CreateMeshAttr(tAttr, driverMeshObj, "driverMesh", "driverMesh");
-    tAttr.setHidden(true);
-    status = addAttribute(driverMeshObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateBoolAttr(nAttr, bindingObj, "binding", "binding", false);
-    status = addAttribute(bindingObj);
-    K_CHECK_API(status, kSource);
-
-    // Decision (behaviour note "Wrap: the binding is saved with the scene")
-    Kavrin::CreateIArrayAttr(tAttr, bindTrianglesObj, "bindTriangles", "bindTriangles");
-    tAttr.setHidden(true);
-    tAttr.setStorable(true);
-    status = addAttribute(bindTrianglesObj);
-    K_CHECK_API(status, kSource);
-
-    Kavrin::CreateVArrayAttr(tAttr, bindOffsetsObj, "bindOffsets", "bindOffsets");
-    tAttr.setHidden(true);
-    tAttr.setStorable(true);
-    status = addAttribute(bindOffsetsObj);
-    K_CHECK_API(status, kSource);
-
-    // "binding" affects nothing: clearing it takes effect at the next evaluation something else
-    // triggers. The stored binding is the node's own record and affects nothing either.
-    attributeAffects(driverMeshObj, outputGeom);
-    return MS::kSuccess;
+    MObject* const handles[] = {&driverMeshObj, &bindingObj, &bindTrianglesObj, &bindOffsetsObj};
+    return Kavrin::AddAttributes(Kavrin::kWrapMeshDeformerAttributeTable, handles, sizeof(handles) / sizeof(handles[0]));
 }
 
 void KWrapMeshDeformer::postConstructor() {
@@ -126,17 +89,20 @@ void KWrapMeshDeformer::postConstructor() {
 }
 
 MStatus KWrapMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, const MMatrix& localToWorld,
-                                  unsigned int /*multiIndex*/) {
+                                  unsigned int multiIndex) {
     Kavrin::KWrapBindingInput in;
     in.threads = MThreadUtils::getNumThreads();
     in.envelope = block.inputValue(envelope).asFloat();
     if (!Kavrin::KWrapBinding::Active(in.envelope)) return MS::kSuccess;
+    if (Kavrin::RefuseOtherGeometry(Kavrin::kWrapMeshDeformerNode.name, multiIndex)) return MS::kSuccess;
     const MMatrix inverse = localToWorld.inverse();
 
-    MObject driverMesh = block.inputValue(driverMeshObj).asMesh();
+    // Decision (behaviour note "Wrap: the driver in world space"): the driver's world mesh with
+    // its transform applied, so that moving or parenting the driver moves the wrapped mesh.
+    MObject driverMesh = block.inputValue(driverMeshObj).asMeshTransformed();
     if (driverMesh.isNull()) return MS::kSuccess;
-    // A driver that cannot be converted leaves no triangles, which the engine reports. The
-    // texture coordinates are not read: nothing in the wrap uses them.
+    // A driver that cannot be converted leaves no triangles, which the engine reports.
+    // Decision (behaviour note "Wrap: no texture coordinates read"): nothing in the wrap uses them.
     Kavrin::Convert(_driver, driverMesh, false, nullptr);
     in.driver = &_driver;
 
@@ -162,15 +128,17 @@ MStatus KWrapMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, const MM
 
     Kavrin::KMayaMessageSink sink;
     const Kavrin::KWrapBindingResult result = _engine.evaluate(in, sink);
-    if (result.writeBindData) WriteBinding(block, _engine.boundTriangles(), _engine.boundOffsets());
-    if (result.writeBinding) block.outputValue(bindingObj).set(true);
+    // Decision (behaviour note "Maya layer: stored data written only in the normal context").
+    const bool normal = Kavrin::NormalContext(block);
+    if (result.writeBindData && normal) WriteBinding(block, _engine.boundTriangles(), _engine.boundOffsets());
+    if (result.writeBinding && normal) block.outputValue(bindingObj).set(true);
     if (result.outcome.failed()) {
         Kavrin::ReportOutcome(result.outcome);
         return MS::kSuccess;
     }
     if (!result.outcome.deformed()) return MS::kSuccess;
     // Guard (behaviour note "Wrap: iterator indices beyond the point count")
-    if (!IndicesFit(iter, _engine.points().length())) {
+    if (!Kavrin::IndicesBelow(iter, _engine.points().length())) {
         MGlobal::displayError(kGeometryMismatch);
         return MS::kSuccess;
     }

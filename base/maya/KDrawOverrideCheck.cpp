@@ -10,10 +10,16 @@ namespace {
 
 class CheckLocator : public MPxLocatorNode {
 public:
-    using MPxLocatorNode::draw;
+    struct DrawValues {
+        float size = 1.0f;
+    };
     MBoundingBox boundingBox() const override { return MBoundingBox(); }
-    void draw(int style) { lastStyle = style; }
-    int lastStyle = 0;
+    void drawValues(DrawValues& values) const { values.size = 2.0f; }
+    static void drawUI(const DrawValues& values, int /*style*/, MHWRender::MUIDrawManager& manager) {
+        manager.beginDrawable();
+        manager.setPointSize(values.size);
+        manager.endDrawable();
+    }
 };
 
 }  // namespace

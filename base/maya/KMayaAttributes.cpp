@@ -1,10 +1,13 @@
 // Attribute creation, painted maps and initialize-time error reports.
 
+#include <cstring>
 #include <iostream>
 
+#include <maya/MFnAttribute.h>
 #include <maya/MFnData.h>
 #include <maya/MFnDoubleArrayData.h>
 #include <maya/MFnNumericData.h>
+#include <maya/MPxDeformerNode.h>
 
 #include "KMayaBase.h"
 #include "KWeightMap.h"
@@ -141,6 +144,120 @@ MStatus CreateMessageAttr(MFnMessageAttribute& fn, MObject& attr, const MString&
 void ReportApiError(const MStatus& status, const char* source, int line) {
     std::cerr << ApiErrorText(source, line) << std::flush;
     status.perror("");
+}
+
+namespace {
+
+// Creates one row's attribute with the creator of its type; compounds get their children.
+MStatus CreateRow(const KAttributeTable& table, int row, MObject* const handles[]) {
+    const KAttributeRow& r = table.rows[row];
+    MObject& attr = *handles[row];
+    MFnNumericAttribute numeric;
+    MFnTypedAttribute typed;
+    switch (r.type) {
+        case KAttributeType::kBool: return CreateBoolAttr(numeric, attr, r.longName, r.shortName, r.defaults[0] != 0.0);
+        case KAttributeType::kInt:
+            return CreateIntAttr(numeric, attr, r.longName, r.shortName, static_cast<int>(r.defaults[0]));
+        case KAttributeType::kFloat:
+            return CreateFloatAttr(numeric, attr, r.longName, r.shortName, static_cast<float>(r.defaults[0]));
+        case KAttributeType::kDouble: return CreateDoubleAttr(numeric, attr, r.longName, r.shortName, r.defaults[0]);
+        case KAttributeType::kFloat3:
+            return CreateF3Attr(numeric, attr, r.longName, r.shortName, static_cast<float>(r.defaults[0]));
+        case KAttributeType::kColour: {
+            MStatus status = CreateColorAttr(numeric, attr, r.longName, r.shortName);
+            if (status && r.hasDefault)
+                status = numeric.setDefault(static_cast<float>(r.defaults[0]), static_cast<float>(r.defaults[1]),
+                                            static_cast<float>(r.defaults[2]));
+            return status;
+        }
+        case KAttributeType::kEnum: {
+            MFnEnumAttribute fn;
+            MStatus status = CreateEnumAttr(fn, attr, r.longName, r.shortName, static_cast<int>(r.defaults[0]));
+            for (int f = 0; status && f < r.numFields; ++f)
+                status = fn.addField(r.fields[f].name, static_cast<short>(r.fields[f].index));
+            return status;
+        }
+        case KAttributeType::kTime: {
+            MFnUnitAttribute fn;
+            return CreateTimeAttr(fn, attr, r.longName, r.shortName, r.defaults[0]);
+        }
+        case KAttributeType::kMatrix: {
+            MFnMatrixAttribute fn;
+            return CreateMatrixAttr(fn, attr, r.longName, r.shortName);
+        }
+        case KAttributeType::kMesh: return CreateMeshAttr(typed, attr, r.longName, r.shortName);
+        case KAttributeType::kIntArray: return CreateIArrayAttr(typed, attr, r.longName, r.shortName);
+        case KAttributeType::kDoubleArray: return CreateDArrayAttr(typed, attr, r.longName, r.shortName);
+        case KAttributeType::kVectorArray: return CreateVArrayAttr(typed, attr, r.longName, r.shortName);
+        case KAttributeType::kCompound: {
+            MFnCompoundAttribute fn;
+            MStatus status = CreateCompoundAttr(fn, attr, r.longName, r.shortName);
+            // Its children are the rows before it that name it (Maya adds them with it).
+            for (int c = 0; status && c < row; ++c)
+                if (table.rows[c].parent && std::strcmp(table.rows[c].parent, r.longName) == 0)
+                    status = fn.addChild(*handles[c]);
+            return status;
+        }
+        case KAttributeType::kMessage: {
+            MFnMessageAttribute fn;
+            return CreateMessageAttr(fn, attr, r.longName, r.shortName);
+        }
+    }
+    return MS::kInvalidParameter;
+}
+
+// The flags and limits the creators leave to the caller.
+MStatus ApplyFlags(const KAttributeRow& r, const MObject& attr) {
+    MFnAttribute fn(attr);
+    if (r.has(KAttributeRow::kHidden)) fn.setHidden(true);
+    if (r.has(KAttributeRow::kArray)) fn.setArray(true);
+    if (r.has(KAttributeRow::kNotKeyable)) fn.setKeyable(false);
+    if (r.has(KAttributeRow::kStorable)) fn.setStorable(true);
+    if (r.has(KAttributeRow::kCached)) fn.setCached(true);
+    if (r.has(KAttributeRow::kChannelBox)) fn.setChannelBox(true);
+    if (!r.limitsSet) return MS::kSuccess;
+    MFnNumericAttribute numeric(attr);
+    if (r.hasLimit(KAttributeRow::kMin)) numeric.setMin(r.limits[KAttributeRow::kMin]);
+    if (r.hasLimit(KAttributeRow::kMax)) numeric.setMax(r.limits[KAttributeRow::kMax]);
+    if (r.hasLimit(KAttributeRow::kSoftMin)) numeric.setSoftMin(r.limits[KAttributeRow::kSoftMin]);
+    if (r.hasLimit(KAttributeRow::kSoftMax)) numeric.setSoftMax(r.limits[KAttributeRow::kSoftMax]);
+    return MS::kSuccess;
+}
+
+// A row of the table, or the deformer's inherited input and output geometry; null otherwise.
+const MObject* Named(const KAttributeTable& table, MObject* const handles[], const char* name) {
+    for (int i = 0; i < table.numRows; ++i)
+        if (std::strcmp(table.rows[i].longName, name) == 0) return handles[i];
+    if (std::strcmp(name, "inputGeom") == 0) return &MPxDeformerNode::inputGeom;
+    if (std::strcmp(name, "outputGeom") == 0) return &MPxDeformerNode::outputGeom;
+    return nullptr;
+}
+
+}  // namespace
+
+MStatus AddAttributes(const KAttributeTable& table, MObject* const handles[], int numHandles) {
+    if (numHandles != table.numRows) {
+        ReportApiError(MStatus(MS::kInvalidParameter), table.source, 0);
+        return MS::kInvalidParameter;
+    }
+    for (int i = 0; i < table.numRows; ++i) {
+        const KAttributeRow& r = table.rows[i];
+        MStatus status = CreateRow(table, i, handles);
+        if (status) status = ApplyFlags(r, *handles[i]);
+        // Decision (behaviour note "Maya layer: attributes declared in tables"): a child is added
+        // with its compound, and a failure names the row.
+        if (status && !r.parent) status = MPxNode::addAttribute(*handles[i]);
+        if (!status) ReportApiError(status, table.source, i + 1);
+    }
+    for (int k = 0; k < table.numAffects; ++k) {
+        const MObject* from = Named(table, handles, table.affects[k].from);
+        const MObject* to = Named(table, handles, table.affects[k].to);
+        const MStatus status =
+            from && to ? MPxNode::attributeAffects(*from, *to) : MStatus(MS::kInvalidParameter);
+        if (!status) ReportApiError(status, table.source, table.numRows + k + 1);
+    }
+    for (int c = 0; c < table.numPaintCommands; ++c) MGlobal::executeCommand(table.paintCommands[c], false, false);
+    return MS::kSuccess;
 }
 
 bool GetMapValues(MDataBlock& block, const MObject& attr, MDoubleArray& values) {

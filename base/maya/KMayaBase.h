@@ -17,6 +17,7 @@
 #include <maya/MFnUnitAttribute.h>
 #include <maya/MGlobal.h>
 #include <maya/MIntArray.h>
+#include <maya/MItGeometry.h>
 #include <maya/MObject.h>
 #include <maya/MPlug.h>
 #include <maya/MPointArray.h>
@@ -26,6 +27,7 @@
 #include <maya/MVectorArray.h>
 
 #include "KHostMessages.h"
+#include "KNodeAttributes.h"
 #include "KPolyMesh.h"
 
 namespace Kavrin {
@@ -100,6 +102,32 @@ MStatus CreateMessageAttr(MFnMessageAttribute& fn, MObject& attr, const MString&
 // A failed call in a node's initialize: writes ApiErrorText(source, line) to standard error,
 // then lets the status report itself with an empty message. The caller goes on.
 void ReportApiError(const MStatus& status, const char* source, int line);
+
+// A node type's initialize: creates every row of the table into handles[row] (numHandles must
+// be the table's row count), sets its flags, limits, fields and default, adds each compound's
+// children to it and every top-level row to the node (a failed add is reported with the row's
+// number, 1-based, and the rest goes on), declares the table's attributeAffects (the deformer's
+// "inputGeom" and "outputGeom" by name) and runs its paint commands.
+MStatus AddAttributes(const KAttributeTable& table, MObject* const handles[], int numHandles);
+
+// ---- Evaluations ----------------------------------------------------------------------------
+
+// Whether the block is evaluated in the normal context (the current time, for the scene), not
+// for another time (cached playback filling its cache, a query at another frame). Stored data is
+// written back only in the normal context.
+bool NormalContext(MDataBlock& block);
+
+// Marks element multiIndex of the deformer's "outputGeom" clean: a deform that fails leaves the
+// geometry as it came in, and Maya does not evaluate (and report) it again at every redraw.
+void SetOutputClean(MDataBlock& block, unsigned int multiIndex);
+
+// A deformer that keeps the state of one geometry: for any geometry but the first, shows
+// OneGeometryText and returns true (the geometry is then left as it came in).
+bool RefuseOtherGeometry(const char* nodeType, unsigned int multiIndex);
+
+// True when every index the iterator visits lies in 0..count-1, so that a write-back never reads
+// past the engine's result (one cheap pass, so that nothing is ever half written).
+bool IndicesBelow(MItGeometry& iter, int count);
 
 // ---- Painted maps ---------------------------------------------------------------------------
 
