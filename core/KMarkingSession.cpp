@@ -18,6 +18,8 @@ const char* const kMarkingSourceTaken = "Already selected entry. Select another 
 const char* const kMarkingTargetTaken = "Already selected entry. Select another target mesh vertex.";
 const char* const kMarkingClickSource = "Click on the source mesh.";
 const char* const kMarkingClickTarget = "Click on the target mesh.";
+const char* const kMarkingNoRay =
+    "KDTMarkCtx: the click could not be turned into a ray through the active view; nothing was picked.";
 
 const char* const kMarkingListNodes = "ls -type KDeformationTransfer";
 const char* const kMarkingCreateMarker = "createNode KDTPoint -p VertexPicked";
@@ -94,7 +96,7 @@ std::string MarkingStoredPairOutsideText(int pair, int sourceId, int targetId, i
            "); its markers were not placed.";
 }
 
-void MarkingRay(const double nearPoint[4], const double farPoint[4], double origin[3], double direction[3]) {
+double MarkingRay(const double nearPoint[4], const double farPoint[4], double origin[3], double direction[3]) {
     double n[3], f[3];
     for (int i = 0; i < 3; ++i) {
         n[i] = nearPoint[3] != 1.0 ? nearPoint[i] / nearPoint[3] : nearPoint[i];
@@ -106,10 +108,10 @@ void MarkingRay(const double nearPoint[4], const double farPoint[4], double orig
         direction[i] = f[i] - n[i];
         length2 += direction[i] * direction[i];
     }
-    if (length2 > 1e-20) {
-        const double length = std::sqrt(length2);
+    const double length = std::sqrt(length2);
+    if (length2 > 1e-20)
         for (int i = 0; i < 3; ++i) direction[i] /= length;
-    }
+    return length;
 }
 
 // ---- The tool context's behaviour ------------------------------------------------------------
@@ -142,10 +144,9 @@ KOutcome KMarkingSession::setUp(int selectedMeshes, const KVectorArray* sourcePo
     _targetTree.setPoints(*_targetPoints);
     _meshesSet = true;
 
-    _sourceIds.clear();
-    _targetIds.clear();
-    _sourceLocators.clear();
-    _targetLocators.clear();
+    const bool waiting = _lists->waitingForSource;
+    _lists = std::make_shared<KMarkingLists>();
+    _lists->waitingForSource = waiting;
     _pairs.clear();
     _nodeNames.clear();
 
@@ -161,14 +162,14 @@ KOutcome KMarkingSession::setUp(int selectedMeshes, const KVectorArray* sourcePo
             const int t = stored[2 * k + 1];
             if (s < 0 || s >= sourceCount || t < 0 || t >= targetCount)
                 sink.error(MarkingStoredPairOutsideText(k, s, t, sourceCount, targetCount));
-            _sourceIds.push_back(s);
-            _sourceLocators.push_back(_createMarker(*_sourcePoints, s, commands));
-            _targetIds.push_back(t);
-            _targetLocators.push_back(_createMarker(*_targetPoints, t, commands));
+            _lists->sourceIds.push_back(s);
+            _lists->sourceLocators.push_back(_createMarker(*_sourcePoints, s, commands));
+            _lists->targetIds.push_back(t);
+            _lists->targetLocators.push_back(_createMarker(*_targetPoints, t, commands));
         }
     }
     _ready = true;
-    _waitingForSource = true;
+    _lists->waitingForSource = true;
     return KOutcome::Deformed();
 }
 
@@ -181,7 +182,7 @@ KOutcome KMarkingSession::press(bool positionRead) {
 }
 
 void KMarkingSession::_publishPairs(KMarkingCommands& commands) {
-    RebuildList(_sourceIds, _targetIds, _pairs, commands);
+    RebuildList(_lists->sourceIds, _lists->targetIds, _pairs, commands);
     _nodeNames = commands.runForStrings(kMarkingListNodes);
     if (!_nodeNames.empty()) commands.run(kMarkingSetAttrProc);
 }
@@ -193,7 +194,7 @@ KMarkingResult KMarkingSession::release(const KMarkingHit& hit, KMarkingCommands
     int index = -1;
     float distance = 0.0f;
 
-    if (_waitingForSource) {
+    if (_lists->waitingForSource) {
         if (hit.source && !hit.target) {
             // Guard (behaviour note "Marking: a hit without a nearest vertex")
             if (!_sourceTree.findClosestPoint(hit.sourcePoint, index, distance)) {
@@ -201,16 +202,16 @@ KMarkingResult KMarkingSession::release(const KMarkingHit& hit, KMarkingCommands
                 return result;
             }
             _sourceVertex = index;
-            if (Contains(_sourceIds, index)) {
+            if (Contains(_lists->sourceIds, index)) {
                 result.outcome = KOutcome::Failed(kMarkingSourceTaken);
                 return result;
             }
-            _sourceLocators.push_back(_createMarker(*_sourcePoints, index, commands));
-            _sourceIds.push_back(index);
-            _waitingForSource = false;
+            _lists->sourceLocators.push_back(_createMarker(*_sourcePoints, index, commands));
+            _lists->sourceIds.push_back(index);
+            _lists->waitingForSource = false;
         } else if (hit.source && hit.target) {
             // Kept on purpose (behaviour note "Marking: a click on both meshes")
-            _waitingForSource = false;
+            _lists->waitingForSource = false;
         } else {
             result.outcome = KOutcome::Failed(kMarkingClickSource);
         }
@@ -224,45 +225,56 @@ KMarkingResult KMarkingSession::release(const KMarkingHit& hit, KMarkingCommands
             return result;
         }
         _targetVertex = index;
-        if (Contains(_targetIds, index)) {
+        if (Contains(_lists->targetIds, index)) {
             result.outcome = KOutcome::Failed(kMarkingTargetTaken);
             return result;
         }
-        _targetLocators.push_back(_createMarker(*_targetPoints, index, commands));
-        _targetIds.push_back(index);
+        _lists->targetLocators.push_back(_createMarker(*_targetPoints, index, commands));
+        _lists->targetIds.push_back(index);
     } else if (!hit.target) {
         result.outcome = KOutcome::Failed(kMarkingClickTarget);
         return result;
     }
     // A target click, or (kept on purpose, behaviour note "Marking: a click on both meshes") a
     // click on both meshes, which completes the step without a target.
-    _waitingForSource = true;
-    if (_sourceIds.length() == _targetIds.length()) _publishPairs(commands);
+    _lists->waitingForSource = true;
+    if (_lists->sourceIds.length() == _lists->targetIds.length()) _publishPairs(commands);
     result.outcome = KOutcome::Deformed();
     result.recordStep = true;
     return result;
 }
 
-// Kept on purpose (behaviour note "Marking: undo does not reach the tool's own lists")
+// Decision (behaviour note "Marking: undo reaches the tool's own lists"): the step keeps copies
+// of the lists and a link to the tool's own.
 KMarkingStep KMarkingSession::step() const {
     KMarkingStep s;
     s.recorded = true;
-    s.flag = _waitingForSource;
+    s.flag = _lists->waitingForSource;
     s.closestSourceId = _sourceVertex;
     s.closestTargetId = _targetVertex;
     s.sourcePoints = _sourcePoints;
     s.targetPoints = _targetPoints;
-    s.sourceIds = _sourceIds;
-    s.targetIds = _targetIds;
-    s.sourceLocators = _sourceLocators;
-    s.targetLocators = _targetLocators;
+    s.sourceIds = _lists->sourceIds;
+    s.targetIds = _lists->targetIds;
+    s.sourceLocators = _lists->sourceLocators;
+    s.targetLocators = _lists->targetLocators;
     s.nodeNames = _nodeNames;
+    s.toolLists = _lists;
     return s;
 }
 
 // ---- The tool command's undo and redo ---------------------------------------------------------
 
 void KMarkingStep::_publish(KMarkingCommands& commands, KMessageSink& sink) {
+    // Decision (behaviour note "Marking: undo reaches the tool's own lists"): the tool takes the
+    // step's lists, and a pick left half done is dropped (its marker is deleted with the others).
+    if (const std::shared_ptr<KMarkingLists> lists = toolLists.lock()) {
+        lists->sourceIds = sourceIds;
+        lists->targetIds = targetIds;
+        lists->sourceLocators = sourceLocators;
+        lists->targetLocators = targetLocators;
+        lists->waitingForSource = true;
+    }
     if (sourceIds.length() != targetIds.length()) return;
     RebuildList(sourceIds, targetIds, pairs, commands);
     nodeNames = commands.runForStrings(kMarkingListNodes);

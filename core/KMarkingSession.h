@@ -67,8 +67,22 @@ struct KMarkingHit {
 
 // The world ray through a pixel from the view's near and far points (homogeneous; made
 // Cartesian when w is not 1): origin = near, direction = far - near, normalised when its squared
-// length exceeds 1e-20.
-void MarkingRay(const double nearPoint[4], const double farPoint[4], double origin[3], double direction[3]);
+// length exceeds 1e-20. Returns the distance from near to far: how far the ray must reach to
+// cross the whole view, from its near to its far clipping plane.
+double MarkingRay(const double nearPoint[4], const double farPoint[4], double origin[3], double direction[3]);
+
+// Shown when the host cannot turn a click into a ray through the view.
+extern const char* const kMarkingNoRay;
+
+// The tool's own record of the picks: the ids and marker names of both sides (entry i of each
+// belongs to pair i) and whether the next click must be on the source. Shared with the tool
+// commands the tool records, so that their undo and redo reach it.
+struct KMarkingLists {
+    KIntArray sourceIds, targetIds;
+    std::vector<std::string> sourceLocators, targetLocators;
+    // Decision (behaviour note "Marking: a new tool waits for a source click")
+    bool waitingForSource = true;
+};
 
 // What one tool command keeps of the click that recorded it, and its undo and redo.
 struct KMarkingStep {
@@ -83,6 +97,8 @@ struct KMarkingStep {
     std::vector<std::string> nodeNames;
     std::string lastSourceLocator, lastTargetLocator;
     KIntArray pairs;
+    // The lists of the tool that recorded this step, while that tool and its set-up last.
+    std::weak_ptr<KMarkingLists> toolLists;
 
     // Drops the last pair, deletes every marker and republishes the list (flag only).
     void undo(KMarkingCommands& commands, KMessageSink& sink);
@@ -120,15 +136,15 @@ public:
     bool meshesSet() const { return _meshesSet; }
     bool ready() const { return _ready; }
     bool pressValid() const { return _pressValid; }
-    bool waitingForSource() const { return _waitingForSource; }
+    bool waitingForSource() const { return _lists->waitingForSource; }
     bool hitSource() const { return _hit.source; }
     bool hitTarget() const { return _hit.target; }
     int sourceVertex() const { return _sourceVertex; }
     int targetVertex() const { return _targetVertex; }
-    const KIntArray& sourceIds() const { return _sourceIds; }
-    const KIntArray& targetIds() const { return _targetIds; }
-    const std::vector<std::string>& sourceLocators() const { return _sourceLocators; }
-    const std::vector<std::string>& targetLocators() const { return _targetLocators; }
+    const KIntArray& sourceIds() const { return _lists->sourceIds; }
+    const KIntArray& targetIds() const { return _lists->targetIds; }
+    const std::vector<std::string>& sourceLocators() const { return _lists->sourceLocators; }
+    const std::vector<std::string>& targetLocators() const { return _lists->targetLocators; }
     const KIntArray& pairs() const { return _pairs; }
     const std::vector<std::string>& nodeNames() const { return _nodeNames; }
 
@@ -138,15 +154,13 @@ private:
 
     std::shared_ptr<const KVectorArray> _sourcePoints, _targetPoints;
     KPointsDistTree _sourceTree, _targetTree;
-    KIntArray _sourceIds, _targetIds;
-    std::vector<std::string> _sourceLocators, _targetLocators;
+    // A new one at every set-up, so that the steps of an earlier set-up no longer reach it.
+    std::shared_ptr<KMarkingLists> _lists = std::make_shared<KMarkingLists>();
     KIntArray _pairs;
     std::vector<std::string> _nodeNames;
     KMarkingHit _hit;
     bool _meshesSet = false;
     bool _ready = false;
-    // Decision (behaviour note "Marking: a new tool waits for a source click")
-    bool _waitingForSource = true;
     bool _pressValid = false;
     // Decision (behaviour note "Marking: no vertex snapped yet")
     int _sourceVertex = -1;

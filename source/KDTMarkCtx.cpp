@@ -11,12 +11,12 @@
 #include <maya/MFloatVector.h>
 #include <maya/MGlobal.h>
 #include <maya/MPoint.h>
+#include <maya/MPointArray.h>
 #include <maya/MToolsInfo.h>
 
 #include "KMayaBase.h"
 #include "KMayaMessageSink.h"
 #include "KPluginRegistration.h"
-#include "KTriMesh.h"
 
 const MString KDTMarkCtx::name(Kavrin::kDTMarkContext.name);
 const MString KDTMarkCtx::title(Kavrin::kMarkingTitle);
@@ -26,9 +26,18 @@ const MString KDTMarkCtxToolCmd::name(Kavrin::kDTMarkContext.toolCommandName);
 
 namespace {
 
-// How far along the ray, and how loosely, a click hits a mesh.
-const float kMaxRayParam = 1000.0f;
+// How loosely a click hits a mesh.
 const float kHitTolerance = 1e-5f;
+
+// The vertices of the mesh at path in world space; false when the mesh cannot be read.
+bool WorldPoints(const MDagPath& path, Kavrin::KVectorArray& points) {
+    MStatus status;
+    MFnMesh mesh(path, &status);
+    MPointArray world;
+    if (status) status = mesh.getPoints(world, MSpace::kWorld);
+    Kavrin::Copy(points, world);
+    return status == MS::kSuccess;
+}
 
 // The engine's commands through the script interpreter. Results are read only where the
 // engine asks for them.
@@ -86,24 +95,26 @@ void KDTMarkCtx::toolOnSetup(MEvent& event) {
 
     MDagPathArray meshes;
     Kavrin::GetSelectedNodes(meshes, MFn::kMesh, true);
-    Kavrin::KTriMesh source, target;
+    Kavrin::KVectorArray source, target;
     const bool two = meshes.length() == 2;
     if (two) {
         _sourcePath = meshes[0];
         _targetPath = meshes[1];
         _sourceGrid = MFnMesh::autoUniformGridParams();
         _targetGrid = MFnMesh::autoUniformGridParams();
-        // Kept on purpose (behaviour note "Marking: object-space vertices, world-space clicks")
-        Kavrin::Convert(source, Kavrin::DagPathToMObject(_sourcePath), false, nullptr);
-        Kavrin::Convert(target, Kavrin::DagPathToMObject(_targetPath), false, nullptr);
+        // Decision (behaviour note "Marking: snapping in world space"): the vertices in world
+        // space, where the click's hit point is; the markers then sit on them under the
+        // untransformed VertexPicked.
+        WorldPoints(_sourcePath, source);
+        WorldPoints(_targetPath, target);
     } else {
         _sourcePath = MDagPath();
         _targetPath = MDagPath();
     }
     MayaCommands commands;
     Kavrin::KMayaMessageSink sink;
-    Kavrin::ReportOutcome(_session.setUp(static_cast<int>(meshes.length()), two ? &source.points : nullptr,
-                                         two ? &target.points : nullptr, commands, sink));
+    Kavrin::ReportOutcome(_session.setUp(static_cast<int>(meshes.length()), two ? &source : nullptr,
+                                         two ? &target : nullptr, commands, sink));
 }
 
 void KDTMarkCtx::toolOffCleanup() { MPxContext::toolOffCleanup(); }
@@ -139,7 +150,7 @@ MStatus KDTMarkCtx::_doDrag(MEvent& event) {
 }
 
 bool KDTMarkCtx::_cast(const MDagPath& path, MMeshIsectAccelParams& grid, const double origin[3],
-                       const double direction[3], Kavrin::KVector& hitPoint) const {
+                       const double direction[3], float reach, Kavrin::KVector& hitPoint) const {
     MStatus status;
     MFnMesh mesh(path, &status);
     // Guard (behaviour note "Marking: a mesh deleted while the tool is active")
@@ -151,7 +162,7 @@ bool KDTMarkCtx::_cast(const MDagPath& path, MMeshIsectAccelParams& grid, const 
         MFloatPoint(static_cast<float>(origin[0]), static_cast<float>(origin[1]), static_cast<float>(origin[2])),
         MFloatVector(static_cast<float>(direction[0]), static_cast<float>(direction[1]),
                      static_cast<float>(direction[2])),
-        nullptr, nullptr, false, MSpace::kWorld, kMaxRayParam, false, &grid, hit, &hitParam, &hitFace, &hitTriangle,
+        nullptr, nullptr, false, MSpace::kWorld, reach, false, &grid, hit, &hitParam, &hitFace, &hitTriangle,
         &bary1, &bary2, kHitTolerance, &status);
     if (!found || !status) return false;
     hitPoint = Kavrin::KVector(hit.x, hit.y, hit.z);
@@ -165,17 +176,23 @@ MStatus KDTMarkCtx::_doRelease(MEvent& event) {
 
     MStatus status;
     M3dView view = M3dView::active3dView(&status);
-    if (!status) return MS::kSuccess;
     MPoint nearPoint, farPoint;
-    if (view.viewToWorld(x, y, nearPoint, farPoint) != MS::kSuccess) return MS::kSuccess;
+    if (status) status = view.viewToWorld(x, y, nearPoint, farPoint);
+    // Guard (behaviour note "Marking: a click the view cannot turn into a ray").
+    if (status != MS::kSuccess) {
+        MGlobal::displayError(Kavrin::kMarkingNoRay);
+        return MS::kSuccess;
+    }
     const double nearH[4] = {nearPoint.x, nearPoint.y, nearPoint.z, nearPoint.w};
     const double farH[4] = {farPoint.x, farPoint.y, farPoint.z, farPoint.w};
     double origin[3], direction[3];
-    Kavrin::MarkingRay(nearH, farH, origin, direction);
+    // Decision (behaviour note "Marking: the ray crosses the whole view"): it reaches from the
+    // near to the far clipping plane.
+    const float reach = static_cast<float>(Kavrin::MarkingRay(nearH, farH, origin, direction));
 
     Kavrin::KMarkingHit hit;
-    hit.source = _cast(_sourcePath, _sourceGrid, origin, direction, hit.sourcePoint);
-    hit.target = _cast(_targetPath, _targetGrid, origin, direction, hit.targetPoint);
+    hit.source = _cast(_sourcePath, _sourceGrid, origin, direction, reach, hit.sourcePoint);
+    hit.target = _cast(_targetPath, _targetGrid, origin, direction, reach, hit.targetPoint);
 
     MayaCommands commands;
     const Kavrin::KMarkingResult result = _session.release(hit, commands);

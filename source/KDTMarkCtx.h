@@ -50,9 +50,9 @@ private:
     MStatus _doPress(MEvent& event);
     MStatus _doDrag(MEvent& event);
     MStatus _doRelease(MEvent& event);
-    // Whether the ray hits the mesh at path (world space), and where.
+    // Whether the ray hits the mesh at path (world space) within reach, and where.
     bool _cast(const MDagPath& path, MMeshIsectAccelParams& grid, const double origin[3],
-               const double direction[3], Kavrin::KVector& hitPoint) const;
+               const double direction[3], float reach, Kavrin::KVector& hitPoint) const;
 
     MDagPath _sourcePath, _targetPath;
     MMeshIsectAccelParams _sourceGrid, _targetGrid;

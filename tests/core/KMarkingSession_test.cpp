@@ -110,7 +110,7 @@ TEST(MarkingSession, FixedTextsCommandFormatsAndTheRay) {
     // normalise left as it is.
     double o[3], d[3];
     const double nearH[4] = {2.0, 4.0, 6.0, 2.0}, farH[4] = {1.0, 2.0, 7.0, 1.0};  // near is (1, 2, 3)
-    MarkingRay(nearH, farH, o, d);
+    EXPECT_EQ(MarkingRay(nearH, farH, o, d), 4.0);  // the ray's reach: near to far
     EXPECT_EQ((std::vector<double>{o[0], o[1], o[2], d[0], d[1], d[2]}), (std::vector<double>{1, 2, 3, 0, 0, 1}));
     const double a[4] = {1.0, 1.0, 1.0, 1.0}, b[4] = {1.0 + 3e-11, 1.0, 1.0 + 4e-11, 1.0};
     MarkingRay(a, b, o, d);
@@ -299,8 +299,9 @@ TEST(MarkingSession, UndoDropsThePairAndRedoPutsItBack) {
         EXPECT_EQ(step.sourceLocators, Lines{"KDTPoint1"});
         EXPECT_EQ(step.lastSourceLocator, "KDTPoint3");
         EXPECT_EQ(step.lastTargetLocator, "KDTPoint4");
-        // The tool's own lists are the context's, not the command's: they keep the pair.
-        EXPECT_EQ(tool.session.targetIds(), KIntArray({8, 5}));
+        // The undo reaches the tool's own lists too, so the next pick does not bring the pair back.
+        EXPECT_EQ(tool.session.targetIds(), KIntArray({8}));
+        EXPECT_EQ(tool.session.sourceLocators(), Lines{"KDTPoint1"});
 
         step.redo(tool.scene, tool.scene);
         log = {kDelete, kClear, Line(0, 8), Line(4, 5)};
@@ -311,7 +312,32 @@ TEST(MarkingSession, UndoDropsThePairAndRedoPutsItBack) {
         EXPECT_EQ(step.lastSourceLocator, "KDTPoint1");
         EXPECT_EQ(step.sourceLocators, (Lines{"KDTPoint1", "KDTPoint1"}));
         EXPECT_EQ(step.targetLocators, (Lines{"KDTPoint2", "KDTPoint2"}));
+        EXPECT_EQ(tool.session.sourceIds(), KIntArray({0, 4}));
+        EXPECT_TRUE(tool.session.waitingForSource());
     }
+}
+
+// An undo also drops a pick left half done (its marker went with the others), and a step of an
+// earlier set-up no longer reaches the tool's lists.
+TEST(MarkingSession, UndoAfterAHalfPickAndAfterANewSetUp) {
+    Tool tool;
+    tool.setUp();
+    tool.click(0, -1);
+    ASSERT_TRUE(tool.click(-1, 8));
+    KMarkingStep step = tool.session.step();
+    tool.click(4, -1);
+    step.undo(tool.scene, tool.scene);
+    EXPECT_TRUE(tool.session.sourceIds().empty());
+    EXPECT_TRUE(tool.session.waitingForSource());
+
+    step.redo(tool.scene, tool.scene);
+    tool.scene.nodes = {"KDeformationTransfer1"};
+    tool.scene.stored["KDeformationTransfer1"] = {3, 6};
+    tool.setUp();
+    step.undo(tool.scene, tool.scene);
+    EXPECT_EQ(step.sourceIds.length(), 0);
+    EXPECT_EQ(tool.session.sourceIds(), KIntArray({3}));
+    EXPECT_EQ(tool.session.targetIds(), KIntArray({6}));
 }
 
 TEST(MarkingSession, StepsThatDoNothingAndMarkersThatWereNotMade) {
@@ -350,7 +376,7 @@ TEST(MarkingSession, TheInterfaceScriptsHoldWhatTheToolRuns) {
     for (const std::string& needed :
          {"global proc " + std::string(kMarkingSetAttrProc) + "()", "global proc " + std::string(kMarkingWinPickProc) + "()",
           std::string("textScrollList -allowMultiSelection false -selectCommand \"KDTWinPick\""),
-          std::string("createNode transform -name VertexPicked"),
+          std::string("createNode transform -skipSelect -name VertexPicked"),
           std::string("global proc KDTMarkCtxStart()"), std::string("KDTMarkCtx KDTMarkCtx1")})
         EXPECT_NE(script.find(needed), std::string::npos) << needed;
     // The window's list is the one the tool's commands name.
