@@ -29,8 +29,9 @@ bool KBox::intersects(const KBox& o) const {
 
 void KRelaxationCollisions::prepare(const KDouble3* worldPoints, int count, const KRelaxationCollider* colliders,
                                     int numColliders) {
-    // Trees of colliders past numColliders are kept for a collider that comes back; only the
-    // first numColliders take part, and the per-vertex tables have exactly that many columns.
+    // Guard (behaviour note "Relaxation: a collider removed between evaluations"): trees of
+    // colliders past numColliders are kept for a collider that comes back; only the first
+    // numColliders take part, and the per-vertex tables have exactly that many columns.
     if (static_cast<int>(_colliders.size()) < numColliders) _colliders.resize(static_cast<size_t>(numColliders));
     for (Collider& c : _colliders) c.active = false;
     _numColliders = numColliders > 0 ? numColliders : 0;
@@ -41,6 +42,9 @@ void KRelaxationCollisions::prepare(const KDouble3* worldPoints, int count, cons
         const KRelaxationCollider& in = colliders[c];
         Collider& out = _colliders[static_cast<size_t>(c)];
         if (!in.connected || !in.mesh) continue;
+        // Decision (behaviour note "Relaxation: collider box in world space"): the box of the
+        // collider's world-space points, which meets the box of the world-space input points.
+        // Guard (behaviour note "Relaxation: non-finite collider points"): left out of the box.
         KBox box;
         for (const KVector& p : in.mesh->points)
             if (std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z)) box.expand(p.x, p.y, p.z);
@@ -50,7 +54,8 @@ void KRelaxationCollisions::prepare(const KDouble3* worldPoints, int count, cons
         out.reach = static_cast<float>(std::sqrt(w * w + h * h + d * d));
         // Most vertices move by less than this between passes; a wider radius lists more leaves.
         out.certRadius = 2.5e-4f * out.reach;
-        // A collider that only moved since the last evaluation has its tree refitted (same answers).
+        // Decision (behaviour note "Relaxation: own ray cast and tree"). A collider that only moved
+        // since the last evaluation has its tree refitted (same answers).
         out.tree.update(*in.mesh);
         out.active = !out.tree.empty();
     }
@@ -93,6 +98,7 @@ void KRelaxationCollisions::collide(KDouble3* points, int count, const float* we
         const float reach = collider.reach;
         int* last = _lastTriangle.data() + static_cast<size_t>(c) * static_cast<size_t>(_count);
         RayMemo* memos = _rayMemos.data() + static_cast<size_t>(c) * static_cast<size_t>(_count);
+        // Decision (behaviour note "Relaxation: parallel collision pass").
 #pragma omp parallel num_threads(team)
         {
             // The thread's last triangle is the hint of a vertex that has none of its own yet.
@@ -108,6 +114,7 @@ void KRelaxationCollisions::collide(KDouble3* points, int count, const float* we
                 const double m = multipliers[static_cast<size_t>(v) * numColliders + c];
                 if (m == 0.0) continue;
                 KDouble3& point = points[v];
+                // Decision (behaviour note "Relaxation: collision queries in single precision").
                 const KVector source(static_cast<float>(point[0]), static_cast<float>(point[1]),
                                      static_cast<float>(point[2]));
                 const KVector direction = normals[v] * reach;

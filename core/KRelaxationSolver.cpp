@@ -31,6 +31,7 @@ const char* const kRelaxNoNormals =
 
 namespace {
 
+// Decision (behaviour note "Relaxation: w dropped"): w = 1 in, and the product's w is not kept.
 inline void ToWorld(const KDouble3& p, const double m[4][4], KDouble3& out) {
     const double in[4] = {p[0], p[1], p[2], 1.0};
     double r[4];
@@ -122,8 +123,9 @@ KRelaxationResult KRelaxationSolver::evaluate(const KRelaxationInput& in) {
 
     if (collisions) {
         _collisions.prepare(_input.data(), count, in.colliders, in.numColliders);
-        // Push directions: the normals by the inverse transpose of the world matrix (a direction
-        // ignores the translation), unit length; a zero normal stays zero.
+        // Decision (behaviour note "Relaxation: inverse-transpose normals"). Push directions: the
+        // normals by the inverse transpose of the world matrix (a direction ignores the
+        // translation), unit length; a zero normal stays zero.
         _worldNormals.setLength(count, false);
         const KVector* normals = in.normals;
         KVector* world = _worldNormals.data();
@@ -140,8 +142,9 @@ KRelaxationResult KRelaxationSolver::evaluate(const KRelaxationInput& in) {
         }
     }
 
-    // The passes, ping-ponging between two arrays: a pass reads the points of the one before and
-    // writes every vertex (moved or not) of the other.
+    // Decision (behaviour note "Relaxation: ping-pong arrays"). The passes, ping-ponging between
+    // two arrays: a pass reads the points of the one before and writes every vertex (moved or
+    // not) of the other.
     _prev = _input;
     _cur.setLength(count, false);
     KArray<KDouble3>* from = &_prev;
@@ -197,6 +200,7 @@ inline bool RelaxTarget(const RelaxTables& in, int i, int begin, int dynamicN, b
     double q[kN > 0 ? kN : kRelaxMaxNeighbours][3];
     double r[kN > 0 ? kN : kRelaxMaxNeighbours][3];
     double s[kN > 0 ? kN : kRelaxMaxNeighbours];
+    // Decision (behaviour note "Relaxation: reciprocals"): 1/n and 1/|N| multiply.
     const double inv = 1.0 / n;
     double c0 = 0.0, c1 = 0.0, c2 = 0.0;
     const int* sorted = in.sorted + begin;
@@ -215,6 +219,7 @@ inline bool RelaxTarget(const RelaxTables& in, int i, int begin, int dynamicN, b
 
     // Ring normal from the neighbours in the host's order; a zero normal (a degenerate ring)
     // leaves the vertex where it is, as any normal shorter than 0.001 does.
+    // Decision (behaviour note "Relaxation: the ring-normal sum starts with the closing pair").
     const int* o = in.order + begin;
     const KDouble3& last = p[o[n - 1]];
     double b0 = last[0] - c0, b1 = last[1] - c1, b2 = last[2] - c2;
@@ -230,6 +235,7 @@ inline bool RelaxTarget(const RelaxTables& in, int i, int begin, int dynamicN, b
         b2 = a2;
     }
     const double len2 = N0 * N0 + N1 * N1 + N2 * N2;
+    // Decision (behaviour note "Relaxation: the normal's length test on its square").
     if (!(len2 > 0.0)) return false;
     const double invLen = 1.0 / std::sqrt(len2);
     N0 *= invLen;
@@ -247,6 +253,7 @@ inline bool RelaxTarget(const RelaxTables& in, int i, int begin, int dynamicN, b
     const double* w = in.mvw + begin;
     double e0 = 0.0, e1 = 0.0, e2 = 0.0;
     for (int k = 0; k < n; ++k) {
+        // Decision (behaviour note "Relaxation: heights as N.q + d").
         const double h = s[k] + d;
         s[k] = h;  // from here on: the neighbour's height above the plane
         r[k][0] = q[k][0] - N0 * h;
@@ -326,6 +333,7 @@ inline void RelaxTargetPair(const RelaxTables& in, int a, int b, int beginA, int
     }
     const __m128d len2 =
         _mm_add_pd(_mm_add_pd(_mm_mul_pd(N[0], N[0]), _mm_mul_pd(N[1], N[1])), _mm_mul_pd(N[2], N[2]));
+    // Decision (behaviour note "Relaxation: the normal's length test on its square").
     const int ok = _mm_movemask_pd(_mm_cmpgt_pd(len2, zero));
     moves[0] = (ok & 1) != 0;
     moves[1] = (ok & 2) != 0;

@@ -75,8 +75,9 @@ bool KWrapBinding::storedBindingNeeded(const KWrapBindingInput& in) const {
 }
 
 KOutcome KWrapBinding::_bind(const KTriMesh& driver, const KWrapBindingInput& in) {
-    // The tree and the new binding live only as long as the bind: the binding is taken over
-    // when every point has found its triangle.
+    // Decision (behaviour note "Wrap: the tree is built only to bind"). The tree and the new
+    // binding live only as long as the bind: the binding is taken over when every point has
+    // found its triangle.
     const KTriMeshDistTree tree(driver, 10, 10);
     // Guard (behaviour note "Wrap: a driver without triangles")
     if (tree.empty()) return KOutcome::Failed(kWrapDriverNoTriangles);
@@ -89,6 +90,7 @@ KOutcome KWrapBinding::_bind(const KTriMesh& driver, const KWrapBindingInput& in
     const double* points = in.points;
     const KVector* P = driver.points.data();
     const KInt3* T = driver.triangles.data();
+    // Decision (behaviour note "Wrap: parallel loops").
 #pragma omp parallel for schedule(static) num_threads(TeamFor(in.threads, count, kQueriesPerThread))
     for (int i = 0; i < count; ++i) {
         const KVector x = WorldPoint(points + 4 * static_cast<size_t>(i), in.localToWorld);
@@ -143,6 +145,7 @@ void KWrapBinding::_reconstruct(const KTriMesh& driver, const KWrapBindingInput&
     const double* points = in.points;
     const KVector* P = driver.points.data();
     const KInt3* T = driver.triangles.data();
+    // Decision (behaviour note "Wrap: parallel loops").
 #pragma omp parallel for schedule(static) num_threads(TeamFor(in.threads, count))
     for (int i = 0; i < count; ++i) {
         const KVector x = WorldPoint(points + 4 * static_cast<size_t>(i), in.localToWorld);

@@ -237,7 +237,8 @@ MStatus KRelaxationMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, co
     const bool hasStiffness = ReadDoubleArray(block.inputValue(stiffnessObj).data(), _stiffness);
     in.stiffness = hasStiffness ? &_stiffness : nullptr;
     if (_solver.bindingDue(in)) {
-        // The host's neighbour order, kept per topology.
+        // Decision (behaviour note "Relaxation: neighbour cache per topology"): the host's
+        // neighbour order, asked for again only when the faces change.
         Kavrin::KIntArray faceCounts, faceVertices;
         MIntArray counts, connects;
         fnMesh.getVertices(counts, connects);
@@ -280,9 +281,9 @@ MStatus KRelaxationMeshDeformer::deform(MDataBlock& block, MItGeometry& iter, co
                 // world space, its box included.
                 const MObject world = colliders.inputValue().asMeshTransformed();
                 Kavrin::KTriMesh& triMesh = _colliderMeshes[static_cast<size_t>(c)];
-                // A collider whose data is not a mesh is skipped. Decision (behaviour note
-                // "Relaxation: colliders in the host's triangulation"): a concave face collides
-                // only within itself.
+                // A collider whose data is not a mesh is skipped; a concave face collides only
+                // within itself.
+                // Decision (behaviour note "Relaxation: colliders in the host's triangulation")
                 if (!world.isNull() && Kavrin::Convert(triMesh, world, true, nullptr)) collider.mesh = &triMesh;
             }
             in.colliders = _colliders.data();

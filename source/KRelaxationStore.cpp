@@ -46,6 +46,7 @@ void ReadLists(MDataBlock& block, const MObject& list, const MObject& child, int
     }
 }
 
+// Decision (behaviour note "Relaxation: list writes through builders").
 template <typename T, typename Set>
 void WriteLists(MDataBlock& block, const MObject& list, const MObject& child, const std::vector<std::vector<T> >& lists,
                 Set set) {

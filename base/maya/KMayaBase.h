@@ -171,10 +171,3 @@ inline void KGetAttr3(const MPlug& plug, float& v0, float& v1, float& v2) {
 }
 
 }  // namespace Kavrin
-
-// Checks the status of a host call in a node's initialize; source names the node's unit, as in
-// "source/KDeltaMush".
-#define K_CHECK_API(status, source)                                            \
-    do {                                                                       \
-        if (!(status)) Kavrin::ReportApiError((status), (source), __LINE__); \
-    } while (0)
