@@ -19,7 +19,6 @@ const MString KDTPoint::drawRegistrantId(Kavrin::kDTPointDrawOverride.registrant
 MObject KDTPoint::positionObj;
 MObject KDTPoint::colorObj;
 
-
 KDTPoint::KDTPoint() : _quadric(gluNewQuadric()) {
     // Guard (behaviour note "KDTPoint: quadric not created")
     if (!_quadric) return;
@@ -36,7 +35,7 @@ void* KDTPoint::creator() { return new KDTPoint(); }
 
 MStatus KDTPoint::initialize() {
     MObject* const handles[] = {&positionObj, &colorObj};
-    return Kavrin::AddAttributes(Kavrin::kDTPointAttributeTable, handles, sizeof(handles) / sizeof(handles[0]));
+    return Kavrin::AddAttributes(Kavrin::kDTPointAttributeTable, handles);
 }
 
 void KDTPoint::postConstructor() {

@@ -73,7 +73,7 @@ void* KDeformationTransfer::creator() { return new KDeformationTransfer(); }
 MStatus KDeformationTransfer::initialize() {
     MObject* const handles[] = {&sourceMeshObj, &targetMeshObj, &outputMeshObj, &vertCorresObj, &reCalculateObj,
                                 &calcModeObj,   &iterCountObj,  &aimObj,        &srcFixPNumObj, &trgFixPNumObj};
-    return Kavrin::AddAttributes(Kavrin::kDeformationTransferAttributeTable, handles, sizeof(handles) / sizeof(handles[0]));
+    return Kavrin::AddAttributes(Kavrin::kDeformationTransferAttributeTable, handles);
 }
 
 void KDeformationTransfer::postConstructor() {

@@ -71,7 +71,7 @@ void* KDeltaMush::creator() { return new KDeltaMush(); }
 
 MStatus KDeltaMush::initialize() {
     MObject* const handles[] = {&onlyOnceObj, &gotDeltaObj, &restMeshObj, &deltaObj, &numIterObj};
-    return Kavrin::AddAttributes(Kavrin::kDeltaMushAttributeTable, handles, sizeof(handles) / sizeof(handles[0]));
+    return Kavrin::AddAttributes(Kavrin::kDeltaMushAttributeTable, handles);
 }
 
 void KDeltaMush::postConstructor() {

@@ -67,11 +67,11 @@ void KJiggleMeshDeformer::getCacheSetup(const MEvaluationNode& evalNode, MNodeCa
 #endif
 
 MStatus KJiggleMeshDeformer::initialize() {
-    MObject* const handles[] = {&computingMethodObj, &inTimeObj,         &startFrameObj,        &timeScaleObj,
-                                &worldMatrixObj,     &dampingObj,        &stiffnessObj,         &normalStrengthObj,
-                                &dampingMapObj,      &stiffnessMapObj,   &normalStrengthMapObj, &scaleObj,
-                                &distanceLimitObj,   &directionBiasObj,  &moreAccurateTangentObj};
-    return Kavrin::AddAttributes(Kavrin::kJiggleMeshDeformerAttributeTable, handles, sizeof(handles) / sizeof(handles[0]));
+    MObject* const handles[] = {&computingMethodObj, &inTimeObj,          &startFrameObj,    &timeScaleObj,
+                                &worldMatrixObj,     &dampingObj,         &stiffnessObj,     &normalStrengthObj,
+                                &dampingMapObj,      &stiffnessMapObj,    &normalStrengthMapObj,
+                                &scaleObj,           &distanceLimitObj,   &directionBiasObj, &moreAccurateTangentObj};
+    return Kavrin::AddAttributes(Kavrin::kJiggleMeshDeformerAttributeTable, handles);
 }
 
 void KJiggleMeshDeformer::_readMap(MDataBlock& block, const MObject& attr, Kavrin::KArray<double>& values,

@@ -69,7 +69,7 @@ void* KOffsetMeshDeformer::creator() { return new KOffsetMeshDeformer(); }
 
 MStatus KOffsetMeshDeformer::initialize() {
     MObject* const handles[] = {&offsetObj, &scaleObj};
-    return Kavrin::AddAttributes(Kavrin::kOffsetMeshDeformerAttributeTable, handles, sizeof(handles) / sizeof(handles[0]));
+    return Kavrin::AddAttributes(Kavrin::kOffsetMeshDeformerAttributeTable, handles);
 }
 
 MString KOffsetMeshDeformer::_findShadingEngine() const {

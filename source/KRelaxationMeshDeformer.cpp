@@ -78,14 +78,14 @@ KRelaxationMeshDeformer::~KRelaxationMeshDeformer() {
 void* KRelaxationMeshDeformer::creator() { return new KRelaxationMeshDeformer(); }
 
 MStatus KRelaxationMeshDeformer::initialize() {
-    MObject* const handles[] = {&enableScaleSafeObj,   &iterationsObj,         &doCollisionsObj,
-                                &collisionStepsObj,    &connVrtIdObj,          &connVrtIdListObj,
-                                &connVrtIdNrmOrderObj, &connVrtIdNrmOrderListObj, &bObj,
-                                &bScalableObj,         &bScalableListObj,      &meanValWgtObj,
-                                &meanValWgtListObj,    &stiffnessObj,          &paintTransObj,
-                                &colliderMapObj,       &mshColliderObj,        &mshColliderTagObj,
-                                &mshColliderVrtMultObj, &mshColliderVrtMultListObj};
-    return Kavrin::AddAttributes(Kavrin::kRelaxationMeshDeformerAttributeTable, handles, sizeof(handles) / sizeof(handles[0]));
+    MObject* const handles[] = {&enableScaleSafeObj,    &iterationsObj,         &doCollisionsObj,
+                                &collisionStepsObj,     &connVrtIdObj,          &connVrtIdListObj,
+                                &connVrtIdNrmOrderObj,  &connVrtIdNrmOrderListObj,
+                                &bObj,                  &bScalableObj,          &bScalableListObj,
+                                &meanValWgtObj,         &meanValWgtListObj,     &stiffnessObj,
+                                &paintTransObj,         &colliderMapObj,        &mshColliderObj,
+                                &mshColliderTagObj,     &mshColliderVrtMultObj, &mshColliderVrtMultListObj};
+    return Kavrin::AddAttributes(Kavrin::kRelaxationMeshDeformerAttributeTable, handles);
 }
 
 void KRelaxationMeshDeformer::postConstructor() {

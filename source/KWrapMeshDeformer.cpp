@@ -80,7 +80,7 @@ void* KWrapMeshDeformer::creator() { return new KWrapMeshDeformer(); }
 
 MStatus KWrapMeshDeformer::initialize() {
     MObject* const handles[] = {&driverMeshObj, &bindingObj, &bindTrianglesObj, &bindOffsetsObj};
-    return Kavrin::AddAttributes(Kavrin::kWrapMeshDeformerAttributeTable, handles, sizeof(handles) / sizeof(handles[0]));
+    return Kavrin::AddAttributes(Kavrin::kWrapMeshDeformerAttributeTable, handles);
 }
 
 void KWrapMeshDeformer::postConstructor() {

@@ -63,6 +63,7 @@ public:
         const KDisplayOverride displayOverride = {info.fOverrideEnabled, info.fEnableVisible, info.fEnableShading,
                                                   static_cast<int>(info.fDisplayType)};
         data->style = DrawStyleCode(displayOverride, frameContext.getDisplayStyle());
+        data->values = typename T::DrawValues();  // a value that cannot be read draws as 0
         node->drawValues(data->values);
         return data;
     }

@@ -3,6 +3,8 @@
 // painted maps, selection and small geometry queries. The only place (with KDrawOverride.h)
 // where base types meet the host; it holds no state.
 
+#include <cstddef>
+
 #include <maya/MDagPath.h>
 #include <maya/MDagPathArray.h>
 #include <maya/MDataBlock.h>
@@ -109,6 +111,10 @@ void ReportApiError(const MStatus& status, const char* source, int line);
 // number, 1-based, and the rest goes on), declares the table's attributeAffects (the deformer's
 // "inputGeom" and "outputGeom" by name) and runs its paint commands.
 MStatus AddAttributes(const KAttributeTable& table, MObject* const handles[], int numHandles);
+template <std::size_t N>
+MStatus AddAttributes(const KAttributeTable& table, MObject* const (&handles)[N]) {
+    return AddAttributes(table, handles, static_cast<int>(N));
+}
 
 // ---- Evaluations ----------------------------------------------------------------------------
 

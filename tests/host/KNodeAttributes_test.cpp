@@ -124,7 +124,8 @@ TEST(NodeAttributes, EveryNodeTypeAsDescribed) {
         EXPECT_EQ(t->source, "source/" + std::string(e.type->name));
         Lines rows, affects, paint;
         for (int i = 0; i < t->numRows; ++i) rows.push_back(Line(t->rows[i]));
-        for (int k = 0; k < t->numAffects; ++k) affects.push_back(std::string(t->affects[k].from) + ">" + t->affects[k].to);
+        for (int k = 0; k < t->numAffects; ++k)
+            affects.push_back(std::string(t->affects[k].from) + ">" + t->affects[k].to);
         for (int c = 0; c < t->numPaintCommands; ++c) paint.push_back(t->paintCommands[c]);
         EXPECT_EQ(rows, e.rows) << e.type->name;
         EXPECT_EQ(affects, e.affects) << e.type->name;
