@@ -84,16 +84,27 @@ TEST_F(KavrinCli, HelpOnEveryCommandShowsRangesAndDemoSaysWhatItMeasures) {
 
     const Outcome r = run("demo -o " + path("demo"));
     ASSERT_TRUE(r.status == 0 && r.err.empty()) << r.err;
-    for (const char* file : {"deltamush-rest.obj", "deltamush-bend90-result.obj", "transfer-target-bend90.obj",
-                             "transfer-markers.txt", "wrap-sheet-dome.obj", "jiggle-frame12-result.obj",
-                             "relax-collide-result.obj", "offset-sphere-out.obj", "offset-pattern.png"})
+    for (const char* file : {"deltamush-rest.obj", "deltamush-elbow110-result.obj", "transfer-target-bend90.obj",
+                             "transfer-markers.txt", "wrap-sheet-dome.obj", "jiggle-frame40.obj",
+                             "jiggle-frame40-result.obj", "jiggle-weights.txt", "relax-collide-result.obj",
+                             "offset-sphere-out.obj", "offset-pattern.png"})
         EXPECT_TRUE(fs::exists(dir / "demo" / file)) << file;
+    // index.html shows a picture per engine, each written beside it.
+    const std::string html = Slurp(dir / "demo" / "index.html");
+    std::vector<std::string> pictures;
+    for (size_t at = html.find("<img src=\""); at != std::string::npos; at = html.find("<img src=\"", at + 1)) {
+        const size_t from = at + 10;
+        pictures.push_back(html.substr(from, html.find('"', from) - from));
+        EXPECT_TRUE(fs::exists(dir / "demo" / pictures.back())) << pictures.back();
+    }
+    EXPECT_EQ(pictures, (std::vector<std::string>{"deltamush.png", "transfer.png", "wrap.png", "jiggle.png",
+                                                  "relax.png", "relax-collider.png", "offset.png"}));
     // Every figure says what it measures and which way is better.
     EXPECT_NE(r.out.find("rest pose reproduced: largest distance from the rest mesh"), std::string::npos) << r.out;
     size_t better = 0;
     for (size_t at = r.out.find("smaller is better"); at != std::string::npos; at = r.out.find("smaller is better", at + 1))
         ++better;
-    EXPECT_EQ(better, 13u) << r.out;
+    EXPECT_EQ(better, 14u) << r.out;
     EXPECT_NE(r.out.find("swings"), std::string::npos) << r.out;
     EXPECT_EQ(r.out.find("Current time:"), std::string::npos) << "engine trace only with --verbose";
 }
