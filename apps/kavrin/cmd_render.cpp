@@ -22,10 +22,13 @@ void AddRenderCommand(CLI::App& app, std::vector<Command>& commands) {
     };
     auto options = std::make_shared<Options>();
     CLI::App* sub = app.add_subcommand(
-        "render",
-        "Draw meshes side by side, left to right, into a PNG picture: flat shaded, seen from the front, 30 degrees to "
-        "the right and 25 above, framed to fit. With --reference, the meshes of its vertex count are coloured by each "
-        "vertex's distance from the reference's vertex of the same index: grey 0, then yellow, orange, red.");
+        "render", "Draw meshes side by side into a PNG picture, optionally coloured by their distance from a reference.");
+    sub->footer(
+        "The meshes stand in a row, left to right, each one slot to the right of the one before (a slot as wide as "
+        "all of them together), seen by a fixed orthographic camera from the front, 30 degrees to the right and 25 "
+        "above, framed with a margin of 5% of the shorter side; faces are flat shaded. With --reference, the meshes "
+        "of its vertex count are coloured by each vertex's distance from the reference's vertex of the same index: "
+        "grey for 0, then yellow and orange, red at the range.");
     sub->add_option("--reference", options->reference,
                     "mesh (OBJ) the distances are measured from; meshes of another vertex count are drawn grey");
     AddFiniteOption(sub, "--range", options->range,

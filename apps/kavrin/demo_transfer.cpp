@@ -71,7 +71,7 @@ void TransferDemo(DemoReport& demo) {
             SaveMesh(demo.path(direct), expected);
             demo.picture("transfer.png", {{posed, &pose}, {name, &result}}, {direct, &expected}, true,
                          "Left: the source bent by 90 degrees; right: the target after the transfer, coloured by its "
-                         "distance from the target bent directly, red at 0.2 (5% of its length)",
+                         "distance from the target bent directly (red: 5% of its length)",
                          0.2);
         }
     }
