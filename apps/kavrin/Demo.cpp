@@ -25,6 +25,15 @@ std::string FormatText(const char* format, va_list args) {
     return text;
 }
 
+std::string Printed(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string Printed(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::string text = FormatText(format, args);
+    va_end(args);
+    return text;
+}
+
 std::string EscapeHtml(const std::string& text) {
     std::string out;
     for (char c : text) {
@@ -78,21 +87,17 @@ void DemoReport::picture(const std::string& file, const std::vector<DemoMesh>& m
         command += " " + path(m.file);
     }
     if (reference.mesh) command += " --reference " + path(reference.file);
-    if (range > 0.0) {
-        char text[32];
-        std::snprintf(text, sizeof(text), " --range %g", range);
-        command += text;
-    }
+    if (range > 0.0) command += Printed(" --range %g", range);
     if (zUp) command += " --up z";
     command += " -o " + file;
     const Picture picture = DrawMeshes(drawn, settings);
     WritePicture(path(file), picture);
 
-    char colours[160] = "";
-    if (picture.coloured > 0)
-        std::snprintf(colours, sizeof(colours), "; colour: distance from %s, grey 0 to red %.3g", reference.file.c_str(),
-                      picture.range);
-    Progress("  -> %s: %s%s", file.c_str(), caption.c_str(), colours);
+    const std::string colours =
+        picture.coloured > 0
+            ? Printed("; colour: distance from %s, grey 0 to red %.3g", reference.file.c_str(), picture.range)
+            : std::string();
+    Progress("  -> %s: %s%s", file.c_str(), caption.c_str(), colours.c_str());
     if (_cases.empty()) return;
     _cases.back().pictures += "<figure><img src=\"" + EscapeHtml(file) + "\" alt=\"" + EscapeHtml(caption) +
                               "\"><figcaption>" + EscapeHtml(caption + colours) + ".<br>Drawn again by <code>" +

@@ -111,9 +111,9 @@ void DeltaMushDemo(DemoReport& demo) {
         demo.line("elbow %3d deg: %5.2f ms; the skin stretches up to %.2f times its rest length, after delta mush %.2f "
                   "(smaller is better, 1 is unstretched) -> %s-result.obj",
                   degrees, ms, LargestStretch(rest, pose), LargestStretch(rest, result), name.c_str());
-        demo.line("               farther than 2 from the elbow delta mush moves the skin by at most %.2g (smaller "
-                  "is better)",
-                  away);
+        demo.line("elbow %3d deg: farther than 2 from the elbow, delta mush moves the skin by at most %.2g (smaller is "
+                  "better)",
+                  degrees, away);
         if (degrees == 110)
             demo.picture("deltamush.png", {{name + ".obj", &pose}, {name + "-result.obj", &result}},
                          {name + ".obj", &pose}, true,
