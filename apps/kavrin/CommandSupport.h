@@ -50,6 +50,7 @@ void AddRelaxCommand(CLI::App& app, std::vector<Command>& commands);
 void AddWrapCommand(CLI::App& app, std::vector<Command>& commands);
 void AddDemoCommand(CLI::App& app, std::vector<Command>& commands);
 void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands);
+void AddRenderCommand(CLI::App& app, std::vector<Command>& commands);
 
 // Reads an OBJ file; any problem is a KFileError, which the tool reports as bad input.
 KPolyMesh LoadMesh(const std::string& path);

@@ -71,25 +71,25 @@ std::vector<float> BumpPattern(int width, int height) {
 
 }  // namespace
 
-void OffsetDemo(const std::string& folder, int threads) {
+void OffsetDemo(DemoReport& demo) {
     const int rings = 128, segments = 256, width = 1024, height = 512;
     const double scale = 0.15;
     KPolyMesh sphere;
     KCornerUVs corners;
     TexturedSphere(rings, segments, sphere, corners);
-    const std::string pattern = DemoPath(folder, "offset-pattern.png");
+    const std::string pattern = demo.path("offset-pattern.png");
     WriteImage(pattern, width, height, 3, BumpPattern(width, height), 8);
-    SaveMesh(DemoPath(folder, "offset-sphere.obj"), sphere, &corners);
-    std::printf("Offset: a textured sphere (%d vertices, %d faces) and a %d x %d pattern image of 12 x 6 bumps "
-                "(offset-pattern.png).\n",
-                sphere.numVertices(), sphere.numFaces(), width, height);
+    SaveMesh(demo.path("offset-sphere.obj"), sphere, &corners);
+    demo.title("Offset: a textured sphere (%d vertices, %d faces) and a %d x %d pattern image of 12 x 6 bumps "
+               "(offset-pattern.png).",
+               sphere.numVertices(), sphere.numFaces(), width, height);
 
     // The image as the command line reads it: the red channel of the 8-bit file.
     const KTextureImage image = ReadTextureRed(pattern);
     const KVertexUVs uvs = VertexUVs(sphere, corners);
     const KFloatArray weights;
     for (double s : {scale, -scale}) {
-        OffsetRun run(&image, 0.0f, s, 1.0f, threads);
+        OffsetRun run(&image, 0.0f, s, 1.0f, demo.threads());
         const double start = DemoClock();
         KPolyMesh result = sphere;
         result.points = run.deform(sphere, uvs.uvs, weights);
@@ -103,11 +103,13 @@ void OffsetDemo(const std::string& folder, int threads) {
             largest = std::max(largest, moved);
         }
         const char* name = s > 0 ? "offset-sphere-out.obj" : "offset-sphere-in.obj";
-        SaveMesh(DemoPath(folder, name), result, &corners);
-        std::printf("  scale %+.2f: %6.2f ms, largest move %.3f, largest difference from scale x red %.2g (smaller is "
-                    "better) -> %s\n",
-                    s, ms,
-                    largest, worst, name);
+        SaveMesh(demo.path(name), result, &corners);
+        demo.line("scale %+.2f: %6.2f ms, largest move %.3f, largest difference from scale x red %.2g (smaller is "
+                  "better) -> %s",
+                  s, ms, largest, worst, name);
+        if (s > 0)
+            demo.picture("offset.png", {{"offset-sphere.obj", &sphere}, {name, &result}}, {"offset-sphere.obj", &sphere},
+                         false, "Left: the textured sphere; right: pushed out by 0.15 x the red of offset-pattern.png");
     }
 }
 

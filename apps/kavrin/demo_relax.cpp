@@ -35,12 +35,12 @@ double MeanDistance(const KVectorArray& a, const KVectorArray& b) {
 
 }  // namespace
 
-void RelaxDemo(const std::string& folder, int threads) {
+void RelaxDemo(DemoReport& demo) {
     const int n = 120;
     const KPolyMesh rest = MakeDetailedGrid(n, 10.0f);
-    SaveMesh(DemoPath(folder, "relax-rest.obj"), rest);
-    std::printf("Relaxation: a %d x %d sheet (%d vertices) with surface bumps.\n", n, n, rest.numVertices());
-    RelaxRun run(rest, threads);
+    SaveMesh(demo.path("relax-rest.obj"), rest);
+    demo.title("Relaxation: a %d x %d sheet (%d vertices) with surface bumps.", n, n, rest.numVertices());
+    RelaxRun run(rest, demo.threads());
 
     // A pose with every vertex jittered: the passes pull each vertex back to where its neighbours
     // say it belongs, restoring the bumps.
@@ -57,12 +57,15 @@ void RelaxDemo(const std::string& folder, int threads) {
     KPolyMesh smooth = noisy;
     smooth.points = run.relax(noisy, settings);
     double ms = DemoClock() - start;
-    SaveMesh(DemoPath(folder, "relax-noisy.obj"), noisy);
-    SaveMesh(DemoPath(folder, "relax-noisy-result.obj"), smooth);
-    std::printf("  jittered pose: mean distance from the rest shape %.3g, after %d passes %.3g (smaller is better; "
-                "%.1f ms) -> relax-noisy-result.obj\n",
-                MeanDistance(noisy.points, rest.points), settings.iterations,
-                MeanDistance(smooth.points, rest.points), ms);
+    SaveMesh(demo.path("relax-noisy.obj"), noisy);
+    SaveMesh(demo.path("relax-noisy-result.obj"), smooth);
+    demo.line("jittered pose: mean distance from the rest shape %.3g, after %d passes %.3g (smaller is better; "
+              "%.1f ms) -> relax-noisy-result.obj",
+              MeanDistance(noisy.points, rest.points), settings.iterations, MeanDistance(smooth.points, rest.points),
+              ms);
+    demo.picture("relax.png", {{"relax-noisy.obj", &noisy}, {"relax-noisy-result.obj", &smooth}},
+                 {"relax-rest.obj", &rest}, true,
+                 "Left: the jittered pose; right: relaxed, both coloured by their distance from the rest shape");
 
     // A ball pushed up through the sheet from below: every vertex inside it is moved onto its
     // surface after each collision pass, and the relaxation spreads the dent around it.
@@ -71,7 +74,7 @@ void RelaxDemo(const std::string& folder, int threads) {
     KPolyMesh ball = MakeIcosphere(4);
     ScalePoints(ball, radius, radius, radius);
     for (KVector& p : ball.points) p += centre;
-    SaveMesh(DemoPath(folder, "relax-collider.obj"), ball);
+    SaveMesh(demo.path("relax-collider.obj"), ball);
     run.addCollider(ball, nullptr);
     settings.iterations = 10;
     settings.scaleSafe = true;
@@ -81,12 +84,15 @@ void RelaxDemo(const std::string& folder, int threads) {
     KPolyMesh pushed = rest;
     pushed.points = run.relax(rest, settings);
     ms = DemoClock() - start;
-    SaveMesh(DemoPath(folder, "relax-collide-result.obj"), pushed);
+    SaveMesh(demo.path("relax-collide-result.obj"), pushed);
     double after = 0.0;
     const int left = Inside(pushed.points, centre, radius * 0.98f, after);
-    std::printf("  ball collider (%d triangles): %d vertices inside it (deepest %.3g), after %d passes with "
-                "collisions %d (smaller is better; %.1f ms) -> relax-collide-result.obj\n",
-                2 * ball.numVertices() - 4, before, deepest, settings.iterations, left, ms);
+    demo.line("ball collider (%d triangles): %d vertices inside it (deepest %.3g), after %d passes with "
+              "collisions %d (smaller is better; %.1f ms) -> relax-collide-result.obj",
+              2 * ball.numVertices() - 4, before, deepest, settings.iterations, left, ms);
+    demo.picture("relax-collider.png", {{"relax-collider.obj", &ball}, {"relax-collide-result.obj", &pushed}},
+                 {"relax-rest.obj", &rest}, true,
+                 "Left: the ball collider; right: the sheet kept out of it, coloured by how far it was pushed");
 }
 
 }  // namespace Kavrin

@@ -35,28 +35,28 @@ void CageDistances(const KPolyMesh& cage, const KVectorArray& points, double& lo
 
 }  // namespace
 
-void WrapDemo(const std::string& folder, int threads) {
+void WrapDemo(DemoReport& demo) {
     const int n = 200, cageN = 24;
     const float gap = 0.3f;
     const KPolyMesh sheet = MakeDetailedGrid(n, 10.0f);
     KPolyMesh cage = MakeDetailedGrid(cageN, 11.0f);
     for (KVector& p : cage.points) p.z = -gap;
-    SaveMesh(DemoPath(folder, "wrap-sheet.obj"), sheet);
-    SaveMesh(DemoPath(folder, "wrap-cage.obj"), cage);
-    std::printf("Wrap: a %d x %d sheet (%d vertices) with surface bumps, bound %.1f under it to a %d x %d cage "
-                "(%d vertices).\n",
-                n, n, sheet.numVertices(), gap, cageN, cageN, cage.numVertices());
+    SaveMesh(demo.path("wrap-sheet.obj"), sheet);
+    SaveMesh(demo.path("wrap-cage.obj"), cage);
+    demo.title("Wrap: a %d x %d sheet (%d vertices) with surface bumps, bound %.1f under it to a %d x %d cage "
+               "(%d vertices).",
+               n, n, sheet.numVertices(), gap, cageN, cageN, cage.numVertices());
 
     KRecordingSink sink;  // the bind's trace line is the node's, not the demo's
     double start = DemoClock();
-    WrapRun run(cage, sheet, threads, sink);
-    std::printf("  bind: %.1f ms\n", DemoClock() - start);
+    WrapRun run(cage, sheet, demo.threads(), sink);
+    demo.line("bind: %.1f ms", DemoClock() - start);
     const KVectorArray same = run.deform(cage);
     double lo, hi;
     CageDistances(cage, sheet.points, lo, hi);
-    std::printf("  unchanged cage: largest distance from the bound sheet %.2g (smaller is better, 0 is exact); the "
-                "sheet lies %.3f to %.3f from the cage\n",
-                MaxDistance(same, sheet.points), lo, hi);
+    demo.line("unchanged cage: largest distance from the bound sheet %.2g (smaller is better, 0 is exact); the "
+              "sheet lies %.3f to %.3f from the cage",
+              MaxDistance(same, sheet.points), lo, hi);
 
     struct Pose {
         const char* name;
@@ -65,22 +65,26 @@ void WrapDemo(const std::string& folder, int threads) {
     Pose poses[] = {{"dome", cage}, {"ripple", cage}, {"bend45", BendAroundY(cage, 0.785398f)}};
     for (KVector& p : poses[0].cage.points) p.z += 2.0f * std::exp(-(p.x * p.x + p.y * p.y) / 8.0f);
     for (KVector& p : poses[1].cage.points) p.z += 0.5f * std::sin(0.8f * p.x);
+    KPolyMesh dome;
     for (const Pose& pose : poses) {
         start = DemoClock();
         KPolyMesh result = sheet;
         result.points = run.deform(pose.cage);
         const double ms = DemoClock() - start;
-        char name[64];
-        std::snprintf(name, sizeof(name), "wrap-cage-%s.obj", pose.name);
-        SaveMesh(DemoPath(folder, name), pose.cage);
-        std::snprintf(name, sizeof(name), "wrap-sheet-%s.obj", pose.name);
-        SaveMesh(DemoPath(folder, name), result);
+        const std::string cageFile = std::string("wrap-cage-") + pose.name + ".obj";
+        const std::string name = std::string("wrap-sheet-") + pose.name + ".obj";
+        SaveMesh(demo.path(cageFile), pose.cage);
+        SaveMesh(demo.path(name), result);
         CageDistances(pose.cage, result.points, lo, hi);
-        std::printf("  %-6s: %5.2f ms, the sheet lies %.3f to %.3f from the cage (closer to the rest's range is "
-                    "better) -> %s\n",
-                    pose.name, ms, lo, hi,
-                    name);
+        demo.line("%-6s: %5.2f ms, the sheet lies %.3f to %.3f from the cage (closer to the rest's range is "
+                  "better) -> %s",
+                  pose.name, ms, lo, hi, name.c_str());
+        if (&pose == &poses[0]) dome = result;
     }
+    demo.picture("wrap.png", {{"wrap-cage-dome.obj", &poses[0].cage}, {"wrap-sheet-dome.obj", &dome}},
+                 {"wrap-sheet.obj", &sheet}, true,
+                 "Left: the cage pushed up by a dome; right: the sheet following it, coloured by how far it moved from "
+                 "where it was bound");
 }
 
 }  // namespace Kavrin

@@ -22,6 +22,7 @@ const AddCommand kCommands[] = {
     AddJiggleCommand,
     AddRelaxCommand,
     AddOffsetCommand,
+    AddRenderCommand,
     AddDemoCommand,
 };
 
@@ -54,7 +55,8 @@ std::string CommandNames(const std::vector<Command>& commands) {
 
 int main(int argc, char** argv) {
     CLI::App app(
-        "kavrin: mesh deformation on OBJ files (delta mush, deformation transfer, wrap, jiggle, relaxation, offset)",
+        "kavrin: mesh deformation on OBJ files (delta mush, deformation transfer, wrap, jiggle, relaxation, offset) "
+        "and pictures of meshes",
         "kavrin");
     app.set_version_flag("--version", "kavrin " KAVRIN_VERSION, "print the version and exit");
     bool verbose = false;

@@ -52,9 +52,9 @@ TEST_F(KavrinStatus, EveryCaseHasItsStatusAndOneExactLine) {
         std::string err;  // the whole of standard error, or its start followed by '*'
     } cases[] = {
         // Parse errors point to --help.
-        {"", 2, "kavrin: a command is required: deltamush, transfer, wrap, jiggle, relax, offset or demo (see 'kavrin --help')"},
+        {"", 2, "kavrin: a command is required: deltamush, transfer, wrap, jiggle, relax, offset, render or demo (see 'kavrin --help')"},
         {"bogus", 2,
-         "kavrin: unknown command 'bogus'; the commands are deltamush, transfer, wrap, jiggle, relax, offset or demo (see 'kavrin --help')"},
+         "kavrin: unknown command 'bogus'; the commands are deltamush, transfer, wrap, jiggle, relax, offset, render or demo (see 'kavrin --help')"},
         {"deltamush pose.obj -o x.obj", 2, "kavrin deltamush: --rest is required (see 'kavrin deltamush --help')"},
         {dm + "--bogus pose.obj -o x.obj", 2,
          "kavrin deltamush: The following argument was not expected: --bogus (see 'kavrin deltamush --help')"},
@@ -116,6 +116,14 @@ TEST_F(KavrinStatus, EveryCaseHasItsStatusAndOneExactLine) {
         {dm + "a/p.obj b/p.obj -o out", 2, "kavrin deltamush: two poses are named p.obj; their results would overwrite each other in out"},
         {tr + "--markers m.txt --aim source-to-target -o a", 2, "kavrin transfer: a: is a folder, not a file to write"},
         {"demo -o file", 2, "kavrin demo: file: is a file, not a folder"},
+        {"render rest.obj -o x.jpg", 2, "kavrin render: x.jpg: the picture is written as PNG; give it the extension .png"},
+        {"render rest.obj --reference s.obj -o x.png", 2,
+         "kavrin render: s.obj: 50 vertices, but none of the meshes has that many, so none could be coloured"},
+        {"render rest.obj --width 15 -o x.png", 2,
+         "kavrin render: --width: 15 is outside 16 to 2048 (see 'kavrin render --help')"},
+        {"render rest.obj --height 2049 -o x.png", 2,
+         "kavrin render: --height: 2049 is outside 16 to 2048 (see 'kavrin render --help')"},
+        {"render missing.obj -o x.png", 2, "kavrin render: missing.obj: cannot open the file (No such file or directory)"},
         {"deltamush --rest points.obj points.obj -o x.obj", 2,
          "kavrin deltamush: points.obj: 3 vertices are in no face (0, 1, 2, counting from 0); delta mush has no "
          "edge to smooth such a vertex over and would write it as NaN"},
@@ -133,6 +141,7 @@ TEST_F(KavrinStatus, EveryCaseHasItsStatusAndOneExactLine) {
          0, ""},
         {"--version", 0, ""},
         {"deltamush --help", 0, ""},
+        {"render rest.obj s.obj --reference pose.obj -o ok.png", 0, ""},
     };
     for (const auto& c : cases) {
         const Outcome r = run(c.args);
@@ -147,8 +156,9 @@ TEST_F(KavrinStatus, EveryCaseHasItsStatusAndOneExactLine) {
             EXPECT_EQ(r.out, "") << c.args << ": nothing runs before the checks";
         }
     }
-    for (const char* never : {"x.obj", "h.obj", "out", "no", "file/sub"}) EXPECT_FALSE(fs::exists(dir / never)) << never;
+    for (const char* never : {"x.obj", "h.obj", "out", "no", "file/sub", "x.jpg", "x.png"}) EXPECT_FALSE(fs::exists(dir / never)) << never;
     EXPECT_TRUE(fs::exists(dir / "ok.obj"));
     EXPECT_TRUE(fs::exists(dir / "new" / "pose.obj")) << "a path ending in / is a folder, also for one pose";
     EXPECT_TRUE(fs::exists(dir / "fit.obj"));
+    EXPECT_TRUE(fs::exists(dir / "ok.png"));
 }
