@@ -155,11 +155,14 @@ bool KSourceFitting::assemble(const Weights& w) {
     KDouble9* cst = _const.data();
 
     // Frames of the current points; a pinned vertex's part moves to the right-hand side.
-    int degenerate = nST;
-#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nST)) reduction(min : degenerate)
+    int degenerate = nST, tooLarge = nST;
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nST)) reduction(min : degenerate, tooLarge)
     for (int t = 0; t < nST; ++t) {
         const KInt3& tri = tris[t];
-        if (TriangleIsDegenerate(p[tri[0]], p[tri[1]], p[tri[2]])) degenerate = std::min(degenerate, t);
+        if (TriangleIsTooLarge(p[tri[0]], p[tri[1]], p[tri[2]]))
+            tooLarge = std::min(tooLarge, t);
+        else if (TriangleIsDegenerate(p[tri[0]], p[tri[1]], p[tri[2]]))
+            degenerate = std::min(degenerate, t);
         const KMatrix3d vi = TriangleFrameInverse(p[tri[0]], p[tri[1]], p[tri[2]], kFittingFrame);
         KTuple<12, double>& c = coef[t];
         KDouble9 k9;
@@ -171,16 +174,20 @@ bool KSourceFitting::assemble(const Weights& w) {
                     if (pinned[tri[j]]) k9[3 * r + k] -= pinPos[tri[j]][r] * c[3 * j + k];
         cst[t] = k9;
     }
+    // Guard (behaviour note "Deformation transfer: a singular source fit names its cause").
+    if (tooLarge < nST) {
+        const KInt3& tri = tris[tooLarge];
+        return _fail(DtTooLargeTriangle("source", tooLarge, tri[0], tri[1], tri[2], kFit, kAbandoned));
+    }
     if (degenerate < nST) {
         const KInt3& tri = tris[degenerate];
-        // Guard (behaviour note "Deformation transfer: a singular source fit names its cause").
         return _fail(DtDegenerateTriangle("source", degenerate, tri[0], tri[1], tri[2], kFit, kAbandoned));
     }
 
     const int* rs = _rowStart.data();
     double* v = _values.data();
     double* b = _rhs.data();
-    const double ws = w.smooth, wi = w.identity, wc = w.closest;
+    const double ws = w.smooth, wi = w.identity, wc = w.closest, wa = w.anchor;
     // Smooth rows: ws (T_t - T_u); entries of a vertex the two share add up.
 #pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nPairs))
     for (int q = 0; q < nPairs; ++q) {

@@ -172,4 +172,15 @@ TEST(SourceFitting, SingularFitsNameTheirCause) {
                                      std::to_string(tri[2]) + ") has no area, so the source fit is singular" + search);
         EXPECT_TRUE(fit.libraryReport().empty());
     }
+    // A source 1e20 across: no triangle lacks area, but every edge cross product overflows a
+    // float, so the first triangle is named as too large, not as flat.
+    KTriMesh huge = TriangulatedIcosphere(1);
+    for (KVector& p : huge.points) p *= 1e20f;
+    KSourceFitting fit;
+    EXPECT_FALSE(fit.fit(huge, target, Pairs({{0, 0}}), 1, 1, nullptr));
+    const KInt3& t0 = huge.triangles[0];
+    EXPECT_EQ(fit.failure(), "KDeformationTransfer: source triangle 0 (vertices " + std::to_string(t0[0]) + ", " +
+                                 std::to_string(t0[1]) + ", " + std::to_string(t0[2]) +
+                                 ") is too large to compute with (its edges' cross product overflows single "
+                                 "precision), so the source fit cannot be formed" + search);
 }
