@@ -51,6 +51,11 @@ void RequireWritableFile(const std::string& path) {
     if (errno == EEXIST) fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd >= 0) {
         ::close(fd);
+        // The result is written beside a regular file and renamed over it.
+        struct stat existing;
+        const std::string folder = parent.empty() ? "." : parent.string();
+        if (::stat(path.c_str(), &existing) == 0 && S_ISREG(existing.st_mode) && ::access(folder.c_str(), W_OK) != 0)
+            throw UsageError(path + ": cannot write the file (its folder is not writable: " + Reason(errno) + ")");
         return;
     }
     throw UsageError(path + ": cannot write the file (" + Reason(errno) + ")");
