@@ -1,5 +1,7 @@
 #include "KTriMeshConnectionInfo.h"
 
+#include <algorithm>
+
 namespace Kavrin {
 
 void BuildVertexTriangles(int nv, const KInt3Array& triangles, KIntArray& offsets, KIntArray& indices) {
@@ -16,6 +18,22 @@ void BuildVertexTriangles(int nv, const KInt3Array& triangles, KIntArray& offset
 
 KTriMeshConnectionInfo::KTriMeshConnectionInfo(const KTriMesh& mesh) : _triangles(mesh.triangles) {
     BuildVertexTriangles(mesh.numVertices(), _triangles, v2tOffsets, v2tIndices);
+}
+
+void ConnectedParts(int numVertices, const KInt3Array& triangles, KIntArray& root) {
+    root.setLength(numVertices, false);
+    for (int v = 0; v < numVertices; ++v) root[v] = v;
+    // Union by the smaller root, so that every root is its part's lowest vertex.
+    const auto find = [&root](int v) {
+        while (root[v] != v) v = root[v] = root[root[v]];
+        return v;
+    };
+    for (const KInt3& t : triangles)
+        for (int k = 1; k < 3; ++k) {
+            const int a = find(t[0]), b = find(t[k]);
+            if (a != b) root[std::max(a, b)] = std::min(a, b);
+        }
+    for (int v = 0; v < numVertices; ++v) root[v] = find(v);
 }
 
 void KTriMeshConnectionInfo::calculate_t2t() {

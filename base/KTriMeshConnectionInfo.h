@@ -10,6 +10,11 @@ namespace Kavrin {
 // lie in [0, numVertices).
 void BuildVertexTriangles(int numVertices, const KInt3Array& triangles, KIntArray& offsets, KIntArray& indices);
 
+// The connected parts of a mesh (vertices joined through triangles): root[v] is the lowest-numbered
+// vertex of the part of vertex v; a vertex in no triangle is a part of its own. Every triangle
+// index must lie in [0, numVertices).
+void ConnectedParts(int numVertices, const KInt3Array& triangles, KIntArray& root);
+
 class KTriMeshConnectionInfo {
 public:
     explicit KTriMeshConnectionInfo(const KTriMesh& mesh);

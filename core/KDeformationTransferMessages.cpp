@@ -96,4 +96,11 @@ std::string DtDegenerateTriangle(const char* mesh, int triangle, int a, int b, i
            N(b) + ", " + N(c) + ") has no area, so the " + system + " is singular; " + consequence;
 }
 
+std::string DtTooLargeTriangle(const char* mesh, int triangle, int a, int b, int c, const char* system,
+                               const char* consequence) {
+    return std::string("KDeformationTransfer: ") + mesh + " triangle " + N(triangle) + " (vertices " + N(a) + ", " +
+           N(b) + ", " + N(c) + ") is too large to compute with (its edges' cross product overflows single "
+           "precision), so the " + system + " cannot be formed; " + consequence;
+}
+
 }  // namespace Kavrin

@@ -44,5 +44,7 @@ std::string DtSingularColumn(const char* system, const char* mesh, const int* ve
 std::string DtIsolatedSourceVertex(int vertex);
 std::string DtDegenerateTriangle(const char* mesh, int triangle, int a, int b, int c, const char* system,
                                  const char* consequence);
+std::string DtTooLargeTriangle(const char* mesh, int triangle, int a, int b, int c, const char* system,
+                               const char* consequence);
 
 }  // namespace Kavrin

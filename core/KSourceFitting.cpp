@@ -76,6 +76,21 @@ bool KSourceFitting::prepare(const KTriMesh& source, const KTriMesh& target, con
         // Guard (behaviour note "Deformation transfer: a singular source fit names its cause").
         if (!_used[v] && !_pinned[v]) return _fail(DtIsolatedSourceVertex(v));
 
+    // Decision (behaviour note "Deformation transfer: a part without a marker stays where it is")
+    KIntArray root;
+    ConnectedParts(nSV, _triangles, root);
+    KCharArray partPinned;
+    partPinned.setLength(nSV, true);
+    for (int v = 0; v < nSV; ++v)
+        if (_pinned[v]) partPinned[root[v]] = 1;
+    _anchors.clear();
+    _anchored.setLength(nSV, true);
+    for (int v = 0; v < nSV; ++v)
+        if (root[v] == v && _used[v] && !partPinned[v]) {
+            _anchors.push_back(v);
+            _anchored[v] = 1;
+        }
+
     // Neighbour pairs in the order of the smooth term: triangle by triangle, slot by slot; an
     // empty slot gives no rows.
     // Decision (behaviour note "Deformation transfer: no unpaired smooth block on a border").
@@ -155,11 +170,14 @@ bool KSourceFitting::assemble(const Weights& w) {
     KDouble9* cst = _const.data();
 
     // Frames of the current points; a pinned vertex's part moves to the right-hand side.
-    int degenerate = nST;
-#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nST)) reduction(min : degenerate)
+    int degenerate = nST, tooLarge = nST;
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nST)) reduction(min : degenerate, tooLarge)
     for (int t = 0; t < nST; ++t) {
         const KInt3& tri = tris[t];
-        if (TriangleIsDegenerate(p[tri[0]], p[tri[1]], p[tri[2]])) degenerate = std::min(degenerate, t);
+        if (TriangleIsTooLarge(p[tri[0]], p[tri[1]], p[tri[2]]))
+            tooLarge = std::min(tooLarge, t);
+        else if (TriangleIsDegenerate(p[tri[0]], p[tri[1]], p[tri[2]]))
+            degenerate = std::min(degenerate, t);
         const KMatrix3d vi = TriangleFrameInverse(p[tri[0]], p[tri[1]], p[tri[2]], kFittingFrame);
         KTuple<12, double>& c = coef[t];
         KDouble9 k9;
@@ -171,16 +189,20 @@ bool KSourceFitting::assemble(const Weights& w) {
                     if (pinned[tri[j]]) k9[3 * r + k] -= pinPos[tri[j]][r] * c[3 * j + k];
         cst[t] = k9;
     }
+    // Guard (behaviour note "Deformation transfer: a singular source fit names its cause").
+    if (tooLarge < nST) {
+        const KInt3& tri = tris[tooLarge];
+        return _fail(DtTooLargeTriangle("source", tooLarge, tri[0], tri[1], tri[2], kFit, kAbandoned));
+    }
     if (degenerate < nST) {
         const KInt3& tri = tris[degenerate];
-        // Guard (behaviour note "Deformation transfer: a singular source fit names its cause").
         return _fail(DtDegenerateTriangle("source", degenerate, tri[0], tri[1], tri[2], kFit, kAbandoned));
     }
 
     const int* rs = _rowStart.data();
     double* v = _values.data();
     double* b = _rhs.data();
-    const double ws = w.smooth, wi = w.identity, wc = w.closest;
+    const double ws = w.smooth, wi = w.identity, wc = w.closest, wa = w.anchor;
     // Smooth rows: ws (T_t - T_u); entries of a vertex the two share add up.
 #pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nPairs))
     for (int q = 0; q < nPairs; ++q) {
@@ -211,17 +233,19 @@ bool KSourceFitting::assemble(const Weights& w) {
             for (int r = 0; r < 3; ++r) b[r * nRows + row] = wi * (cst[t][3 * r + k] + (r == k ? 1.0 : 0.0));
         }
     }
-    // Closest rows: wc on the free vertex, wc times its closest point.
+    // Closest rows: wc on the free vertex, wc times its closest point (wc + wa for an anchor).
     const int closestRow = first + 3 * nST;
     const KVector* closest = _closest.data();
+    const char* anchored = _anchored.data();
     const int nSV = _points.length();
 #pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nSV))
     for (int i = 0; i < nSV; ++i) {
         const int f = _column[i];
         if (f < 0) continue;
         const int row = closestRow + f;
-        v[rs[row]] = wc;
-        for (int r = 0; r < 3; ++r) b[r * nRows + row] = wc * closest[i][r];
+        const double weight = anchored[i] ? wc + wa : wc;
+        v[rs[row]] = weight;
+        for (int r = 0; r < 3; ++r) b[r * nRows + row] = weight * closest[i][r];
     }
     return true;
 }
@@ -267,8 +291,10 @@ bool KSourceFitting::fit(const KTriMesh& source, const KTriMesh& target, const K
                          int threads, const std::function<void(int)>& iterationStarted) {
     if (!prepare(source, target, pairs, threads)) return false;
     Weights w;
+    w.anchor = 1.0;
     if (!assemble(w) || !solve()) return false;
     findClosestPoints(target);
+    w.anchor = 0.0;
     w.closest = 1.0;
     if (!assemble(w) || !solve()) return false;
     for (int i = 1; i <= iterations; ++i) {

@@ -5,7 +5,8 @@
 // the system:
 //   smooth    9 rows per neighbour pair (t, u): T_t - T_u = 0, weight ws;
 //   identity  9 rows per triangle: T_t = I, weight wi;
-//   closest   3 rows per free vertex: the vertex on its closest target point, weight wc;
+//   closest   3 rows per free vertex: the vertex on its closest target point, weight wc (plus wa
+//             for the anchor of a part without a pin);
 // where T_t = V~ V^-1 is triangle t's deformation from the points of the previous solve (fitting
 // frame). The three coordinates share every coefficient, so the system is held and solved as one
 // scalar system with three right-hand sides: row 3p + k of the smooth term is column k of T for
@@ -27,6 +28,10 @@ public:
         double smooth = 1.0;
         double identity = 0.01;
         double closest = 0.0;
+        // Added to the closest row of the lowest vertex of every part without a pin, whose closest
+        // point is then its own place: fit() sets 1 for the first solve, so that such a part (an
+        // eye, a tooth) stays where it is rather than at a translation the system leaves open.
+        double anchor = 0.0;
     };
 
     // The whole fit: the first solve without the closest term, the closest target points of the
@@ -38,7 +43,8 @@ public:
 
     // The stages of fit(), for callers that drive them one by one.
     // Pins the paired source vertices (a vertex named by several pairs once, at the target vertex of
-    // its last pair), numbers the unknowns, finds the triangle neighbours and analyses the system.
+    // its last pair), numbers the unknowns, finds the triangle neighbours and the anchors of the
+    // parts without a pin, and analyses the system.
     bool prepare(const KTriMesh& source, const KTriMesh& target, const KInt2Array& pairs, int threads);
     // Values and right-hand sides for the current points(), closestPoints() and weights.
     bool assemble(const Weights& weights);
@@ -53,6 +59,8 @@ public:
 
     // The unknowns: free vertices in index order, then one fourth vertex per triangle (-1: pinned).
     int freeVertices() const { return _nFree; }
+    // The lowest vertex of each connected part without a pin, in index order.
+    const KIntArray& anchors() const { return _anchors; }
     int unknowns() const { return _ls.cols(); }
     int column(int vertex) const { return _column[vertex]; }
     int fourthColumn(int triangle) const { return _nFree + triangle; }
@@ -83,6 +91,8 @@ private:
     KVectorArray _closest;
     KCharArray _pinned;
     KCharArray _used;  // per vertex: in some triangle
+    KIntArray _anchors;
+    KCharArray _anchored;  // per vertex: one of _anchors
     KVectorArray _pinPos;
     KIntArray _column;
     int _nFree = 0;

@@ -1,10 +1,10 @@
 #include "KTransferSystem.h"
 
 #include <algorithm>
-#include <numeric>
 
 #include "KDeformationTransferMessages.h"
 #include "KThreads.h"
+#include "KTriMeshConnectionInfo.h"
 #include "KTriangleFrame.h"
 
 namespace Kavrin {
@@ -22,11 +22,6 @@ const int kPoseItemsPerThread = 16384;
 
 // Rows a target triangle's pairing gives: one block for count 0, one per slot for a positive count.
 inline int Blocks(const KInt4& tc) { return tc[3] == 0 ? 1 : std::max(tc[3], 0); }
-
-int Root(std::vector<int>& parent, int v) {
-    while (parent[v] != v) v = parent[v] = parent[parent[v]];
-    return v;
-}
 
 }  // namespace
 
@@ -70,33 +65,34 @@ bool KTransferSystem::build(const KTriMesh& restSource, const KTriMesh& target, 
 
     const KVector* tp = target.points.data();
     const KInt3* tt = target.triangles.data();
+    // Guard (behaviour note "Deformation transfer: a singular transfer system names its cause").
+    const auto unusable = [this](const char* mesh, const KVector* p, const KInt3& t, int index) {
+        if (TriangleIsTooLarge(p[t[0]], p[t[1]], p[t[2]]))
+            _fail(DtTooLargeTriangle(mesh, index, t[0], t[1], t[2], kSystem, kNotBuilt));
+        else if (TriangleIsDegenerate(p[t[0]], p[t[1]], p[t[2]]))
+            _fail(DtDegenerateTriangle(mesh, index, t[0], t[1], t[2], kSystem, kNotBuilt));
+        else
+            return false;
+        return true;
+    };
     for (int t = 0; t < nTT; ++t)
-        // Guard (behaviour note "Deformation transfer: a singular transfer system names its cause").
-        if (TriangleIsDegenerate(tp[tt[t][0]], tp[tt[t][1]], tp[tt[t][2]]))
-            return _fail(DtDegenerateTriangle("target", t, tt[t][0], tt[t][1], tt[t][2], kSystem, kNotBuilt));
+        if (unusable("target", tp, tt[t], t)) return false;
     const KVector* sp = restSource.points.data();
     const KInt3* st = restSource.triangles.data();
     for (int t = 0; t < nTT; ++t)
         for (int s = 0; s < triCorres[t][3]; ++s) {
             const int src = triCorres[t][s];
-            if (src >= 0 && TriangleIsDegenerate(sp[st[src][0]], sp[st[src][1]], sp[st[src][2]]))
-                return _fail(
-                    DtDegenerateTriangle("source", src, st[src][0], st[src][1], st[src][2], kSystem, kNotBuilt));
+            if (src >= 0 && unusable("source", sp, st[src], src)) return false;
         }
 
     // Decision (behaviour note "Deformation transfer: one vertex per connected part stays put").
-    std::vector<int> parent(static_cast<size_t>(nTV));
-    std::iota(parent.begin(), parent.end(), 0);
-    for (int t = 0; t < nTT; ++t)
-        for (int k = 1; k < 3; ++k) {
-            const int a = Root(parent, tt[t][0]), b = Root(parent, tt[t][k]);
-            if (a != b) parent[std::max(a, b)] = std::min(a, b);
-        }
+    KIntArray root;
+    ConnectedParts(nTV, target.triangles, root);
     _column.setLengthWithValue(nTV, -1);
     _anchors.clear();
     _nFree = 0;
     for (int v = 0; v < nTV; ++v) {
-        if (Root(parent, v) == v)
+        if (root[v] == v)
             _anchors.push_back(v);
         else
             _column[v] = _nFree++;

@@ -59,4 +59,16 @@ inline bool TriangleIsDegenerate(const KVector& p1, const KVector& p2, const KVe
     return cx * cx + cy * cy + cz * cz <= 1e-14 * l1 * l2;
 }
 
+// True when the triangle is too large for its single-precision frame: a corner is not finite, or
+// an edge or the cross product of the edges overflows a float. Checked before
+// TriangleIsDegenerate, which such a triangle would pass or fail by accident.
+inline bool TriangleIsTooLarge(const KVector& p1, const KVector& p2, const KVector& p3) {
+    const KVector e1 = p2 - p1;
+    const KVector e2 = p3 - p1;
+    const KVector c = e1.cross(e2);
+    for (int k = 0; k < 3; ++k)
+        if (!std::isfinite(e1[k]) || !std::isfinite(e2[k]) || !std::isfinite(c[k])) return true;
+    return false;
+}
+
 }  // namespace Kavrin

@@ -97,4 +97,11 @@ bool PairTriangles(const KTriMesh& fittedSource, const KTriMesh& target, short c
     return true;
 }
 
+std::string TriangleCorrespondenceLog(const KInt4Array& triCorres) {
+    std::string log;
+    for (int i = 0; i < triCorres.length(); ++i)
+        log += "select -r young.f[" + std::to_string(i) + "] old.f[" + std::to_string(triCorres[i][0]) + "];\n";
+    return log;
+}
+
 }  // namespace Kavrin

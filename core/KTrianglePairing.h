@@ -3,6 +3,8 @@
 // source triangle whose centre is nearest to its own, within a radius on the scale of one
 // triangle, provided the two face the same way (normals at most 90 degrees apart).
 
+#include <string>
+
 #include "KArray.h"
 #include "KTriMesh.h"
 
@@ -19,5 +21,10 @@ float PairingRadius(const KTriMesh& fittedSource, const KTriMesh& target);
 // that nearest triangle. For any other mode every entry stays -1 and the result is false.
 bool PairTriangles(const KTriMesh& fittedSource, const KTriMesh& target, short calcMode, int threads,
                    KInt4Array& triCorres);
+
+// The triangle-correspondence log ("triCorres.out"): for each target triangle i in order, the MEL
+// selection "select -r young.f[i] old.f[s];" pairing face i of a mesh named young with source
+// triangle s (field 0 of its entry, -1 where none was found) of a mesh named old, one a line.
+std::string TriangleCorrespondenceLog(const KInt4Array& triCorres);
 
 }  // namespace Kavrin

@@ -1,5 +1,7 @@
 #include "KDeformationTransfer.h"
 
+#include <fstream>
+
 #include <maya/MFnDependencyNode.h>
 #include <maya/MFnIntArrayData.h>
 #include <maya/MFnMesh.h>
@@ -14,6 +16,7 @@
 #include "KMayaBase.h"
 #include "KMayaMessageSink.h"
 #include "KPluginRegistration.h"
+#include "KTrianglePairing.h"
 
 const MString KDeformationTransfer::name(Kavrin::kDeformationTransferNode.name);
 const MTypeId KDeformationTransfer::id(Kavrin::kDeformationTransferNode.id);
@@ -141,4 +144,8 @@ MStatus KDeformationTransfer::_writeOutputMesh(MDataBlock& block, const Result& 
         mesh.setVertexNormals(normals, vertices, MSpace::kTransform);
     }
     return block.outputValue(outputMeshObj).set(outData);
+}
+
+void KDeformationTransfer::_writeTriCorresLog() const {
+    std::ofstream("/tmp/triCorres.out") << Kavrin::TriangleCorrespondenceLog(_solver.triCorres());
 }

@@ -38,6 +38,9 @@ private:
     // A copy of the source or target input with the engine's points and normals, set on
     // "outputMesh".
     MStatus _writeOutputMesh(MDataBlock& block, const Kavrin::KDeformationTransferResult& result);
+    // Debugging aid that no path calls: writes the triangle pairing to /tmp/triCorres.out, the
+    // same text as `kavrin transfer --pairing-log`.
+    void _writeTriCorresLog() const;
 
     MObject _self;
     Kavrin::KDeformationTransferSolver _solver;

@@ -1,5 +1,6 @@
 #include "TextFields.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cctype>
 #include <cfloat>
@@ -39,14 +40,19 @@ void WriteTextFile(const std::string& path, const std::string& text) {
         throw KFileError(path + ": cannot write the file (" + std::strerror(reason ? reason : EIO) + ")");
 }
 
+// Decision (behaviour note "What the OBJ reader accepts"): byte-order mark and line ends.
+KTextLines::KTextLines(std::string_view text, std::string name) : _text(text), _name(std::move(name)) {
+    if (_text.substr(0, 3) == "\xEF\xBB\xBF") _text.remove_prefix(3);
+}
+
 bool KTextLines::next(std::string_view& line) {
     if (_at >= _text.size()) return false;
-    const size_t end = _text.find('\n', _at);
+    const size_t end = _text.find_first_of("\r\n", _at);
     const size_t stop = end == std::string_view::npos ? _text.size() : end;
     line = _text.substr(_at, stop - _at);
-    _at = end == std::string_view::npos ? _text.size() : end + 1;
+    _at = stop;
+    if (_at < _text.size()) _at += _text.compare(_at, 2, "\r\n") == 0 ? 2 : 1;
     ++_number;
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
     const size_t comment = line.find('#');
     if (comment != std::string_view::npos) line = line.substr(0, comment);
     return true;
@@ -150,6 +156,35 @@ bool ParseIntegerWord(std::string_view word, const char* what, long long& value,
     value = parsed;
     return true;
 }
+
+namespace {
+
+// "1e+09" -> "1e9", "2.5e-07" -> "2.5e-7".
+std::string PlainExponent(std::string text) {
+    const size_t e = text.find('e');
+    if (e == std::string::npos) return text;
+    std::string exponent = text.substr(e + 1);
+    const bool negative = exponent[0] == '-';
+    if (exponent[0] == '+' || exponent[0] == '-') exponent.erase(0, 1);
+    exponent.erase(0, std::min(exponent.find_first_not_of('0'), exponent.size() - 1));
+    return text.substr(0, e + 1) + (negative ? "-" : "") + exponent;
+}
+
+template <class T>
+std::string Shortest(T value) {
+    // Whole numbers up to a million in full ("100000", not "1e5").
+    if (std::fabs(value) <= T(1e6) && value == std::trunc(value)) return std::to_string(static_cast<long>(value));
+    char buffer[32];
+    const std::to_chars_result r = std::to_chars(buffer, buffer + sizeof(buffer), value);
+    return PlainExponent(std::string(buffer, r.ptr));
+}
+
+}  // namespace
+
+std::string NumberText(double value) { return Shortest(value); }
+std::string NumberText(float value) { return Shortest(value); }
+
+std::string RangeText(double lowest, double highest) { return NumberText(lowest) + " to " + NumberText(highest); }
 
 std::string FirstFew(const std::vector<int>& items, size_t most) {
     std::string out;

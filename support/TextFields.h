@@ -32,11 +32,12 @@ void WriteFormatted(const std::string& path, Format format) {
     WriteTextFile(path, text);
 }
 
-// Lines of a text, numbered from 1, without their line end ("\n" or "\r\n"). Everything from a
-// '#' to the end of the line is a comment and left out.
+// Lines of a text, numbered from 1, without their line end: "\n", "\r\n" or a lone "\r" (old Mac
+// files). A UTF-8 byte-order mark at the start of the text is skipped. Everything from a '#' to
+// the end of the line is a comment and left out.
 class KTextLines {
 public:
-    KTextLines(std::string_view text, std::string name) : _text(text), _name(std::move(name)) {}
+    KTextLines(std::string_view text, std::string name);
 
     // The next line's content (comment removed); false at the end of the text.
     bool next(std::string_view& line);
@@ -75,6 +76,15 @@ bool ParseFloatWord(std::string_view word, double& value, std::string& why);
 // A whole decimal number (optional sign, digits only) within [-2^63, 2^63). False, with why,
 // for anything else; what names what the number is meant to be ("vertex index").
 bool ParseIntegerWord(std::string_view word, const char* what, long long& value, std::string& why);
+
+// A number as messages and help texts show it: whole numbers up to a million in full, others as
+// the shortest text that reads back as the same double, with a plain exponent ("0.3", "-2",
+// "100000", "1e9", "2.5e-7").
+std::string NumberText(double value);
+// The same for a float: the shortest text that reads back as the same float ("0.1", "3e38").
+std::string NumberText(float value);
+// "0 to 1", "-1e9 to 1e9": a closed range as messages show it.
+std::string RangeText(double lowest, double highest);
 
 // "3, 8, 9" for a short list, "3, 8, 9, 12, 15, ..." for a longer one: the first few items of a
 // list a message is about.

@@ -106,7 +106,12 @@ KTextureImage ReadTextureRed(const std::string& path) {
     }
     // Guard (behaviour note "Texture: PNG files that end early")
     if (PngEndsEarly(path)) throw KFileError(path + ": the image could not be read completely (the PNG file ends early)");
-    auto in = OIIO::ImageInput::open(path);
+    // Colours as stored: without this hint the readers of formats with unassociated alpha (PNG,
+    // TGA, some TIFF) multiply the colour by alpha, so red 255 under alpha 0 would read as 0.
+    // Decision (behaviour note "Texture: raw values of channel 0")
+    OIIO::ImageSpec config;
+    config.attribute("oiio:UnassociatedAlpha", 1);
+    auto in = OIIO::ImageInput::open(path, &config);
     if (!in) throw KFileError(path + ": not an image file that can be read" + Why(OIIO::geterror()));
     const OIIO::ImageSpec header = in->spec_dimensions(0);  // sizes, channels and pixel type
     if (header.width < 1 || header.height < 1 || header.nchannels < 1) throw KFileError(path + ": the image holds no pixels");
@@ -138,7 +143,9 @@ void WriteImage(const std::string& path, int width, int height, int channels, co
         bits == 8 ? OIIO::TypeDesc::UINT8 : bits == 16 ? OIIO::TypeDesc::UINT16 : OIIO::TypeDesc::FLOAT;
     auto out = OIIO::ImageOutput::create(path);
     if (!out) throw KFileError(path + ": no image format for this file name" + Why(OIIO::geterror()));
-    const OIIO::ImageSpec header(width, height, channels, type);
+    OIIO::ImageSpec header(width, height, channels, type);
+    // The pixels are written as given, not divided by an alpha channel (the reader's hint above).
+    header.attribute("oiio:UnassociatedAlpha", 1);
     if (!out->open(path, header) || !out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()) || !out->close())
         throw KFileError(path + ": cannot write the image" + Why(out->geterror()));
 }

@@ -40,14 +40,16 @@ private:
 
 // The first channel of the first image in the file: red, or the grey of a one-channel image.
 // Integer formats become 0..1 (255 in an 8-bit file is 1.0), float formats are kept as stored;
-// no colour-space conversion is applied. Throws KFileError naming the file when it cannot be
+// the value is read as stored, not multiplied by an alpha channel, and no colour-space
+// conversion is applied. Throws KFileError naming the file when it cannot be
 // opened, is not an image OpenImageIO reads, holds no pixels, is a volume or deep image, or
 // cannot be read completely.
 KTextureImage ReadTextureRed(const std::string& path);
 
 // Writes width x height pixels of `channels` interleaved values, row by row from the top row, in
 // the format the file name's extension names, with `bits` 8 or 16 (unsigned integers, values
-// clamped to 0..1) or 32 (float). Throws KFileError naming the file on failure.
+// clamped to 0..1) or 32 (float), as given (a fourth channel, alpha, does not scale the others).
+// Throws KFileError naming the file on failure.
 void WriteImage(const std::string& path, int width, int height, int channels, const std::vector<float>& pixels,
                 int bits);
 

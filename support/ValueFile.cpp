@@ -8,7 +8,8 @@
 
 namespace Kavrin {
 
-KArray<double> ParseValues(std::string_view text, const std::string& name, int expectedCount) {
+KArray<double> ParseValues(std::string_view text, const std::string& name, int expectedCount,
+                           const KValueRange* range) {
     KTextLines lines(text, name);
     KArray<double> values;
     std::vector<std::string_view> words;
@@ -21,6 +22,8 @@ KArray<double> ParseValues(std::string_view text, const std::string& name, int e
             throw lines.error("expected one number; this line has " + std::to_string(words.size()) + " values");
         double value = 0.0;
         if (!ParseFloatWord(words[0], value, why)) throw lines.error(why);
+        if (range && !(value >= range->lowest && value <= range->highest))
+            throw lines.error(NumberText(value) + " is outside " + RangeText(range->lowest, range->highest));
         values.push_back(value);
     }
     if (expectedCount >= 0 && values.length() != expectedCount)
@@ -29,8 +32,8 @@ KArray<double> ParseValues(std::string_view text, const std::string& name, int e
     return values;
 }
 
-KArray<double> ReadValues(const std::string& path, int expectedCount) {
-    return ParseValues(ReadTextFile(path), path, expectedCount);
+KArray<double> ReadValues(const std::string& path, int expectedCount, const KValueRange* range) {
+    return ParseValues(ReadTextFile(path), path, expectedCount, range);
 }
 
 // Decision (behaviour note "Values in value files")

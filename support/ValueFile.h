@@ -10,13 +10,20 @@
 
 namespace Kavrin {
 
-// Reads the values. Each line holds exactly one finite number within the range of a float.
-// With expectedCount >= 0 the file must hold exactly that many values. Throws KFileError naming
-// the file and the line (or the counts) on anything else.
-KArray<double> ReadValues(const std::string& path, int expectedCount);
+// The values a file may hold: [lowest, highest].
+struct KValueRange {
+    double lowest;
+    double highest;
+};
+
+// Reads the values. Each line holds exactly one finite number within the range of a float (and
+// within range, when given). With expectedCount >= 0 the file must hold exactly that many values.
+// Throws KFileError naming the file and the line (or the counts) on anything else.
+KArray<double> ReadValues(const std::string& path, int expectedCount, const KValueRange* range = nullptr);
 
 // The same on text already in memory; name stands for the file in messages.
-KArray<double> ParseValues(std::string_view text, const std::string& name, int expectedCount);
+KArray<double> ParseValues(std::string_view text, const std::string& name, int expectedCount,
+                           const KValueRange* range = nullptr);
 
 // Writes one value a line with enough digits to read the same double back. Throws KFileError,
 // writing nothing, when a value is not finite or beyond the range of a float (ReadValues would

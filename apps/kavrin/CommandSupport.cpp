@@ -1,20 +1,13 @@
 #include "CommandSupport.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <charconv>
+#include <algorithm>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <set>
 
 #include "ObjIO.h"
 #include "TextFields.h"
-
-namespace fs = std::filesystem;
 
 namespace Kavrin {
 
@@ -23,49 +16,21 @@ namespace {
 bool gVerbose = false;
 std::vector<std::string> gHeldErrors;
 
-// Throws UsageError unless path can be written as a file: a missing file is created and removed
-// again, an existing one opened for writing without being changed.
-void RequireWritableFile(const std::string& path) {
-    std::error_code ec;
-    if (fs::is_directory(path, ec)) throw UsageError(path + ": is a folder, not a file to write");
-    const fs::path parent = fs::path(path).parent_path();
-    if (!parent.empty() && !fs::is_directory(parent, ec))
-        throw UsageError(path + ": cannot write the file (the folder " + parent.string() + " does not exist)");
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NONBLOCK | O_CLOEXEC, 0666);
-    if (fd >= 0) {
-        ::close(fd);
-        ::unlink(path.c_str());
-        return;
-    }
-    if (errno == EEXIST) fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd >= 0) {
-        ::close(fd);
-        return;
-    }
-    throw UsageError(path + ": cannot write the file (" + std::strerror(errno) + ")");
-}
-
-// Throws UsageError when output names the same file as one of the inputs.
-void RefuseOverwritingInputs(const std::string& output, const std::vector<std::string>& inputs) {
-    for (const std::string& input : inputs) {
-        std::error_code ec;
-        if (fs::equivalent(output, input, ec))
-            throw UsageError(output + ": is also an input; kavrin does not write over its inputs");
-    }
-}
-
-std::string RangeText(int lowest, int highest) { return std::to_string(lowest) + " to " + std::to_string(highest); }
-
 }  // namespace
 
-KPolyMesh LoadMesh(const std::string& path) { return ReadObj(path); }
-
-void SaveMesh(const std::string& path, const KPolyMesh& mesh, const KCornerUVs* uvs) {
-    try {
-        WriteObj(path, mesh, uvs);
-    } catch (const KFileError& e) {
-        throw RunError(e.what());
+KPolyMesh LoadMesh(const std::string& path, KCornerUVs* uvs) {
+    KPolyMesh mesh = ReadObj(path, uvs);
+    // Decision (behaviour note "Coordinates too large to compute with")
+    for (int v = 0; v < mesh.numVertices(); ++v) {
+        const KVector& p = mesh.points[v];
+        if (std::fabs(p.x) > kLargestCoordinate || std::fabs(p.y) > kLargestCoordinate ||
+            std::fabs(p.z) > kLargestCoordinate)
+            throw UsageError(path + ": vertex " + std::to_string(v) + " is at (" + NumberText(p.x) + ", " +
+                             NumberText(p.y) + ", " + NumberText(p.z) + "); coordinates outside " +
+                             RangeText(-kLargestCoordinate, kLargestCoordinate) +
+                             " overflow the engines' single-precision arithmetic");
     }
+    return mesh;
 }
 
 double MillisecondsSince(std::chrono::steady_clock::time_point start) {
@@ -73,11 +38,23 @@ double MillisecondsSince(std::chrono::steady_clock::time_point start) {
 }
 
 void DeformEach(const std::vector<std::string>& inputs, const std::vector<std::string>& outputs,
-                const std::function<KPolyMesh(size_t)>& deform, const std::vector<KCornerUVs>* corners) {
+                const std::function<KPolyMesh(size_t)>& deform, const std::vector<KCornerUVs>* corners,
+                const std::string& resultOf) {
     for (size_t i = 0; i < inputs.size(); ++i) {
         const auto start = std::chrono::steady_clock::now();
         const KPolyMesh result = deform(i);
         const double ms = MillisecondsSince(start);
+        std::vector<int> bad;
+        for (int v = 0; v < result.numVertices(); ++v) {
+            const KVector& p = result.points[v];
+            if (!std::isfinite(p.x) || !std::isfinite(p.y) || !std::isfinite(p.z)) bad.push_back(v);
+        }
+        // Guard (behaviour note "Results that are not finite")
+        if (!bad.empty())
+            throw RunError(inputs[i] + ": " + std::to_string(bad.size()) + (bad.size() == 1 ? " vertex" : " vertices") +
+                           " of " + (resultOf.empty() ? "the result" : "its result (" + resultOf + " deformed)") +
+                           (bad.size() == 1 ? " is" : " are") + " not finite (" + FirstFew(bad) +
+                           ", counting from 0); nothing was written");
         SaveMesh(outputs[i], result, corners ? &(*corners)[i] : nullptr);
         Progress("[%zu/%zu] %s -> %s (%.1f ms)", i + 1, inputs.size(), inputs[i].c_str(), outputs[i].c_str(), ms);
     }
@@ -106,55 +83,6 @@ std::vector<KPolyMesh> LoadPoses(const std::vector<std::string>& paths, const KP
             RequireSameTopology(poses.front(), paths.front(), poses.back(), path);
     }
     return poses;
-}
-
-// Decision (behaviour note "Output paths checked before any work")
-std::vector<std::string> OutputPaths(const std::string& out, const std::vector<std::string>& poses,
-                                     const std::vector<std::string>& otherInputs) {
-    if (out.empty()) throw UsageError("the output path (-o) is empty");
-    std::vector<std::string> inputs = poses;
-    inputs.insert(inputs.end(), otherInputs.begin(), otherInputs.end());
-    std::vector<std::string> paths;
-    std::error_code ec;
-    // A path ending in a slash names a folder, also for one pose.
-    const bool folder = out.back() == '/' || fs::is_directory(out, ec);
-    if (poses.size() == 1 && !folder) {
-        paths.push_back(out);
-    } else {
-        std::set<std::string> names;
-        for (const std::string& pose : poses) {
-            const std::string name = fs::path(pose).filename().string();
-            if (!names.insert(name).second)
-                throw UsageError("two poses are named " + name + "; their results would overwrite each other in " +
-                                 out);
-            paths.push_back((fs::path(out) / name).string());
-        }
-        if (fs::exists(out, ec) && !fs::is_directory(out, ec))
-            throw UsageError(out + ": is a file; with several poses -o names a folder");
-        OutputFolder(out);
-    }
-    for (const std::string& path : paths) {
-        RefuseOverwritingInputs(path, inputs);
-        RequireWritableFile(path);
-    }
-    return paths;
-}
-
-std::string OutputFolder(const std::string& out) {
-    if (out.empty()) throw UsageError("the output path (-o) is empty");
-    std::error_code ec;
-    if (fs::exists(out, ec) && !fs::is_directory(out, ec)) throw UsageError(out + ": is a file, not a folder");
-    fs::create_directories(out, ec);
-    if (!fs::is_directory(out, ec))
-        throw UsageError(out + ": cannot create the output folder" + (ec ? " (" + ec.message() + ")" : ""));
-    return out;
-}
-
-std::string OutputFile(const std::string& out, const std::vector<std::string>& inputs) {
-    if (out.empty()) throw UsageError("the output path (-o) is empty");
-    RefuseOverwritingInputs(out, inputs);
-    RequireWritableFile(out);
-    return out;
 }
 
 std::vector<int> LooseVertices(const KPolyMesh& mesh) {
@@ -196,22 +124,86 @@ CLI::Option* AddCountOption(CLI::App* sub, const std::string& name, int& value, 
 
 namespace {
 
-const CLI::Validator kFiniteNumber(
-    [](std::string& text) -> std::string {
-        double v = 0.0;
-        std::string why;
-        return ParseFloatWord(text, v, why) ? std::string() : why;
-    },
-    "");
+template <class T>
+CLI::Option* NumberOption(CLI::App* sub, const std::string& name, T& value, double lowest, double highest,
+                          const std::string& description) {
+    const std::string range = RangeText(lowest, highest);
+    const CLI::Validator check(
+        [lowest, highest, range](std::string& text) -> std::string {
+            double v = 0.0;
+            std::string why;
+            if (!ParseFloatWord(text, v, why)) return why;
+            if (v < lowest || v > highest) return text + " is outside " + range;
+            return std::string();
+        },
+        "");
+    return sub->add_option(name, value, description + " (" + range + ")")->check(check)->capture_default_str();
+}
 
 }  // namespace
 
-CLI::Option* AddFiniteOption(CLI::App* sub, const std::string& name, float& value, const std::string& description) {
-    return sub->add_option(name, value, description)->check(kFiniteNumber)->capture_default_str();
+CLI::Option* AddNumberOption(CLI::App* sub, const std::string& name, float& value, double lowest, double highest,
+                             const std::string& description) {
+    return NumberOption(sub, name, value, lowest, highest, description);
 }
 
-CLI::Option* AddFiniteOption(CLI::App* sub, const std::string& name, double& value, const std::string& description) {
-    return sub->add_option(name, value, description)->check(kFiniteNumber)->capture_default_str();
+CLI::Option* AddNumberOption(CLI::App* sub, const std::string& name, double& value, double lowest, double highest,
+                             const std::string& description) {
+    return NumberOption(sub, name, value, lowest, highest, description);
+}
+
+CLI::Option* AddChoiceOption(CLI::App* sub, const std::string& name, std::string& value,
+                             const std::vector<std::string>& choices, const std::string& description) {
+    std::string list;
+    for (size_t i = 0; i < choices.size(); ++i)
+        list += (i == 0 ? "" : i + 1 == choices.size() ? " or " : ", ") + choices[i];
+    const CLI::Validator check(
+        [choices, list](std::string& text) -> std::string {
+            for (const std::string& c : choices)
+                if (text == c) return std::string();
+            return Quoted(text) + " is not " + list;
+        },
+        "");
+    return sub->add_option(name, value, description + " (" + list + ")")->check(check)->capture_default_str();
+}
+
+// Decision (behaviour note "Command-line errors in the tool's words")
+std::string ParseErrorText(const CLI::ParseError& error) {
+    // Recognised by their words: the library names some errors after the command, not the kind.
+    const std::string text = error.what();
+    const size_t colon = text.find(": ");
+    const std::string option = colon == std::string::npos ? std::string() : text.substr(0, colon);
+    const auto after = [&text](const char* marker) {
+        const size_t at = text.find(marker);
+        return at == std::string::npos ? std::string() : text.substr(at + std::strlen(marker));
+    };
+    const std::string times = after("At Most 1 required but received ");
+    if (!times.empty()) return option + ": given " + times + " times; give it once";
+    const std::string missing = " missing";
+    if (text.find(" required ") != std::string::npos && text.size() > missing.size() &&
+        text.compare(text.size() - missing.size(), missing.size(), missing) == 0)
+        return option + ": a value is missing";
+    const std::string extras = after(" not expected: ");
+    if (!extras.empty()) {
+        std::string line;
+        for (size_t at = 0; at < extras.size();) {
+            const size_t end = std::min(extras.find(' ', at), extras.size());
+            const std::string word = extras.substr(at, end - at);
+            if (!word.empty())
+                line += (line.empty() ? "" : "; ") +
+                        (word[0] == '-' ? "unknown option " + word : "unexpected argument " + Quoted(word));
+            at = end + 1;
+        }
+        return line;
+    }
+    const size_t excludes = text.find(" excludes ");
+    if (excludes != std::string::npos)
+        return "give " + text.substr(0, excludes) + " or " + text.substr(excludes + 10) + ", not both";
+    const std::string conversion = after("Could not convert: ");
+    const size_t equals = conversion.find(" = ");
+    if (equals != std::string::npos)
+        return conversion.substr(0, equals) + ": " + Quoted(conversion.substr(equals + 3)) + " is not a value it takes";
+    return text;
 }
 
 CLI::Option* AddOutputOption(CLI::App* sub, std::string& out, const std::string& description) {

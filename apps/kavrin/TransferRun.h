@@ -28,6 +28,9 @@ public:
     // The target deformed as the source is in pose (same vertices and faces as the rest source).
     KVectorArray transfer(const KPolyMesh& pose);
 
+    // The triangle pairing: per target triangle, its source triangle in field 0 (-1 for none).
+    const KInt4Array& pairing() const { return _solver.triCorres(); }
+
     // The source as fitted onto the target by the correspondence search ("Source To Target").
     static KVectorArray FitSource(const KPolyMesh& sourceRest, const KPolyMesh& target,
                                   const TransferSettings& settings, KMessageSink& sink);

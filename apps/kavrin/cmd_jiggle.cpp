@@ -7,6 +7,8 @@
 namespace Kavrin {
 
 void AddJiggleCommand(CLI::App& app, std::vector<Command>& commands) {
+    // Frames count from 0; a start frame beyond the frames given leaves them all unchanged.
+    const int kMaxFrame = 1000000;
     struct Options {
         KJiggleAttributes attributes;
         std::string stiffnessMap, dampingMap, normalStrengthMap, weights;
@@ -21,31 +23,30 @@ void AddJiggleCommand(CLI::App& app, std::vector<Command>& commands) {
         "jiggle",
         "Make an animated mesh lag behind and overshoot its motion; the frames are consecutive, the first at time 0, "
         "and share their vertices and faces.");
-    // Decision (behaviour note "kavrin jiggle: option ranges"): the node's hard limits.
-    AddFiniteOption(sub, "--stiffness", a.stiffness, "pull of each point towards its animated position per step")
-        ->check(CLI::Range(0.0f, 1.0f));
-    AddFiniteOption(sub, "--damping", a.damping, "share of the velocity lost per step")->check(CLI::Range(0.0f, 1.0f));
-    AddFiniteOption(sub, "--normal-strength", a.normalStrength,
-                    "how much of the motion along the surface normal is kept (1: all, 0: none)")
-        ->check(CLI::Range(0.0f, 1.0f));
-    AddFiniteOption(sub, "--scale", a.scale, "multiplies the distance limit");
-    AddFiniteOption(sub, "--distance-limit", a.distanceLimit, "farthest a point may lag from its animated position");
-    AddFiniteOption(sub, "--direction-bias", a.directionBias,
-                    "positive: pull back points that lag behind the surface; negative: push them further")
-        ->check(CLI::Range(-1.0f, 1.0f));
-    AddFiniteOption(sub, "--time-scale", a.timeScale, "simulation step per frame")->check(CLI::NonNegativeNumber);
-    sub->add_option("--start-frame", a.startFrame,
-                    "frames at or before this one are written unchanged; above 0, so is the next (the clock, "
-                    "which stood still, jumps)")
-        ->capture_default_str();
+    // Decision (behaviour note "kavrin jiggle: option ranges")
+    AddNumberOption(sub, "--stiffness", a.stiffness, 0, 1, "pull of each point towards its animated position per step");
+    AddNumberOption(sub, "--damping", a.damping, 0, 1, "share of the velocity lost per step");
+    AddNumberOption(sub, "--normal-strength", a.normalStrength, 0, 1,
+                    "how much of the motion along the surface normal is kept (1: all, 0: none)");
+    AddNumberOption(sub, "--scale", a.scale, 0, kLargestCoordinate, "multiplies the distance limit");
+    AddNumberOption(sub, "--distance-limit", a.distanceLimit, 0, kLargestCoordinate,
+                    "farthest a point may lag from its animated position");
+    AddNumberOption(sub, "--direction-bias", a.directionBias, -1, 1,
+                    "positive: pull back points that lag behind the surface; negative: push them further");
+    AddNumberOption(sub, "--time-scale", a.timeScale, 0, 1,
+                    "simulation step per frame (above 1 the velocity could grow with every step)");
+    AddCountOption(sub, "--start-frame", a.startFrame, -kMaxFrame, kMaxFrame,
+                   "frames at or before this one are written unchanged; above 0, so is the next (the clock, which "
+                   "stood still, jumps)");
     sub->add_flag("--more-accurate-tangent", a.moreAccurateTangent,
                   "snap flattened points back onto the surface (slower)");
-    sub->add_option("--stiffness-map", options->stiffnessMap, "per-vertex stiffness factors, one a line");
-    sub->add_option("--damping-map", options->dampingMap, "per-vertex damping factors, one a line");
+    sub->add_option("--stiffness-map", options->stiffnessMap, "per-vertex stiffness factors (0 to 1), one a line");
+    sub->add_option("--damping-map", options->dampingMap, "per-vertex damping factors (0 to 1), one a line");
     sub->add_option("--normal-strength-map", options->normalStrengthMap,
-                    "per-vertex normal-strength factors, one a line");
+                    "per-vertex normal-strength factors (0 to 1), one a line");
     sub->add_option("--weights", options->weights, "per-vertex deformer weights, one a line (0 keeps the input)");
-    AddFiniteOption(sub, "--envelope", options->envelope, "blend of the jiggled result (below 1e-30: off)");
+    AddNumberOption(sub, "--envelope", options->envelope, kEnvelopeLowest, kEnvelopeHighest,
+                    "blend of the jiggled result (below 1e-30: off)");
     AddThreadsOption(sub, options->threads);
     sub->add_option("frames", options->frames, "the mesh at consecutive frames (OBJ)")->required();
     AddOutputOption(sub, options->out, "output file for one frame, else output folder");
@@ -54,9 +55,11 @@ void AddJiggleCommand(CLI::App& app, std::vector<Command>& commands) {
         const std::vector<KPolyMesh> frames = LoadPoses(options->frames);
         const int nv = frames.front().numVertices();
         KJiggleAttributes attributes = options->attributes;
-        const auto readMap = [nv](const std::string& path, bool& has, KArray<double>& values) {
+        // Factors of attributes that take 0 to 1.
+        const KValueRange unit{0.0, 1.0};
+        const auto readMap = [nv, &unit](const std::string& path, bool& has, KArray<double>& values) {
             if (path.empty()) return;
-            values = ReadValues(path, nv);
+            values = ReadValues(path, nv, &unit);
             has = true;
         };
         readMap(options->stiffnessMap, attributes.hasStiffnessMap, attributes.stiffnessMap);

@@ -70,10 +70,13 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
     CLI::Option* texture = sub->add_option(
         "--texture", options->texture,
         "image (PNG, TIFF, OpenEXR, ...) whose red channel is sampled at each vertex's UV, bilinearly, repeating");
-    CLI::Option* red =
-        AddFiniteOption(sub, "--red", options->red, "one red value for every vertex instead of an image");
-    AddFiniteOption(sub, "--scale", options->scale, "displacement per unit of red (negative pushes inwards)");
-    AddFiniteOption(sub, "--envelope", options->envelope, "multiplies the displacement");
+    // Decision (behaviour note "Offset command: option ranges")
+    CLI::Option* red = AddNumberOption(sub, "--red", options->red, -kLargestCoordinate, kLargestCoordinate,
+                                       "one red value for every vertex instead of an image");
+    AddNumberOption(sub, "--scale", options->scale, -kLargestCoordinate, kLargestCoordinate,
+                    "displacement per unit of red (negative pushes inwards)");
+    AddNumberOption(sub, "--envelope", options->envelope, kEnvelopeLowest, kEnvelopeHighest,
+                    "multiplies the displacement");
     sub->add_option("--weights", options->weights, "per-vertex weights, one value a line");
     sub->add_option("--uv-set", options->uvSet, "UV set to sample (an OBJ file holds one, map1)")
         ->capture_default_str();
@@ -94,7 +97,7 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
         std::vector<KVertexUVs> uvs;
         for (const std::string& path : options->meshes) {
             corners.emplace_back();
-            meshes.push_back(ReadObj(path, &corners.back()));
+            meshes.push_back(LoadMesh(path, &corners.back()));
             uvs.push_back(VertexUVs(meshes.back(), corners.back()));
             if (useTexture && uvs.back().missing == meshes.back().numVertices())
                 throw UsageError(path + ": the mesh has no texture coordinates; --texture samples the image at each "

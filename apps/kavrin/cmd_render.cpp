@@ -31,15 +31,12 @@ void AddRenderCommand(CLI::App& app, std::vector<Command>& commands) {
         "grey for 0, then yellow and orange, red at the range.");
     sub->add_option("--reference", options->reference,
                     "mesh (OBJ) the distances are measured from; meshes of another vertex count are drawn grey");
-    AddFiniteOption(sub, "--range", options->range,
-                    "the distance drawn red, 0 or more; 0: the largest distance of any vertex")
-        ->check(CLI::NonNegativeNumber);
+    AddNumberOption(sub, "--range", options->range, 0.0, kLargestCoordinate,
+                    "the distance drawn red; 0: the largest distance of any vertex");
     // Decision (behaviour note "kavrin render: picture size")
     AddCountOption(sub, "--width", options->width, kPictureMinSize, kPictureMaxSize, "picture width in pixels");
     AddCountOption(sub, "--height", options->height, kPictureMinSize, kPictureMaxSize, "picture height in pixels");
-    sub->add_option("--up", options->up, "the meshes' up axis: y (as in Maya) or z")
-        ->check(CLI::IsMember({"y", "z"}))
-        ->capture_default_str();
+    AddChoiceOption(sub, "--up", options->up, {"y", "z"}, "the meshes' up axis (y as in Maya)");
     sub->add_option("meshes", options->meshes, "meshes (OBJ), drawn left to right")->required();
     AddOutputOption(sub, options->out, "the picture (a .png file)");
 

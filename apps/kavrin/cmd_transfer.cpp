@@ -1,16 +1,63 @@
 // kavrin transfer: carries source poses onto a target mesh of the same or another topology.
 
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
 
 #include "CommandSupport.h"
+#include "KTrianglePairing.h"
 #include "MarkerFile.h"
+#include "TextFields.h"
 #include "TransferRun.h"
 
 namespace Kavrin {
 
+namespace {
+
+// Closest-point iterations of the fit. Each refactors and solves the fit's equations, 7 to 11 s on
+// a source of 200,000 vertices (2 cores), so 30 take about five minutes there; more would add
+// little, since the closest points are found once and the iterations only pull harder towards
+// them (the pull at iteration i is 10 i).
+// Decision (behaviour note "Transfer options on the command line")
+const int kMaxFitIterations = 30;
+
+// The transfer's console: the fit's iterations also as the command's own progress lines, and the
+// engine's warning about the calculation mode with the command line's advice.
+class TransferConsole : public ConsoleSink {
+public:
+    explicit TransferConsole(int iterations)
+        : ConsoleSink("kavrin transfer"), _iterations(iterations), _start(std::chrono::steady_clock::now()) {}
+
+    void warning(const std::string& message) override {
+        ConsoleSink::warning(message == kDtModeMayBeInaccurate
+                                 ? message + " The meshes have the same vertex count; --mode same may fit better."
+                                 : message);
+    }
+
+    void output(const std::string& text) override {
+        ConsoleSink::output(text);
+        const size_t at = text.find(kDtIterationCount);
+        if (at == std::string::npos) return;
+        const int iteration = std::atoi(text.c_str() + at + std::char_traits<char>::length(kDtIterationCount));
+        Progress("fit iteration %d of %d (%.1f s)", iteration, _iterations, MillisecondsSince(_start) / 1000.0);
+    }
+
+private:
+    int _iterations;
+    std::chrono::steady_clock::time_point _start;
+};
+
+// Whether two paths name the same place (also when neither exists yet).
+bool SamePlace(const std::string& a, const std::string& b) {
+    namespace fs = std::filesystem;
+    return fs::absolute(a).lexically_normal() == fs::absolute(b).lexically_normal();
+}
+
+}  // namespace
+
 void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
     struct Options {
-        std::string sourceRest, target, markers, mode = "different", aim = "transfer", out;
+        std::string sourceRest, target, markers, mode = "different", aim = "transfer", out, pairingLog;
         std::pair<int, int> fixed{0, 0};
         int iterations = 5;
         int threads = 0;
@@ -26,17 +73,28 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
     sub->add_option("--markers", options->markers,
                     "marker pairs: one 'source-index target-index' pair a line, zero-based")
         ->required();
+    const CLI::Validator vertexIndex(
+        [](std::string& text) -> std::string {
+            long long v = 0;
+            std::string why;
+            if (!ParseIntegerWord(text, "vertex index", v, why) || v < 0)
+                return (why.empty() ? Quoted(text) + " is not a vertex index" : why) + " (--fixed takes two, SRC TRG)";
+            return std::string();
+        },
+        "");
     CLI::Option* fixed =
-        sub->add_option("--fixed", options->fixed, "fixed source and target vertex (default: the first marker pair)");
-    sub->add_option("--mode", options->mode, "'same' or 'different' topology")
-        ->check(CLI::IsMember({"same", "different"}))
-        ->capture_default_str();
-    AddCountOption(sub, "--iterations", options->iterations, 0, 32767,
+        sub->add_option("--fixed", options->fixed,
+                        "fixed source and target vertex (each 0 to its mesh's vertex count - 1; default: the first "
+                        "marker pair)")
+            ->check(vertexIndex);
+    AddChoiceOption(sub, "--mode", options->mode, {"same", "different"}, "topology of the meshes");
+    AddCountOption(sub, "--iterations", options->iterations, 0, kMaxFitIterations,
                    "closest-point iterations of the fitting; 1 or more with --aim source-to-target");
-    sub->add_option("--aim", options->aim,
-                    "'transfer' the poses, or write the source fitted onto the target ('source-to-target')")
-        ->check(CLI::IsMember({"transfer", "source-to-target"}))
-        ->capture_default_str();
+    AddChoiceOption(sub, "--aim", options->aim, {"transfer", "source-to-target"},
+                    "transfer the poses, or write the source fitted onto the target");
+    sub->add_option("--pairing-log", options->pairingLog,
+                    "also write the triangle pairing there, as the lines 'select -r young.f[T] old.f[S];' (T a "
+                    "target triangle, S its source triangle or -1)");
     AddThreadsOption(sub, options->threads);
     sub->add_option("poses", options->poses, "source poses (OBJ), same vertices and faces as the rest source");
     AddOutputOption(sub, options->out, "output file for one result, else output folder");
@@ -65,7 +123,10 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
         // Decision (behaviour note "Transfer options on the command line")
         if (fitOnly && options->iterations == 0)
             throw UsageError("--iterations: 0 with --aim source-to-target: the fitted source is only written after "
-                             "an iteration, so the file would have no vertices; use 1 to 32767");
+                             "an iteration, so the file would have no vertices; use 1 to " +
+                             std::to_string(kMaxFitIterations));
+        if (fitOnly && !options->pairingLog.empty())
+            throw UsageError("--pairing-log: --aim source-to-target pairs no triangles");
         // Decision (behaviour note "Vertices in no face")
         std::vector<int> unplaced;
         std::vector<char> marked(static_cast<size_t>(source.numVertices()), 0);
@@ -80,30 +141,45 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
                                 "the transfer cannot place such a vertex (its equations would be singular)");
         const std::vector<std::string> inputs = {options->sourceRest, options->target, options->markers};
         settings.threads = options->threads;
-        ConsoleSink sink("kavrin transfer");
+        TransferConsole console(options->iterations);
 
         if (fitOnly) {
             if (!options->poses.empty()) throw UsageError("--aim source-to-target takes no poses");
             const std::string out = OutputFile(options->out, inputs);
             KPolyMesh fitted = source;
-            fitted.points = TransferRun::FitSource(source, target, settings, sink);
+            fitted.points = TransferRun::FitSource(source, target, settings, console);
             SaveMesh(out, fitted);
             Progress("fitted source -> %s", out.c_str());
             return;
         }
         if (options->poses.empty()) throw UsageError("no poses to transfer");
         const std::vector<KPolyMesh> poses = LoadPoses(options->poses, &source, options->sourceRest);
-        const std::vector<std::string> outputs = OutputPaths(options->out, options->poses, inputs);
+        const std::vector<std::string> outputs = OutputPaths(options->out, options->poses, inputs, options->target);
+        if (!options->pairingLog.empty()) {
+            std::vector<std::string> notOver = inputs;
+            notOver.insert(notOver.end(), options->poses.begin(), options->poses.end());
+            OutputFile(options->pairingLog, notOver);
+            for (const std::string& output : outputs)
+                if (SamePlace(output, options->pairingLog))
+                    throw UsageError("--pairing-log: " + options->pairingLog + " is also where a result goes");
+        }
 
         const auto start = std::chrono::steady_clock::now();
         Progress("fitting the source onto the target, pairing triangles, factoring ...");
-        TransferRun run(source, target, settings, sink);
+        TransferRun run(source, target, settings, console);
         Progress("built in %.2f s", MillisecondsSince(start) / 1000.0);
-        DeformEach(options->poses, outputs, [&](size_t i) {
-            KPolyMesh result = target;
-            result.points = run.transfer(poses[i]);
-            return result;
-        });
+        if (!options->pairingLog.empty()) {
+            SaveText(options->pairingLog, TriangleCorrespondenceLog(run.pairing()));
+            Progress("triangle pairing -> %s", options->pairingLog.c_str());
+        }
+        DeformEach(
+            options->poses, outputs,
+            [&](size_t i) {
+                KPolyMesh result = target;
+                result.points = run.transfer(poses[i]);
+                return result;
+            },
+            nullptr, options->target);
     }});
 }
 

@@ -32,18 +32,21 @@ void AddWrapCommand(CLI::App& app, std::vector<Command>& commands) {
         const KPolyMesh mesh = LoadMesh(options->mesh);
         const std::vector<KPolyMesh> poses = LoadPoses(options->poses, &driver, options->driver);
         const std::vector<std::string> outputs =
-            OutputPaths(options->out, options->poses, {options->driver, options->mesh});
+            OutputPaths(options->out, options->poses, {options->driver, options->mesh}, options->mesh);
 
         ConsoleSink sink("kavrin wrap");
         const auto start = std::chrono::steady_clock::now();
         WrapRun run(driver, mesh, options->threads, sink);
         Progress("bound %d points to %d driver triangles (%.1f ms)", run.boundPoints(), run.driverTriangles(),
                  MillisecondsSince(start));
-        DeformEach(options->poses, outputs, [&](size_t i) {
-            KPolyMesh result = mesh;
-            result.points = run.deform(poses[i]);
-            return result;
-        });
+        DeformEach(
+            options->poses, outputs,
+            [&](size_t i) {
+                KPolyMesh result = mesh;
+                result.points = run.deform(poses[i]);
+                return result;
+            },
+            nullptr, options->mesh);
     }});
 }
 

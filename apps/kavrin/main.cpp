@@ -1,5 +1,6 @@
 // kavrin: runs the toolkit's deformation engines on mesh files.
 
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -54,6 +55,9 @@ std::string CommandNames(const std::vector<Command>& commands) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // A file-size limit makes a write fail with its reason (and the run fail cleanly) instead of
+    // ending the process half-way.
+    std::signal(SIGXFSZ, SIG_IGN);
     CLI::App app(
         "kavrin: mesh deformation on OBJ files (delta mush, deformation transfer, wrap, jiggle, relaxation, offset) "
         "and pictures of meshes",
@@ -93,7 +97,7 @@ int main(int argc, char** argv) {
         std::string who = "kavrin";
         for (const Command& command : commands)
             if (command.app->parsed()) who = "kavrin " + command.app->get_name();
-        std::string message = e.what();
+        std::string message = ParseErrorText(e);
         if (who == "kavrin" && e.get_name() == "RequiredError" && app.get_subcommands().empty())
             message = "a command is required: " + CommandNames(commands);
         return Fail(who, OneLine(message) + " (see '" + who + " --help')", kExitBadInput);
@@ -103,18 +107,25 @@ int main(int argc, char** argv) {
     for (const Command& command : commands) {
         if (!command.app->parsed()) continue;
         const std::string name = "kavrin " + command.app->get_name();
+        // A failed run leaves every output as it was: what it wrote goes.
+        // Decision (behaviour note "Nothing half-written")
+        const auto failed = [&name](const std::string& message, int status) {
+            DiscardOutputs();
+            return Fail(name, message, status);
+        };
         try {
             command.run();
+            CommitOutputs();
         } catch (const KFileError& e) {
-            return Fail(name, e.what(), kExitBadInput);
+            return failed(e.what(), kExitBadInput);
         } catch (const UsageError& e) {
-            return Fail(name, e.what(), kExitBadInput);
+            return failed(e.what(), kExitBadInput);
         } catch (const RunError& e) {
-            return Fail(name, e.what(), kExitFailedRun);
+            return failed(e.what(), kExitFailedRun);
         } catch (const std::bad_alloc&) {
-            return Fail(name, "out of memory", kExitFailedRun);
+            return failed("out of memory", kExitFailedRun);
         } catch (const std::exception& e) {
-            return Fail(name, e.what(), kExitFailedRun);
+            return failed(e.what(), kExitFailedRun);
         }
         // Errors an engine reported on the way without failing the run.
         for (const std::string& line : TakeHeldErrors()) std::fprintf(stderr, "%s\n", OneLine(line).c_str());

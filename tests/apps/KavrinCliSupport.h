@@ -39,6 +39,8 @@ protected:
                           ::testing::UnitTest::GetInstance()->current_test_info()->name());
     // Words put before every run's arguments (a fixture for one command sets its name).
     std::string command;
+    // A program that starts the tool (prlimit with its options, say), or nothing.
+    std::string launcher;
     void SetUp() override {
         fs::remove_all(dir);
         fs::create_directories(dir);
@@ -48,7 +50,7 @@ protected:
     // Runs kavrin with args (shell words) in the test's folder.
     Outcome run(const std::string& args) const {
         const fs::path out = dir / "stdout.txt", err = dir / "stderr.txt";
-        const int raw = std::system(("cd " + dir.string() + " && " + std::string(KAVRIN_BINARY_DIR) +
+        const int raw = std::system(("cd " + dir.string() + " && " + launcher + std::string(KAVRIN_BINARY_DIR) +
                                      "/apps/kavrin/kavrin " + command + args + " >" + out.string() + " 2>" + err.string())
                                         .c_str());
         return Outcome{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, Slurp(out), Slurp(err)};

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "KavrinCliSupport.h"
 #include "MeshGenerators.h"
@@ -46,9 +47,24 @@ TEST_F(KavrinCli, TransferPlacesTheTargetOnTheSourcePosesFixedVertex) {
                              " --iterations 1 ";
 
     // The engine's own progress lines only with --verbose; the command's own always.
-    Outcome r = run(args + m + " -o " + path("out.obj"));
+    Outcome r = run(args + "--pairing-log " + path("pairs.txt") + " " + m + " -o " + path("out.obj"));
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out.find("Current time:"), std::string::npos) << r.out;
+    // The pairing log: one MEL selection per target triangle, in order, of its source triangle.
+    std::istringstream log(Slurp(path("pairs.txt")));
+    std::string line;
+    int lines = 0, paired = 0;
+    const int sourceTriangles = Triangulated(source).numTriangles();
+    while (std::getline(log, line)) {
+        const std::string head = "select -r young.f[" + std::to_string(lines++) + "] old.f[";
+        ASSERT_EQ(line.rfind(head, 0), 0u) << line;
+        ASSERT_EQ(line.substr(line.size() - 2), "];") << line;
+        const int s = std::stoi(line.substr(head.size()));
+        EXPECT_TRUE(s >= -1 && s < sourceTriangles) << line;
+        paired += s >= 0;
+    }
+    EXPECT_EQ(lines, Triangulated(target).numTriangles());
+    EXPECT_GT(paired, lines * 9 / 10) << "nearly every triangle finds its partner";
     EXPECT_NE(r.out.find("built in "), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("[1/1] " + m + " -> " + path("out.obj")), std::string::npos) << r.out;
     r = run(args + "--verbose " + m + " -o " + path("out.obj"));
@@ -77,9 +93,20 @@ TEST_F(KavrinCli, HelpOnEveryCommandShowsRangesAndDemoSaysWhatItMeasures) {
             EXPECT_NE(r.out.find(text), std::string::npos) << command << ": " << text << "\n" << r.out;
         }
     }
-    EXPECT_NE(run("render --help").out.find("picture width in pixels (16 to 2048)"), std::string::npos);
-    EXPECT_NE(run("deltamush --help").out.find("smoothing sweeps (1 to 100000)"), std::string::npos);
-    EXPECT_NE(run("transfer --help").out.find("(0 to 32767)"), std::string::npos);
+    // Every number option shows its range.
+    const struct {
+        const char* command;
+        const char* text;
+    } ranges[] = {{"deltamush", "smoothing sweeps (1 to 10000)"},
+                  {"deltamush", "deforms fully (-2 to 2)"},
+                  {"transfer", "source-to-target (0 to 30)"},
+                  {"transfer", "(same or different)"},
+                  {"jiggle", "distance limit (0 to 1e9)"},
+                  {"jiggle", "(-1000000 to 1000000)"},
+                  {"relax", "does not move (0 to 1)"},
+                  {"offset", "inwards) (-1e9 to 1e9)"},
+                  {"render", "picture width in pixels (16 to 2048)"}};
+    for (const auto& r : ranges) EXPECT_NE(run(std::string(r.command) + " --help").out.find(r.text), std::string::npos) << r.text;
     EXPECT_EQ(run("--version").out, "kavrin " KAVRIN_VERSION "\n");  // its status is in the status table
 
     const Outcome r = run("demo -o " + path("demo"));

@@ -87,7 +87,7 @@ TEST_F(KavrinRelaxCli, BadInputAndFailedBindsAreOneLine) {
         {"--rest " + rest + " --collider " + ball + " --collider-map " + values("short.txt", 35, 1) + " " + rest + o, 2,
          "short.txt"},
         {"--rest " + rest + " --stiffness 0.5 --stiffness-map " + values("s.txt", 36, 1) + " " + rest + o, 2,
-         "excludes"},
+         "give --stiffness or --stiffness-map, not both"},
         {"--rest " + rest + " --iterations -1 " + rest + o, 2, "--iterations"},
         {"--rest " + rest + " --collision-steps 0 " + rest + o, 2, "--collision-steps"},
         {"--rest " + rest + " " + save("other.obj", MakeDetailedGrid(5, 1.0f)) + o, 2, "vertices"},

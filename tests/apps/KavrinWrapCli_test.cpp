@@ -33,13 +33,14 @@ TEST_F(KavrinWrapCli, FollowsEachDriverPose) {
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(r.err.empty()) << r.err;
     EXPECT_EQ(r.out.rfind("bound 625 points to 50 driver triangles (", 0), 0u) << r.out;
-    EXPECT_NE(r.out.find("[2/2] " + up + " -> " + path("out/up.obj")), std::string::npos) << r.out;
+    // The results are the mesh, named after it and the driver pose.
+    EXPECT_NE(r.out.find("[2/2] " + up + " -> " + path("out/mesh-from-up.obj")), std::string::npos) << r.out;
     const Outcome verbose = run("wrap --verbose --driver " + driverFile + " --mesh " + meshFile + " " + rest + " -o " +
                                 path("verbose.obj"));
     EXPECT_EQ(verbose.out.rfind("0\nbound 625 points", 0), 0u) << "with --verbose, the bind's trace comes first"
                                                                 << verbose.out;
 
-    const KPolyMesh same = ReadObj(path("out/rest.obj")), moved = ReadObj(path("out/up.obj"));
+    const KPolyMesh same = ReadObj(path("out/mesh-from-rest.obj")), moved = ReadObj(path("out/mesh-from-up.obj"));
     EXPECT_EQ(same.faceVertices, mesh.faceVertices) << "the mesh's own faces are written";
     ASSERT_EQ(moved.numVertices(), mesh.numVertices());
     for (int i = 0; i < mesh.numVertices(); ++i) {

@@ -103,7 +103,9 @@ TEST(MarkingSession, FixedTextsCommandFormatsAndTheRay) {
         const char* text;
     } rows[] = {{KVector(0.1f, 1.0f, -2.5f), "setAttr KDTPoint3.position 0.1 1 -2.5"},
                 {KVector(16777216.0f, 1e-7f, 0.0f), "setAttr KDTPoint3.position 16777216 1e-07 0"},
-                {KVector(1.0f / 3.0f, 123456.79f, -0.0f), "setAttr KDTPoint3.position 0.33333334 123456.79 -0"}};
+                {KVector(1.0f / 3.0f, 123456.79f, -0.0f), "setAttr KDTPoint3.position 0.33333334 123456.79 -0"},
+                // Nine significant digits, the most a float needs ("127.99998" is another float).
+                {KVector(127.999985f, 0.0f, 1.0f), "setAttr KDTPoint3.position 127.999985 0 1"}};
     for (const auto& r : rows) EXPECT_EQ(MarkingPlaceMarkerCommand("KDTPoint3", r.p), r.text);
 
     // The ray through a pixel: homogeneous points made Cartesian, a direction too short to
@@ -158,6 +160,14 @@ TEST(MarkingSession, SetUpMarksTheStoredPairs) {
           kCreate, "setAttr KDTPoint1.position 0 0.5 1.5", kCreate},
          {3},
          {9}},
+        // Likewise a source vertex one past the last.
+        {{9, 2},
+         {kLs, "getAttr KDeformationTransfer1.vertCorres",
+          "error: KDTMarkCtx: stored correspondence pair 0 (9, 2) names a vertex outside the meshes (source 9 "
+          "vertices, target 9); its markers were not placed.",
+          kCreate, kCreate, "setAttr KDTPoint2.position 11 0 1.5"},
+         {9},
+         {2}},
         // No node: nothing stored to read.
         {{1, 2}, {kLs}, {}, {}, {}}};
     for (const auto& c : cases) {

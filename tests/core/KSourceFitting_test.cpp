@@ -172,4 +172,40 @@ TEST(SourceFitting, SingularFitsNameTheirCause) {
                                      std::to_string(tri[2]) + ") has no area, so the source fit is singular" + search);
         EXPECT_TRUE(fit.libraryReport().empty());
     }
+    // A source 1e20 across: no triangle lacks area, but every edge cross product overflows a
+    // float, so the first triangle is named as too large, not as flat.
+    KTriMesh huge = TriangulatedIcosphere(1);
+    for (KVector& p : huge.points) p *= 1e20f;
+    KSourceFitting fit;
+    EXPECT_FALSE(fit.fit(huge, target, Pairs({{0, 0}}), 1, 1, nullptr));
+    const KInt3& t0 = huge.triangles[0];
+    EXPECT_EQ(fit.failure(), "KDeformationTransfer: source triangle 0 (vertices " + std::to_string(t0[0]) + ", " +
+                                 std::to_string(t0[1]) + ", " + std::to_string(t0[2]) +
+                                 ") is too large to compute with (its edges' cross product overflows single "
+                                 "precision), so the source fit cannot be formed" + search);
+}
+
+TEST(SourceFitting, PartsWithoutAMarkerStayWhereTheyAreUntilTheClosestPointsPull) {
+    // A sphere with two pairs, plus two shells no pair touches: one triangle (vertices 42-44) and
+    // a flat pentagon split into a fan (45-49). Without a pin the first solve would leave each
+    // shell's place open; its lowest vertex holds it where it is.
+    KTriMesh source = TriangulatedIcosphere(1);
+    for (const KVector& p : {KVector(3, 0, 0), KVector(3.5f, 0, 0), KVector(3, 0.5f, 0)}) source.points.push_back(p);
+    for (int k = 0; k < 5; ++k)
+        source.points.push_back(KVector(0.3f * std::cos(1.2566371f * k), 0.3f * std::sin(1.2566371f * k), 4.0f));
+    source.triangles.push_back(KInt3{42, 43, 44});
+    for (int k = 1; k < 4; ++k) source.triangles.push_back(KInt3{45, 45 + k, 46 + k});
+    const KTriMesh target = TriangulatedIcosphere(2, 0.05f, 3);
+    const KInt2Array pairs = Pairs({{0, 0}, {11, 11}});
+
+    KSourceFitting fit;
+    ASSERT_TRUE(fit.prepare(source, target, pairs, 1)) << fit.failure();
+    EXPECT_EQ(fit.anchors(), (KIntArray{42, 45}));
+    KSourceFitting::Weights first;
+    first.anchor = 1.0;
+    ASSERT_TRUE(fit.assemble(first) && fit.solve()) << fit.failure();
+    for (int v = 42; v < 50; ++v) EXPECT_LT((fit.points()[v] - source.points[v]).length(), 1e-5f) << v;
+    // The whole fit then pulls them onto the target like any other vertex.
+    ASSERT_TRUE(fit.fit(source, target, pairs, 3, 1, nullptr)) << fit.failure();
+    for (int v = 42; v < 50; ++v) EXPECT_LT(fit.points()[v].length(), 1.2f) << v;
 }

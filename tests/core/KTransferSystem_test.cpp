@@ -101,6 +101,9 @@ TEST(TransferSystem, RefusedBuildsAndSolvesSayWhy) {
     int firstFlat = 0;
     while (!has(firstFlat, t6[1]) || !has(firstFlat, t6[2])) ++firstFlat;
     const KInt3 tf = flat.triangles[firstFlat];
+    KTriMesh huge = target;  // no triangle lacks area, every cross product overflows a float
+    for (KVector& p : huge.points) p *= 1e20f;
+    const KInt3 t0 = huge.triangles[0];
     const KInt4Array none = Uniform(320, KInt4{-1, -1, -1, 0});
     KInt4Array negative = none, missing = none;
     negative[4] = KInt4{-1, -1, -1, -1};  // no rows: its fourth vertex is in no equation
@@ -121,7 +124,12 @@ TEST(TransferSystem, RefusedBuildsAndSolvesSayWhy) {
         {&flat, none,
          "KDeformationTransfer: target triangle " + std::to_string(firstFlat) + " (vertices " +
              std::to_string(tf[0]) + ", " + std::to_string(tf[1]) + ", " + std::to_string(tf[2]) +
-             ") has no area, so the transfer system is singular" + kNotBuilt}};
+             ") has no area, so the transfer system is singular" + kNotBuilt},
+        {&huge, none,
+         "KDeformationTransfer: target triangle 0 (vertices " + std::to_string(t0[0]) + ", " + std::to_string(t0[1]) +
+             ", " + std::to_string(t0[2]) +
+             ") is too large to compute with (its edges' cross product overflows single precision), so the transfer "
+             "system cannot be formed" + kNotBuilt}};
     for (const auto& c : cases) {
         KTransferSystem system;
         EXPECT_FALSE(system.build(source, *c.target, c.pairing, 1));

@@ -110,3 +110,11 @@ TEST(TrianglePairing, AngleLimitAndRadiusJustInsideAndJustOutside) {
         }
     }
 }
+
+TEST(TrianglePairing, TheLogSelectsEachTargetFaceWithItsSourceFace) {
+    KInt4Array pairing;
+    for (const KInt4& entry : {KInt4{5, -1, -1, 1}, KInt4{-1, -1, -1, 0}, KInt4{12, -1, -1, 1}}) pairing.push_back(entry);
+    EXPECT_EQ(TriangleCorrespondenceLog(pairing),
+              "select -r young.f[0] old.f[5];\nselect -r young.f[1] old.f[-1];\nselect -r young.f[2] old.f[12];\n");
+    EXPECT_EQ(TriangleCorrespondenceLog(KInt4Array()), "");
+}

@@ -45,6 +45,12 @@ TEST(MeshConversion, CornersTakeTheirFaceUVsAndDisagreeingArraysAreRefused) {
              m.uvIds = KIntArray{0, 1, 2, 3};
          },
          {0, 1, 3, 1, 2, 3, -1, -1, -1, -1, -1, -1}},
+        // Face 0 without UVs, face 1 with them: face 1 reads its own ids from the start.
+        {[](Mesh& m) {
+             m.uvCounts = KIntArray{0, 4};
+             m.uvIds = KIntArray{4, 5, 6, 7};
+         },
+         {-1, -1, -1, -1, -1, -1, 4, 5, 6, 4, 6, 7}},
         {[](Mesh& m) { m.uvIds = KIntArray{0, 99, 2, -1, 4, 5, 6, 7}; }, {0, -1, 2, 0, 2, -1, 4, 5, 6, 4, 6, 7}},
         {[](Mesh& m) { m.uvIds = KIntArray{0, 1, 2}; }, {}},
         {[](Mesh& m) { m.perFace = KIntArray{3, 2}; }, {}},

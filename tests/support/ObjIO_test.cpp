@@ -46,8 +46,15 @@ TEST(ObjIO, ReadsOrderPolygonsWindingAndWhatExportersAdd) {
     EXPECT_EQ(mesh.faceVertices, (KIntArray{0, 1, 2, 3, 2, 1, 4, 2, 4, 1, 0, 2, 3}));
     EXPECT_EQ(uvs.corners, (KIntArray{-1, -1, -1, -1, 0, 1, 2, 2, 1, 0, -1, -1, -1}));
     EXPECT_EQ(uvs.uvs, (KArray<KFloat2>{KFloat2{0.25f, 0.75f}, KFloat2{1.0f, 1.0f}, KFloat2{0.75f, 0.125f}}));
-    // Without uvs asked for, the same text reads to the same mesh.
+    // Without uvs asked for, the same text reads to the same mesh; so it does with a UTF-8
+    // byte-order mark in front and old Mac line ends (a lone carriage return).
     EXPECT_EQ(ParseObj(text, "m.obj").faceVertices, mesh.faceVertices);
+    std::string mac;
+    for (size_t i = 0; i < text.size(); ++i)
+        if (text[i] != '\n' || i == 0 || text[i - 1] != '\r') mac += text[i] == '\n' ? '\r' : text[i];
+    const KPolyMesh again = ParseObj("\xEF\xBB\xBF" + mac, "m.obj");
+    EXPECT_EQ(again.points, mesh.points);
+    EXPECT_EQ(again.faceVertices, mesh.faceVertices);
 }
 
 TEST(ObjIO, RefusesMalformedLinesNamingLineAndReason) {
@@ -96,7 +103,8 @@ TEST(ObjIO, RefusesMalformedLinesNamingLineAndReason) {
         {"cstype bspline\n", "m.obj:1: free-form geometry ('cstype') is not read: export the mesh as polygons"},
         {"V 1 2 3\n", "m.obj:1: unknown statement 'V'"},
         {"this is not a mesh\n", "m.obj:1: unknown statement 'this'"},
-        {"v 1 2 3\rv 4 5 6\n", "m.obj:1: a vertex takes x y z (and an optional w, or an r g b colour); this one has 7 values"},
+        {"v 1 2 3\rv 4 5\r", "m.obj:2: a vertex takes x y z (and an optional w, or an r g b colour); this one has 2 values"},
+        {"v 1 2 3\n\xEF\xBB\xBFv 4 5 6\n", "m.obj:2: unknown statement '???v'"},
         {"# nothing here\n\n", "m.obj: no vertices"},
         {"", "m.obj: no vertices"},
     };

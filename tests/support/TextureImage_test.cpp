@@ -70,6 +70,18 @@ TEST(TextureImage, ReadsTheRedChannelOfEveryFormatTopRowFirstAndWritesImages) {
         for (int y = 0; y < kH; ++y)
             for (int x = 0; x < kW; ++x) EXPECT_NEAR(image.texel(x, y), Red(x, y), c.tolerance) << c.name << " " << x << "," << y;
     }
+    // Red as stored whatever the alpha: red 255 under alpha 0, 128 and 255 reads 1 each time (a
+    // reader that multiplies by alpha, as PNG readers do by default, gives 0, 0.5 and 1).
+    {
+        const unsigned char rgba[12] = {255, 0, 0, 0, 255, 0, 0, 128, 255, 0, 0, 255};
+        OIIO::ImageSpec spec(3, 1, 4, OIIO::TypeDesc::UINT8);
+        spec.attribute("oiio:UnassociatedAlpha", 1);  // stored exactly as given
+        auto out = OIIO::ImageOutput::create(dir.file("alpha.png"));
+        ASSERT_TRUE(out && out->open(dir.file("alpha.png"), spec) &&
+                    out->write_image(OIIO::TypeDesc::UINT8, rgba) && out->close());
+        const KTextureImage alpha = ReadTextureRed(dir.file("alpha.png"));
+        for (int x = 0; x < 3; ++x) EXPECT_EQ(alpha.texel(x, 0), 1.0f) << "alpha " << int(rgba[4 * x + 3]);
+    }
     // 8-bit 255 is exactly 1; float values come back as written; bad pixels or names are refused.
     WriteImage(dir.file("white.png"), 2, 1, 3, std::vector<float>(6, 1.0f), 8);
     EXPECT_EQ(ReadTextureRed(dir.file("white.png")).texel(1, 0), 1.0f);
