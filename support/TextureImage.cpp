@@ -5,9 +5,11 @@
 #include <fstream>
 #include <new>
 
+#include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/imageio.h>
 
 #include "KThreads.h"
+#include "TextFields.h"
 
 namespace Kavrin {
 
@@ -133,8 +135,8 @@ KTextureImage ReadTextureRed(const std::string& path) {
     return KTextureImage(header.width, header.height, std::move(texels));
 }
 
-void WriteImage(const std::string& path, int width, int height, int channels, const std::vector<float>& pixels,
-                int bits) {
+std::string EncodeImage(const std::string& path, int width, int height, int channels,
+                        const std::vector<float>& pixels, int bits) {
     if (width < 1 || height < 1 || channels < 1 ||
         pixels.size() != static_cast<size_t>(width) * static_cast<size_t>(height) * static_cast<size_t>(channels))
         throw KFileError(path + ": the pixels do not fill a " + std::to_string(width) + " x " + std::to_string(height) +
@@ -143,11 +145,21 @@ void WriteImage(const std::string& path, int width, int height, int channels, co
         bits == 8 ? OIIO::TypeDesc::UINT8 : bits == 16 ? OIIO::TypeDesc::UINT16 : OIIO::TypeDesc::FLOAT;
     auto out = OIIO::ImageOutput::create(path);
     if (!out) throw KFileError(path + ": no image format for this file name" + Why(OIIO::geterror()));
+    if (!out->supports("ioproxy")) throw KFileError(path + ": this image format cannot be written through memory");
+    std::vector<unsigned char> bytes;
+    OIIO::Filesystem::IOVecOutput memory(bytes);
     OIIO::ImageSpec header(width, height, channels, type);
     // The pixels are written as given, not divided by an alpha channel (the reader's hint above).
     header.attribute("oiio:UnassociatedAlpha", 1);
-    if (!out->open(path, header) || !out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()) || !out->close())
+    if (!out->set_ioproxy(&memory) || !out->open(path, header) ||
+        !out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()) || !out->close())
         throw KFileError(path + ": cannot write the image" + Why(out->geterror()));
+    return std::string(bytes.begin(), bytes.end());
+}
+
+void WriteImage(const std::string& path, int width, int height, int channels, const std::vector<float>& pixels,
+                int bits) {
+    WriteTextFile(path, EncodeImage(path, width, height, channels, pixels, bits));
 }
 
 }  // namespace Kavrin

@@ -46,10 +46,14 @@ private:
 // cannot be read completely.
 KTextureImage ReadTextureRed(const std::string& path);
 
-// Writes width x height pixels of `channels` interleaved values, row by row from the top row, in
-// the format the file name's extension names, with `bits` 8 or 16 (unsigned integers, values
-// clamped to 0..1) or 32 (float), as given (a fourth channel, alpha, does not scale the others).
+// The file holding width x height pixels of `channels` interleaved values, row by row from the
+// top row, in the format the file name's extension names, with `bits` 8 or 16 (unsigned
+// integers, values clamped to 0..1) or 32 (float), as given (a fourth channel, alpha, does not
+// scale the others): its bytes, made in memory, so that a caller decides how they reach the disk.
 // Throws KFileError naming the file on failure.
+std::string EncodeImage(const std::string& path, int width, int height, int channels,
+                        const std::vector<float>& pixels, int bits);
+// EncodeImage's bytes written as the file at path.
 void WriteImage(const std::string& path, int width, int height, int channels, const std::vector<float>& pixels,
                 int bits);
 

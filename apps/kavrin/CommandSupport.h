@@ -73,6 +73,9 @@ void SaveText(const std::string& path, const std::string& text);
 // Writes an OBJ file, with uvs given its texture coordinates too; a failure (including a result
 // with points that are not finite) is a RunError.
 void SaveMesh(const std::string& path, const KPolyMesh& mesh, const KCornerUVs* uvs = nullptr);
+// Where the run's output for path can be read back before CommitOutputs: the temporary file that
+// holds it, or path itself when the run saved nothing there.
+std::string StagedFile(const std::string& path);
 // Moves every output of the run into place; a RunError (after DiscardOutputs) when one cannot be.
 void CommitOutputs();
 // Removes the run's temporary files and the output folders it created that are left empty.

@@ -273,7 +273,7 @@ void WritePicture(const std::string& path, const Picture& picture) {
     std::vector<float> values(picture.rgb.size());
     for (size_t i = 0; i < values.size(); ++i) values[i] = picture.rgb[i] / 255.0f;
     try {
-        WriteImage(path, picture.width, picture.height, 3, values, 8);
+        SaveText(path, EncodeImage(path, picture.width, picture.height, 3, values, 8));
     } catch (const KFileError& e) {
         throw RunError(e.what());
     }

@@ -34,6 +34,15 @@ std::vector<std::string> gCreatedFolders;  // parents before their children
 
 std::string Reason(int error) { return std::strerror(error); }
 
+// The file a result for path goes to: a link is followed, so that the file it names gets the
+// result and the link stays.
+fs::path Destination(const std::string& path) {
+    std::error_code ec;
+    fs::path destination = path;
+    if (fs::is_symlink(path, ec) && fs::exists(path, ec)) destination = fs::canonical(path, ec);
+    return destination.empty() ? fs::path(path) : destination;
+}
+
 // Throws UsageError unless path can be written as a file: a missing file is created and removed
 // again, an existing one opened for writing without being changed.
 void RequireWritableFile(const std::string& path) {
@@ -165,11 +174,7 @@ std::string OutputFile(const std::string& out, const std::vector<std::string>& i
 
 // Decision (behaviour note "Nothing half-written")
 void SaveText(const std::string& path, const std::string& text) {
-    std::error_code ec;
-    // A link is followed, so that the file it names gets the result and the link stays.
-    fs::path destination = path;
-    if (fs::is_symlink(path, ec) && fs::exists(path, ec)) destination = fs::canonical(path, ec);
-    if (destination.empty()) destination = path;
+    const fs::path destination = Destination(path);
     for (auto it = gPending.begin(); it != gPending.end(); ++it)
         if (it->destination == destination.string()) {
             // Written twice in one run: the later text wins.
@@ -207,6 +212,13 @@ void SaveMesh(const std::string& path, const KPolyMesh& mesh, const KCornerUVs* 
         throw RunError(path + ": " + e.what());
     }
     SaveText(path, text);
+}
+
+std::string StagedFile(const std::string& path) {
+    const std::string destination = Destination(path).string();
+    for (const PendingOutput& p : gPending)
+        if (p.destination == destination && !p.temporary.empty()) return p.temporary;
+    return path;
 }
 
 void CommitOutputs() {

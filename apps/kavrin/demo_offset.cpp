@@ -78,14 +78,14 @@ void OffsetDemo(DemoReport& demo) {
     KCornerUVs corners;
     TexturedSphere(rings, segments, sphere, corners);
     const std::string pattern = demo.path("offset-pattern.png");
-    WriteImage(pattern, width, height, 3, BumpPattern(width, height), 8);
+    SaveText(pattern, EncodeImage(pattern, width, height, 3, BumpPattern(width, height), 8));
     SaveMesh(demo.path("offset-sphere.obj"), sphere, &corners);
     demo.title("Offset: a textured sphere (%d vertices, %d faces) and a %d x %d pattern image of 12 x 6 bumps "
                "(offset-pattern.png).",
                sphere.numVertices(), sphere.numFaces(), width, height);
 
     // The image as the command line reads it: the red channel of the 8-bit file.
-    const KTextureImage image = ReadTextureRed(pattern);
+    const KTextureImage image = ReadTextureRed(StagedFile(pattern));
     const KVertexUVs uvs = VertexUVs(sphere, corners);
     const KFloatArray weights;
     for (double s : {scale, -scale}) {

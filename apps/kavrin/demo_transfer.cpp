@@ -32,7 +32,7 @@ void TransferDemo(DemoReport& demo) {
         settings.markers.push_back(NearestVertex(source, l));
         settings.markers.push_back(NearestVertex(target, l));
     }
-    WriteMarkers(demo.path("transfer-markers.txt"), settings.markers);
+    SaveText(demo.path("transfer-markers.txt"), FormatMarkers(settings.markers));
     settings.fixedSource = settings.markers[0];
     settings.fixedTarget = settings.markers[1];
     settings.threads = demo.threads();
