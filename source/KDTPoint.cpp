@@ -28,17 +28,10 @@ const double kBoxHalfSize = static_cast<double>(1e30f);
 
 }  // namespace
 
-KDTPoint::KDTPoint() : _quadric(gluNewQuadric()) {
-    // Guard (behaviour note "KDTPoint: quadric not created")
-    if (!_quadric) return;
-    gluQuadricDrawStyle(_quadric, GLU_FILL);
-    gluQuadricNormals(_quadric, GLU_SMOOTH);
-    gluQuadricTexture(_quadric, GL_TRUE);
-}
+// Decision (behaviour note "KDTPoint: solid shapes without GLU")
+KDTPoint::KDTPoint() = default;
 
-KDTPoint::~KDTPoint() {
-    if (_quadric) gluDeleteQuadric(_quadric);
-}
+KDTPoint::~KDTPoint() = default;
 
 void* KDTPoint::creator() { return new KDTPoint(); }
 

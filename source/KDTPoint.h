@@ -3,8 +3,6 @@
 // its colour at its position, in the legacy viewport and through KDrawOverride<KDTPoint> in
 // Viewport 2.0. The marking tool creates it under the transform "VertexPicked".
 
-#include <GL/glu.h>
-
 #include <maya/M3dView.h>
 #include <maya/MBoundingBox.h>
 #include <maya/MDagPath.h>
@@ -51,6 +49,4 @@ private:
     MObject _thisObj;
     MFnDependencyNode _dependFn;
     MFnDagNode _dagFn;
-    // Kept ready for solid marker shapes; the point does not use it.
-    GLUquadricObj* _quadric;
 };
