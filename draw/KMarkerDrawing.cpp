@@ -22,6 +22,7 @@ void DrawMarkerPoint(float x, float y, float z, float r, float g, float b) {
 }
 
 void DrawSolidSphere(double radius, int slices, int stacks) {
+    // Guard (behaviour note "Marker drawing: a sphere of bad dimensions")
     if (slices < 2 || stacks < 1 || !(radius >= 0.0)) return;
     const double pi = 3.14159265358979323846;
     // Around: the direction of each meridian in the xy plane, the last one the first again.
