@@ -17,8 +17,8 @@ void DrawMarkerPoint(float x, float y, float z, float r, float g, float b);
 // normals and texture coordinates at its vertices: what gluSphere draws with a quadric set to
 // GLU_FILL, GLU_SMOOTH and texture coordinates on, without GLU. `stacks` quad strips run from the
 // pole at +z to the one at -z (t from 1 to 0), each around `slices` segments starting at +y
-// (s from 1 to 0). Draws nothing for slices < 2, stacks < 1 or a negative or NaN radius. Leaves the
-// last normal and texture coordinate current, as glu does. Kept ready for solid marker shapes.
+// (s from 1 to 0). Draws nothing for slices < 2, stacks < 1 or a negative or NaN radius. Leaves
+// the last normal and texture coordinate current, as GLU does. Kept ready for solid marker shapes.
 void DrawSolidSphere(double radius, int slices, int stacks);
 
 }  // namespace Kavrin
