@@ -11,6 +11,7 @@ packages=(
   libgl-dev libglu1-mesa-dev libosmesa6-dev
   clang libclang-rt-dev
   libopenblas0-pthread
+  debootstrap
 )
 
 missing=()
