@@ -85,6 +85,10 @@ KSparseLeastSquares::~KSparseLeastSquares() {
 
 long KSparseLeastSquares::libraryObjects() const { return static_cast<long>(_lib->cm.malloc_count); }
 
+size_t KSparseLeastSquares::libraryBytes() const { return _lib->cm.memory_inuse; }
+
+size_t KSparseLeastSquares::libraryPeakBytes() const { return _lib->cm.memory_usage; }
+
 void KSparseLeastSquares::libraryError(int status, const char* file, int line, const char* message) {
     // "Not positive definite" is the library's warning for a singular matrix; the status says so.
     if (status == CHOLMOD_NOT_POSDEF) return;

@@ -70,6 +70,10 @@ public:
 
     // Memory blocks the sparse-library context holds (a leak check for tests).
     long libraryObjects() const;
+    // Bytes the sparse-library context holds now, and the most it has held (its own allocations,
+    // which do not go through operator new).
+    size_t libraryBytes() const;
+    size_t libraryPeakBytes() const;
 
     // Called by the sparse library's error handler on the thread of the running call.
     void libraryError(int status, const char* file, int line, const char* message);

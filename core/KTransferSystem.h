@@ -44,6 +44,9 @@ public:
     const std::string& failure() const { return _failure; }
     const std::string& libraryReport() const { return _report; }
     long libraryObjects() const { return _ls.libraryObjects(); }
+    // Bytes the sparse library holds for the factored system, and the most it held while building.
+    size_t libraryBytes() const { return _ls.libraryBytes(); }
+    size_t libraryPeakBytes() const { return _ls.libraryPeakBytes(); }
 
 private:
     bool _fail(const std::string& message);
