@@ -87,13 +87,18 @@ KVectorArray Wobbled(const KVectorArray& points, float amount) {
     return out;
 }
 
+template <class T>
+void AddLists(Digest& d, const KRelaxationLists<T>& lists) {
+    for (int v = 0; v < lists.size(); ++v) d.addAll(lists.list(v));
+}
+
 void AddBinding(Digest& d, const KRelaxationSolver& solver) {
     const KRelaxationBindingData& b = solver.binding();
-    for (const auto& l : b.connVrtId) d.addAll(l);
-    for (const auto& l : b.connVrtIdNrmOrder) d.addAll(l);
+    AddLists(d, b.connVrtId);
+    AddLists(d, b.connVrtIdNrmOrder);
     d.addAll(b.b);
-    for (const auto& l : b.bScalable) d.addAll(l);
-    for (const auto& l : b.meanValueWeight) d.addAll(l);
+    AddLists(d, b.bScalable);
+    AddLists(d, b.meanValueWeight);
     d.addAll(solver.stiffness());
 }
 
