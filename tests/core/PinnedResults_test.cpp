@@ -253,6 +253,28 @@ std::string TreeQueries(int) {
     return d.hex();
 }
 
+// A bumpy ball of 81,920 triangles, enough for the build to share out the root's subtrees: closest
+// points of points around it and the leaves rays from them could meet (which show the hierarchy).
+std::string LargeTree(int threads) {
+    const KTriMesh mesh = TriangulatedIcosphere(6, 0.05f, 7);
+    KTriMeshDistTree tree(10, 10);
+    tree.set(mesh);
+    (void)threads;
+    Digest d;
+    for (int q = 0; q < 4000; ++q) {
+        const KVector p = KVector(std::sin(0.7f * q), std::cos(1.3f * q), std::sin(0.31f * q + 0.5f)).normalized() *
+                          (0.95f + 0.025f * (q % 5));
+        KVector closest;
+        int triangle = -1;
+        d.add(tree.getClosestPoint(p, closest, triangle, 1e30f)).add(closest).add(triangle);
+        KTriMeshDistTree::LeafRun leaves[16];
+        const int n = tree.leavesNear(p, KVector(0.3f, -0.2f, 1.0f), 0.05f, 1e-6f, 0.01f, leaves, 16);
+        d.add(n);
+        for (int k = 0; k < n; ++k) d.add(leaves[k].first).add(leaves[k].count);
+    }
+    return d.hex();
+}
+
 // Transfer between two bumpy balls of different topology (12 marker pairs): the pairing, then a
 // bent pose transferred.
 std::string Transfer(int threads) {
@@ -295,6 +317,7 @@ TEST(PinnedResults, DigestsOnOneAndTwoThreads) {
         {"relaxation of the slit sheet with a collider", RelaxCollide, "7892bee4d5e2e732"},
         {"wrap bind and evaluation", Wrap, "a92e918294a48881"},
         {"closest points and ray crossings", TreeQueries, "872259e8ca746ef9"},
+        {"closest points and leaves of a tree built on the team", LargeTree, "c496122c591670e5"},
         {"transfer pairing and pose", Transfer, "377de47d9f6ed26c"},
     };
     for (const auto& c : cases)
