@@ -257,9 +257,7 @@ std::string TreeQueries(int) {
 // points of points around it and the leaves rays from them could meet (which show the hierarchy).
 std::string LargeTree(int threads) {
     const KTriMesh mesh = TriangulatedIcosphere(6, 0.05f, 7);
-    KTriMeshDistTree tree(10, 10);
-    tree.set(mesh);
-    (void)threads;
+    const KTriMeshDistTree tree(mesh, 10, 10, threads);
     Digest d;
     for (int q = 0; q < 4000; ++q) {
         const KVector p = KVector(std::sin(0.7f * q), std::cos(1.3f * q), std::sin(0.31f * q + 0.5f)).normalized() *
