@@ -54,6 +54,11 @@ public:
     // Factors A^T A for the values of A, one per pattern entry (in colIndex order).
     KSparseStatus factor(const double* values);
 
+    // Frees what only factor() needs (A by rows, the normal matrix, its assembly's work space),
+    // for a factor kept for solves alone: multiplyTransposed, solveNormal and solve go on working
+    // with the last factorisation; factor() fails until the next analyse().
+    void keepSolvesOnly();
+
     // A^T B for nrhs right-hand sides (B: rows() x nrhs, column-major; result cols() x nrhs), with
     // the values of the last factor().
     void multiplyTransposed(const double* b, int nrhs, double* atb) const;
@@ -64,7 +69,7 @@ public:
     // X minimising |A X - B|: multiplyTransposed, then solveNormal.
     KSparseStatus solve(const double* b, int nrhs, double* x);
 
-    int rows() const { return _rowStart.empty() ? 0 : _rowStart.length() - 1; }
+    int rows() const { return _rows; }
     int cols() const { return _cols; }
     bool factored() const { return _factored; }
 
@@ -85,6 +90,7 @@ private:
 
     std::unique_ptr<Library> _lib;
     int _cols = 0;
+    int _rows = 0;
     int _threads = 0;
     bool _factored = false;
     // A by rows (the caller's pattern) and by columns (row and value position per entry).

@@ -109,37 +109,64 @@ bool KTransferSystem::build(const KTriMesh& restSource, const KTriMesh& target, 
         _restInverse[t] = TriangleFrameInverse(sp[st[t][0]], sp[st[t][1]], sp[st[t][2]], kUnitNormalFrame);
 
     // Pattern and values: 3 rows per block, the triangle's free vertices and its fourth vertex.
+    // Every row of a triangle holds the same number of entries, so each triangle's first entry is
+    // known beforehand and the triangles fill their rows on the team.
     _firstRow.setLength(nTT + 1, false);
-    _firstRow[0] = 0;
-    for (int t = 0; t < nTT; ++t) _firstRow[t + 1] = _firstRow[t] + 3 * Blocks(triCorres[t]);
+    KIntArray firstEntry;
+    firstEntry.setLength(nTT + 1, false);
+    _firstRow[0] = firstEntry[0] = 0;
+    for (int t = 0; t < nTT; ++t) {
+        const int rows = 3 * Blocks(triCorres[t]);
+        int entries = 1;
+        for (int j = 0; j < 3; ++j) entries += _column[tt[t][j]] < 0 ? 0 : 1;
+        _firstRow[t + 1] = _firstRow[t] + rows;
+        firstEntry[t + 1] = firstEntry[t] + rows * entries;
+    }
     const int nRows = _firstRow[nTT];
     KIntArray rowStart, colIndex;
     rowStart.setLength(nRows + 1, false);
     rowStart[0] = 0;
-    std::vector<double> values;
-    _anchorRhs.assign(3 * static_cast<size_t>(nRows), 0.0);
-    int row = 0;
+    colIndex.setLength(firstEntry[nTT], false);
+    std::vector<double> values(static_cast<size_t>(firstEntry[nTT]));
+    const int* column = _column.data();
+    const int* firstRow = _firstRow.data();
+    const int* entry = firstEntry.data();
+    const int nFree = _nFree;
+#pragma omp parallel for schedule(static) num_threads(TeamFor(threads, nTT))
     for (int t = 0; t < nTT; ++t) {
-        for (int b = 0; b < Blocks(triCorres[t]); ++b)
-            for (int k = 0; k < 3; ++k, ++row) {
-                for (int j = 0; j < 3; ++j) {
-                    const int v = tt[t][j];
-                    const double coef = FrameCoefficient(inverse[t], j, k);
-                    if (_column[v] < 0) {
-                        for (int r = 0; r < 3; ++r) _anchorRhs[r * nRows + row] -= coef * tp[v][r];
-                    } else {
-                        colIndex.push_back(_column[v]);
-                        values.push_back(coef);
-                    }
-                }
-                colIndex.push_back(_nFree + t);
-                values.push_back(FrameCoefficient(inverse[t], 3, k));
-                rowStart[row + 1] = colIndex.length();
+        int at = entry[t];
+        for (int row = firstRow[t], k = 0; row < firstRow[t + 1]; ++row, k = (k + 1) % 3) {
+            for (int j = 0; j < 3; ++j) {
+                const int c = column[tt[t][j]];
+                if (c < 0) continue;
+                colIndex[at] = c;
+                values[static_cast<size_t>(at++)] = FrameCoefficient(inverse[t], j, k);
             }
+            colIndex[at] = nFree + t;
+            values[static_cast<size_t>(at++)] = FrameCoefficient(inverse[t], 3, k);
+            rowStart[row + 1] = at;
+        }
+    }
+    // The anchors' share of the rows of the few triangles that use one, moved to the right-hand side.
+    _anchorRows.clear();
+    for (int t = 0; t < nTT; ++t) {
+        if (column[tt[t][0]] >= 0 && column[tt[t][1]] >= 0 && column[tt[t][2]] >= 0) continue;
+        for (int row = firstRow[t], k = 0; row < firstRow[t + 1]; ++row, k = (k + 1) % 3) {
+            AnchorRow anchored = {row, {0.0, 0.0, 0.0}};
+            for (int j = 0; j < 3; ++j) {
+                const int v = tt[t][j];
+                if (column[v] >= 0) continue;
+                const double coef = FrameCoefficient(inverse[t], j, k);
+                for (int r = 0; r < 3; ++r) anchored.value[r] -= coef * tp[v][r];
+            }
+            _anchorRows.push_back(anchored);
+        }
     }
     KSparseStatus status = _ls.analyse(_nFree + nTT, rowStart, colIndex, threads);
     if (status.ok()) status = _ls.factor(values.data());
     if (!status.ok()) return _sparseFailed(status);
+    // Decision (behaviour note "Deformation transfer: the kept system holds what a solve reads").
+    _ls.keepSolvesOnly();
 
     _rhs.assign(3 * static_cast<size_t>(nRows), 0.0);
     _atb.assign(3 * static_cast<size_t>(_ls.cols()), 0.0);
@@ -161,7 +188,8 @@ bool KTransferSystem::solve(const KVectorArray& posedSource, const KTriMesh& tar
     // triangle without a pair), plus the anchors' share.
     const int nRows = _ls.rows();
     double* rhs = _rhs.data();
-    const double* anchor = _anchorRhs.data();
+    const AnchorRow* anchorsBegin = _anchorRows.data();
+    const AnchorRow* anchorsEnd = anchorsBegin + _anchorRows.size();
     const KVector* cur = posedSource.data();
     const KInt3* st = _sourceTriangles.data();
     const KMatrix3d* restInv = _restInverse.data();
@@ -171,7 +199,11 @@ bool KTransferSystem::solve(const KVectorArray& posedSource, const KTriMesh& tar
     for (int t = 0; t < nTT; ++t) {
         const KInt4& tc = corres[t];
         for (int row = first[t]; row < first[t + 1]; ++row)
-            for (int r = 0; r < 3; ++r) rhs[r * nRows + row] = anchor[r * nRows + row];
+            for (int r = 0; r < 3; ++r) rhs[r * nRows + row] = 0.0;
+        const AnchorRow* a = std::lower_bound(anchorsBegin, anchorsEnd, first[t],
+                                              [](const AnchorRow& x, int row) { return x.row < row; });
+        for (; a != anchorsEnd && a->row < first[t + 1]; ++a)
+            for (int r = 0; r < 3; ++r) rhs[r * nRows + a->row] = a->value[r];
         if (tc[3] == 0) {
             for (int k = 0; k < 3; ++k) rhs[k * nRows + first[t] + k] += 1.0;
             continue;

@@ -62,7 +62,12 @@ private:
     KIntArray _column;   // per target vertex; -1 for an anchor
     KIntArray _anchors;
     KIntArray _firstRow;  // per target triangle, its first scalar row
-    std::vector<double> _anchorRhs;  // the anchors' share of each row, moved to the right-hand side
+    // The anchors' share of a row, moved to the right-hand side; rows in increasing order.
+    struct AnchorRow {
+        int row;
+        double value[3];
+    };
+    std::vector<AnchorRow> _anchorRows;
     std::vector<double> _rhs, _atb, _x;
     KSparseLeastSquares _ls{KSparseLeastSquares::kSimplicial};
     std::string _failure, _report;
