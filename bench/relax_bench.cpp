@@ -130,7 +130,7 @@ static void BM_VertexRings(benchmark::State& state) {
     const KPolyMesh rest = MakeDetailedGrid(static_cast<int>(state.range(0)), 10.0f);
     KVertexNeighbours rings;
     for (auto _ : state) {
-        VertexRings(rest, rings);
+        VertexRings(rest, rings, 0);
         benchmark::DoNotOptimize(rings.indices.data());
     }
     state.counters["vertices"] = rest.numVertices();

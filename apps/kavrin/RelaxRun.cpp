@@ -15,7 +15,7 @@ void Widen(const KVectorArray& in, KArray<KDouble3>& out) {
 }  // namespace
 
 RelaxRun::RelaxRun(const KPolyMesh& rest, int threads) : _count(rest.numVertices()), _threads(threads) {
-    VertexRings(rest, _rings);
+    VertexRings(rest, _rings, threads);
     Widen(rest.points, _points);
     KRelaxationInput in;
     in.points = _points.data();

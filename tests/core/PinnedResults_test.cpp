@@ -108,7 +108,7 @@ void AddBinding(Digest& d, const KRelaxationSolver& solver) {
 std::string Relax(const KPolyMesh& mesh, int threads, const std::function<void(KRelaxationInput&)>& options,
                   const KTriMesh* collider = nullptr) {
     KVertexNeighbours rings;
-    VertexRings(mesh, rings);
+    VertexRings(mesh, rings, threads);
     const KArray<KDouble3> rest = Wide(mesh.points);
     KRelaxationAttributes store;
     KRelaxationSolver solver;
