@@ -344,35 +344,33 @@ void KTriMeshDistTree::set(const KTriMesh& mesh, int threads) {
     // box centre, to spare the halving) per kept triangle, in index order.
     const int nv = mesh.numVertices();
     const int nt = mesh.numTriangles();
-    std::vector<float> boxes(6 * static_cast<size_t>(nt));
-    std::vector<char> kept(static_cast<size_t>(nt));
+    Array<float> boxes(6 * static_cast<size_t>(nt));
+    Array<Prim> prims(static_cast<size_t>(nt));
     const KVector* points = mesh.points.data();
     const KInt3* triangles = mesh.triangles.data();
-#pragma omp parallel for schedule(static) num_threads(TeamFor(threads, nt))
+    int left = 0;  // triangles left out
+#pragma omp parallel for schedule(static) num_threads(TeamFor(threads, nt)) reduction(+ : left)
     for (int i = 0; i < nt; ++i) {
         const KInt3& t = triangles[i];
         bool ok = true;
         // Guard (behaviour note "KTriMeshDistTree: bad triangles").
         for (int k = 0; k < 3 && ok; ++k) ok = t[k] >= 0 && t[k] < nv && Finite(points[t[k]]);
-        kept[static_cast<size_t>(i)] = ok;
-        if (!ok) continue;
+        Prim& prim = prims[static_cast<size_t>(i)];
+        prim.tri = ok ? i : -1;
+        if (!ok) {
+            ++left;
+            continue;
+        }
         float* box = &boxes[6 * static_cast<size_t>(i)];
         for (int a = 0; a < 3; ++a) {
             const float c0 = points[t[0]][a], c1 = points[t[1]][a], c2 = points[t[2]][a];
             box[a] = std::min(c0, std::min(c1, c2));
             box[3 + a] = std::max(c0, std::max(c1, c2));
+            prim.c[a] = box[a] + box[3 + a];
         }
     }
-    std::vector<Prim> prims;
-    prims.reserve(static_cast<size_t>(nt));
-    for (int i = 0; i < nt; ++i) {
-        if (!kept[static_cast<size_t>(i)]) continue;
-        const float* box = &boxes[6 * static_cast<size_t>(i)];
-        Prim prim;
-        for (int a = 0; a < 3; ++a) prim.c[a] = box[a] + box[3 + a];
-        prim.tri = i;
-        prims.push_back(prim);
-    }
+    if (left > 0)
+        prims.erase(std::remove_if(prims.begin(), prims.end(), [](const Prim& p) { return p.tri < 0; }), prims.end());
     if (prims.empty()) return;
 
     const int count = static_cast<int>(prims.size());
@@ -384,10 +382,11 @@ void KTriMeshDistTree::set(const KTriMesh& mesh, int threads) {
     // The build only permutes prims inside each node's range, so the final order is leaf order.
     _order.resize(prims.size());
     _corners.resize(3 * prims.size());
-    _slotOf.assign(static_cast<size_t>(nt), -1);
+    _slotOf.resize(static_cast<size_t>(nt));
+    int* slotOf = _slotOf.data();
+    if (left > 0) std::fill(_slotOf.begin(), _slotOf.end(), -1);
     const Prim* sorted = prims.data();
     int* order = _order.data();
-    int* slotOf = _slotOf.data();
     KVector* corners = _corners.data();
 #pragma omp parallel for schedule(static) num_threads(TeamFor(threads, count))
     for (int s = 0; s < count; ++s) {

@@ -17,6 +17,8 @@
 // exactly the same computed distance the lowest triangle index wins, so a query at a vertex
 // position returns that vertex on the lowest-indexed triangle using it.
 
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "KTriMesh.h"
@@ -116,6 +118,28 @@ private:
         float off[3][4];
     };
     struct Prim;  // build-time centre of one triangle
+    // Leaves plain values uninitialised when an array grows, so that the build's parallel loops,
+    // which write every element, are the first to touch the memory (and share its page faults).
+    template <class T>
+    struct Uninitialised : std::allocator<T> {
+        template <class U>
+        struct rebind {
+            typedef Uninitialised<U> other;
+        };
+        Uninitialised() = default;
+        template <class U>
+        Uninitialised(const Uninitialised<U>&) {}
+        template <class U>
+        void construct(U* p) {
+            ::new (static_cast<void*>(p)) U;
+        }
+        template <class U, class... Args>
+        void construct(U* p, Args&&... args) {
+            ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+        }
+    };
+    template <class T>
+    using Array = std::vector<T, Uninitialised<T> >;
 
     // allIntersections, over the given leaves instead of the tree's traversal when leaves is set.
     int _rayHits(const KVector& source, const KVector& direction, float maxDistance, float tolerance,
@@ -147,11 +171,11 @@ private:
     int _leafSize;
     int _maxDepth;
     std::vector<KVector> _corners;  // three per slot, in leaf order
-    std::vector<int> _order;        // triangle index of each slot, grouped by leaf
+    Array<int> _order;              // triangle index of each slot, grouped by leaf
     std::vector<Node> _nodes;       // node 0 is the root
-    std::vector<SlotBoxes> _slotBoxes;  // the box of every slot; lanes past the last slot are empty
-    std::vector<SlotPlanes> _slotPlanes;
-    std::vector<int> _slotOf;       // slot of each triangle index, -1 for a triangle left out
+    Array<SlotBoxes> _slotBoxes;    // the box of every slot; lanes past the last slot are empty
+    Array<SlotPlanes> _slotPlanes;
+    Array<int> _slotOf;             // slot of each triangle index, -1 for a triangle left out
     // What update() compares against: the triangles and vertex count of the last build, whether
     // it kept every triangle, and its relative box surface.
     KInt3Array _triangles;
