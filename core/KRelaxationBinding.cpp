@@ -134,6 +134,9 @@ KOutcome BindRelaxation(const KDouble3* points, int count, const KVertexNeighbou
         for (const int* id = rings.begin(i); id != rings.end(i); ++id)
             if (*id < 0 || *id >= count) return KOutcome::Failed(kRelaxBindBadRings);
 
+    out.clear();
+    if (count <= 0) return KOutcome::Deformed();
+
     // The vertices before the first with too many neighbours are bound completely; that vertex
     // gets its two neighbour lists only.
     int complete = 0;
@@ -142,7 +145,6 @@ KOutcome BindRelaxation(const KDouble3* points, int count, const KVertexNeighbou
 
     // Every list of a vertex is as long as its ring, so the offsets are the rings' (to `listed`
     // for the neighbour lists, to `complete` for the others).
-    out.clear();
     const int* ringStart = rings.offsets.data();
     KIntArray& offsets = out.connVrtId.offsets;
     offsets.setLength(listed + 1, false);
@@ -155,7 +157,6 @@ KOutcome BindRelaxation(const KDouble3* points, int count, const KVertexNeighbou
     out.bScalable.values.setLength(offsets[complete], false);
     out.meanValueWeight.values.setLength(offsets[complete], false);
     out.b.setLength(complete, false);
-    if (complete == 0 && listed == 0) out.clear();  // no vertices: no lists at all
 
     int* sortedIds = out.connVrtId.values.data();
     int* orderIds = out.connVrtIdNrmOrder.values.data();

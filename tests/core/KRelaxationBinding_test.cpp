@@ -144,6 +144,9 @@ TEST(RelaxationBinding, IsolatedVertexAndBadRings) {
     KRelaxationBindingData untouched = data;
     EXPECT_EQ(BindRelaxation(points.data(), 2, rings, untouched).message, kRelaxBindBadRings);
     EXPECT_EQ(untouched.connVrtId.values, data.connVrtId.values) << "a guard writes nothing";
+    // No vertices, no neighbour lists: an empty binding.
+    EXPECT_TRUE(BindRelaxation(nullptr, 0, KVertexNeighbours(), untouched).deformed());
+    EXPECT_TRUE(untouched.connVrtId.size() == 0 && untouched.b.empty());
 }
 
 TEST(RelaxationBinding, LoaderChecksListLengthsInOrderAndKeepsCachesOnFailure) {
