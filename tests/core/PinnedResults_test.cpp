@@ -1,6 +1,6 @@
 // Results pinned bit for bit: digests of the exact bits delta mush, jiggle and offset compute and
 // of the text the OBJ writer writes, on generated meshes with borders, a hole, triangles, quads
-// and larger polygons mixed, odd valences, a vertex in no face and a scattered vertex numbering,
+// and larger polygons mixed, valences 2 to 6, vertices in no face and a scattered vertex numbering,
 // at one and two threads. The digests were taken from the straightforward implementations these
 // engines started from; a faster implementation must give the same bits. A digest that changes
 // means results changed: find out why before taking a new one.
