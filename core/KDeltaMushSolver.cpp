@@ -242,7 +242,7 @@ KDeltaMushResult KDeltaMushAttributes::evaluate(KDeltaMushSolver& solver, const 
         onlyOnce = false;
     }
     if (result.writeDelta) {
-        delta = solver.boundDelta();
+        delta = solver.takeBoundDelta();
         hasDelta = true;
     }
     if (result.writeGotDelta) gotDelta = true;

@@ -64,8 +64,10 @@ public:
     // The reconstructed points (object space of the input mesh, before the inverse matrix).
     const KVectorArray& points() const { return _points; }
     // The deltas computed by the evaluation that bound, to be stored in "delta" right after it;
-    // the next evaluation lets them go (the host holds them then).
+    // the next evaluation lets them go (the host holds them then). takeBoundDelta() hands them
+    // over instead of a copy.
     const KArray<KDouble3>& boundDelta() const { return _boundDelta; }
+    KArray<KDouble3> takeBoundDelta() { return std::move(_boundDelta); }
 
     // The value written back for point idx: its reconstructed position with the current
     // homogeneous weight w, times the inverse local-to-world matrix.

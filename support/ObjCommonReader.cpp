@@ -227,20 +227,21 @@ bool KObjCommonReader::feed(const char* text, size_t size, size_t expectedBytes)
         corners += piece.faceVertices.size();
         faces += piece.faceCounts.size();
     }
-    if (_first) {
-        // The whole file in proportion to its first block (and a little more), or this text.
-        const double scale =
-            expectedBytes > size ? 1.02 * static_cast<double>(expectedBytes) / static_cast<double>(size) : 1.0;
-        const auto reserve = [scale](auto& array, size_t count) { array.reserve(static_cast<size_t>(scale * count) + 16); };
-        reserve(_mesh.points, points);
-        reserve(_mesh.faceCounts, faces);
-        reserve(_mesh.faceVertices, corners);
-        if (_uvs) {
-            reserve(_texcoords, texcoords);
-            reserve(_cornerUVs, corners);
-        }
+    // Room for the rest of the text as this block reads (and a little more): no array grows
+    // twice over.
+    const double rest = expectedBytes > _fed + size ? static_cast<double>(expectedBytes - _fed) / size : 1.0;
+    const auto reserve = [rest](auto& array, size_t count) {
+        const size_t wanted = array.size() + static_cast<size_t>(1.02 * rest * count);
+        if (wanted > array.capacity()) array.reserve(wanted + 16);
+    };
+    reserve(_mesh.points, points);
+    reserve(_mesh.faceCounts, faces);
+    reserve(_mesh.faceVertices, corners);
+    if (_uvs) {
+        reserve(_texcoords, texcoords);
+        reserve(_cornerUVs, corners);
     }
-    _first = false;
+    _fed += size;
     for (const Piece& piece : _pieces) {
         if (piece.pastPoints > _mesh.points.length() || piece.pastTexcoords > _texcoordCount ||
             piece.pastNormals > _normals)
@@ -265,6 +266,15 @@ bool KObjCommonReader::feed(const char* text, size_t size, size_t expectedBytes)
 
 bool KObjCommonReader::finish(KPolyMesh& mesh) {
     if (!_ok || _mesh.points.empty()) return false;
+    // An early block of the file may have promised more of its kind than the file held.
+    const auto fit = [](auto& array) {
+        if (array.capacity() > array.size() + array.size() / 16) array.shrink_to_fit();
+    };
+    fit(_mesh.points);
+    fit(_mesh.faceCounts);
+    fit(_mesh.faceVertices);
+    fit(_texcoords);
+    fit(_cornerUVs);
     mesh = std::move(_mesh);
     if (_uvs) {
         _uvs->uvs.swap(_texcoords);

@@ -28,7 +28,7 @@ public:
 
     // Reads the whole lines of text[0, size): a block of the file, ending at a line end or at the
     // file's end. expectedBytes, when known, is the size of the whole text (the arrays are sized
-    // from the first block). False when the text leaves the common form.
+    // for the rest of it as this block reads). False when the text leaves the common form.
     bool feed(const char* text, size_t size, size_t expectedBytes = 0);
     // The mesh read, once every block is fed; false when it leaves the common form (no vertices).
     bool finish(KPolyMesh& mesh);
@@ -58,7 +58,7 @@ private:
     KIntArray _cornerUVs;
     long long _texcoordCount = 0;
     long long _normals = 0;
-    bool _first = true;
+    size_t _fed = 0;  // bytes fed so far
     bool _ok = true;
     std::vector<Piece> _pieces;
 };
