@@ -213,7 +213,18 @@ bool KObjCommonReader::feed(const char* text, size_t size, size_t expectedBytes)
         const void* newline = at < size ? std::memchr(text + at, '\n', size - at) : nullptr;
         cut[t] = newline ? static_cast<size_t>(static_cast<const char*>(newline) - text) + 1 : size;
     }
+    // Room for the most each piece can hold (a "v" line takes 8 bytes at least, a face corner 2),
+    // made here rather than grown on the threads: memory the threads take stays with them.
     const bool wantUVs = _uvs != nullptr;
+    for (int t = 0; t < team; ++t) {
+        Piece& piece = _pieces[t];
+        const size_t bytes = cut[t + 1] - cut[t];
+        piece.points.reserve(bytes / 8 + 1);
+        piece.texcoords.reserve(bytes / 7 + 1);
+        piece.faceCounts.reserve(bytes / 8 + 1);
+        piece.faceVertices.reserve(bytes / 2 + 1);
+        if (wantUVs) piece.cornerUVs.reserve(bytes / 2 + 1);
+    }
     Piece* pieces = _pieces.data();
     KAVRIN_OMP(omp parallel for schedule(static, 1) num_threads(team))
     for (int t = 0; t < team; ++t) pieces[t].ok = ParsePiece(text + cut[t], text + cut[t + 1], wantUVs, pieces[t]);

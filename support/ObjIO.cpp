@@ -237,19 +237,28 @@ struct LineRun {
 struct TextPiece {
     std::unique_ptr<char[]> data;
     size_t capacity = 0, size = 0;
-    char* begin(size_t most) {
+    void reserve(size_t most) {
         if (most > capacity) {
             data.reset(new char[most]);
             capacity = most;
         }
-        return data.get();
     }
 };
 
+// The most characters the lines of run take.
+size_t MostChars(const LineRun& run, const KPolyMesh& mesh) {
+    const size_t lines = static_cast<size_t>(run.last - run.first);
+    if (run.kind == LineRun::kVertices) return lines * (5 + 3 * kFloatChars);
+    if (run.kind == LineRun::kTexcoords) return lines * (5 + 2 * kFloatChars);
+    size_t corners = 0;
+    for (int f = run.first; f < run.last; ++f) corners += static_cast<size_t>(mesh.faceCounts[f]);
+    return 2 * lines + corners * (2 + 2 * kIntChars);
+}
+
+// The lines of run into piece, which holds MostChars(run).
 void FormatRun(const LineRun& run, const KPolyMesh& mesh, const KCornerUVs* uvs, TextPiece& piece) {
-    const int lines = run.last - run.first;
     if (run.kind == LineRun::kVertices) {
-        char* const start = piece.begin(static_cast<size_t>(lines) * (5 + 3 * kFloatChars));
+        char* const start = piece.data.get();
         char* at = start;
         for (int i = run.first; i < run.last; ++i) {
             const KVector& p = mesh.points[i];
@@ -264,7 +273,7 @@ void FormatRun(const LineRun& run, const KPolyMesh& mesh, const KCornerUVs* uvs,
         }
         piece.size = static_cast<size_t>(at - start);
     } else if (run.kind == LineRun::kTexcoords) {
-        char* const start = piece.begin(static_cast<size_t>(lines) * (5 + 2 * kFloatChars));
+        char* const start = piece.data.get();
         char* at = start;
         for (int i = run.first; i < run.last; ++i) {
             const KFloat2& uv = uvs->uvs[i];
@@ -278,9 +287,7 @@ void FormatRun(const LineRun& run, const KPolyMesh& mesh, const KCornerUVs* uvs,
         }
         piece.size = static_cast<size_t>(at - start);
     } else {
-        size_t corners = 0;
-        for (int f = run.first; f < run.last; ++f) corners += static_cast<size_t>(mesh.faceCounts[f]);
-        char* const start = piece.begin(2 * static_cast<size_t>(lines) + corners * (2 + 2 * kIntChars));
+        char* const start = piece.data.get();
         char* at = start;
         const int* fv = mesh.faceVertices.data();
         const int* uv = uvs ? uvs->corners.data() : nullptr;
@@ -339,6 +346,8 @@ bool FormatObjPieces(const KPolyMesh& mesh, const KCornerUVs* uvs, const std::fu
     std::vector<TextPiece> pieces(static_cast<size_t>(2 * team));
     for (int first = 0; first < runCount; first += 2 * team) {
         const int count = std::min(2 * team, runCount - first);
+        // Buffers made here rather than on the threads: memory the threads take stays with them.
+        for (int r = 0; r < count; ++r) pieces[r].reserve(MostChars(runs[first + r], mesh));
         KAVRIN_OMP(omp parallel for schedule(static, 1) num_threads(team))
         for (int r = 0; r < count; ++r) FormatRun(runs[first + r], mesh, uvs, pieces[r]);
         for (int r = 0; r < count; ++r)
