@@ -19,7 +19,7 @@ import numpy as np
 
 from ._kavrin import (BINDING_FORMAT, DeltaMush, EngineError, EngineWarning, InputError, Jiggle, Offset, Relax,
                       Transfer, Wrap, __version__, read_markers, read_values)
-from . import _kavrin
+from . import _kavrin, farm
 
 __all__ = [
     "__version__", "BINDING_FORMAT", "InputError", "EngineError", "EngineWarning",
