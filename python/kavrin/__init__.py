@@ -32,6 +32,7 @@ __all__ = [
 Faces = Union[np.ndarray, List[List[int]]]
 
 
+# Decision (behaviour note "Python: writes are atomic")
 def _write_atomically(path: str, data: bytes) -> None:
     """Writes data as the file at path through a temporary file beside it, so that a failed write
     leaves whatever was there before."""
