@@ -53,6 +53,11 @@ struct KSparseLeastSquares::Library {
         cm.error_handler = ErrorHandler;
         // Decision (behaviour note "Deformation transfer: Cholesky factorisation of the normal equations").
         cm.supernodal = supernodal ? CHOLMOD_SUPERNODAL : CHOLMOD_SIMPLICIAL;
+#ifdef NSUPERNODAL
+        // A CHOLMOD built without its Supernodal module (the plug-in's) factors every system simplicially.
+        // Decision (behaviour note "Plug-in: simplicial factorisation only")
+        cm.supernodal = CHOLMOD_SIMPLICIAL;
+#endif
     }
     void freeObjects() {
         cholmod_free_sparse(&normal, &cm);

@@ -36,7 +36,8 @@ class KSparseLeastSquares {
 public:
     // Supernodal factorisation (dense blocks through BLAS) pays off where the factor is made once
     // per solve; the simplicial one analyses and factors quicker on mesh-shaped systems of this size
-    // and solves quicker, which suits a factor kept for many solves.
+    // and solves quicker, which suits a factor kept for many solves. Built against a CHOLMOD without
+    // the Supernodal module (the plug-in's), both factor simplicially.
     enum Method { kSupernodal, kSimplicial };
 
     explicit KSparseLeastSquares(Method method = kSupernodal);

@@ -19,17 +19,10 @@ const MString KDTPoint::drawRegistrantId(Kavrin::kDTPointDrawOverride.registrant
 MObject KDTPoint::positionObj;
 MObject KDTPoint::colorObj;
 
-KDTPoint::KDTPoint() : _quadric(gluNewQuadric()) {
-    // Guard (behaviour note "KDTPoint: quadric not created")
-    if (!_quadric) return;
-    gluQuadricDrawStyle(_quadric, GLU_FILL);
-    gluQuadricNormals(_quadric, GLU_SMOOTH);
-    gluQuadricTexture(_quadric, GL_TRUE);
-}
+// Decision (behaviour note "KDTPoint: solid shapes without GLU")
+KDTPoint::KDTPoint() = default;
 
-KDTPoint::~KDTPoint() {
-    if (_quadric) gluDeleteQuadric(_quadric);
-}
+KDTPoint::~KDTPoint() = default;
 
 void* KDTPoint::creator() { return new KDTPoint(); }
 

@@ -4,8 +4,6 @@
 // through KDrawOverride<KDTPoint> in Viewport 2.0. The marking tool creates it under the
 // transform "VertexPicked".
 
-#include <GL/glu.h>
-
 #include <maya/M3dView.h>
 #include <maya/MBoundingBox.h>
 #include <maya/MDagPath.h>
@@ -62,6 +60,4 @@ private:
     MObject _thisObj;
     MFnDependencyNode _dependFn;
     MFnDagNode _dagFn;
-    // Kept ready for solid marker shapes; the point does not use it.
-    GLUquadricObj* _quadric;
 };

@@ -138,14 +138,15 @@ private:
 
 }  // namespace
 
-MStatus initializePlugin(MObject obj) {
+// The two entry points are the only functions the plug-in exports (source/Kavrin.map).
+PLUGIN_EXPORT MStatus initializePlugin(MObject obj) {
     MFnPlugin plugin(obj, Kavrin::kPluginVendor, Kavrin::kPluginVersion, Kavrin::kPluginApiVersion);
     MayaPluginHost host(plugin);
     if (!Kavrin::LoadPlugin(host)) return host.status();
     return MS::kSuccess;
 }
 
-MStatus uninitializePlugin(MObject obj) {
+PLUGIN_EXPORT MStatus uninitializePlugin(MObject obj) {
     MFnPlugin plugin(obj, Kavrin::kUnloadVendor, Kavrin::kUnloadVersion, Kavrin::kPluginApiVersion);
     MayaPluginHost host(plugin);
     if (!Kavrin::UnloadPlugin(host)) return host.status();

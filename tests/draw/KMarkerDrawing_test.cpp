@@ -1,12 +1,16 @@
 // Marker drawing rendered for real in an off-screen OSMesa context: the pixels the point covers
-// and their colour, near and far from the camera, and the OpenGL state left behind.
+// and their colour, near and far from the camera, and the OpenGL state left behind; the solid
+// sphere against GLU's own, as OpenGL's feedback mode reports them.
 
 #include <gtest/gtest.h>
 
 #include <GL/osmesa.h>
 #include <GL/gl.h>
+#include <GL/glu.h>
 
+#include <algorithm>
 #include <array>
+#include <functional>
 #include <vector>
 
 #include "KMarkerDrawing.h"
@@ -66,7 +70,49 @@ std::vector<float> State() {
     return s;
 }
 
+// What a drawing sends down the pipeline, from OpenGL's feedback mode: per primitive its token and
+// per vertex the window position, the colour lighting gives it (so the normal counts) and the
+// texture coordinate.
+std::vector<GLfloat> Feedback(const std::function<void()>& draw) {
+    std::vector<GLfloat> buffer(1 << 20);
+    glFeedbackBuffer(GLsizei(buffer.size()), GL_3D_COLOR_TEXTURE, buffer.data());
+    glRenderMode(GL_FEEDBACK);
+    draw();
+    buffer.resize(std::max(glRenderMode(GL_RENDER), 0));
+    return buffer;
+}
+
 }  // namespace
+
+TEST(MarkerDrawing, SolidSphereIsWhatGluSphereDrawsWithTheQuadricSettingsTheMarkerHad) {
+    OffScreen gl;
+    if (!gl.context) GTEST_SKIP() << "OSMesa could not create an off-screen context";
+    glTranslatef(0.1f, -0.2f, -3.0f);
+    glRotatef(30.0f, 1.0f, 0.5f, 0.0f);
+    glEnable(GL_LIGHTING);
+    glEnable(GL_LIGHT0);
+    GLUquadric* quadric = gluNewQuadric();
+    ASSERT_NE(quadric, nullptr);
+    gluQuadricDrawStyle(quadric, GLU_FILL);
+    gluQuadricNormals(quadric, GLU_SMOOTH);
+    gluQuadricTexture(quadric, GL_TRUE);
+    const struct {
+        double radius;
+        int slices, stacks;
+        bool drawn;
+    } rows[] = {{0.5, 2, 1, true},   {1.0, 4, 3, true},   {0.8, 24, 12, true}, {0.0, 6, 3, true},
+                {-0.5, 8, 4, false}, {1.0, 1, 4, false}, {1.0, 8, 0, false}};
+    for (const auto& r : rows) {
+        const std::vector<GLfloat> glu = Feedback([&] { gluSphere(quadric, r.radius, r.slices, r.stacks); });
+        const std::vector<GLfloat> ours = Feedback([&] { DrawSolidSphere(r.radius, r.slices, r.stacks); });
+        EXPECT_EQ(!glu.empty(), r.drawn) << r.slices << " x " << r.stacks;
+        ASSERT_EQ(ours.size(), glu.size()) << r.slices << " x " << r.stacks;
+        for (size_t i = 0; i < glu.size(); ++i)
+            ASSERT_NEAR(ours[i], glu[i], 1e-4) << r.slices << " x " << r.stacks << ", value " << i;
+    }
+    gluDeleteQuadric(quadric);
+    EXPECT_EQ(glGetError(), static_cast<GLenum>(GL_NO_ERROR));
+}
 
 TEST(MarkerDrawing, FivePixelPointOfItsColourNearAndFarAndTheStateLeftAsFound) {
     OffScreen gl;
