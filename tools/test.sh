@@ -11,6 +11,9 @@ if [ "${1:-}" = "--sanitize" ]; then
   # Decision (behaviour note "Python: tests without the sanitizers")
   echo "test: the Python tests are skipped in the sanitizer build (Debian's python3 and NumPy are not built" \
        "with the sanitizers; the plain build runs them)"
+  # Decision (behaviour note "Blender: tests without the sanitizers")
+  echo "test: the Blender add-on's tests are skipped in the sanitizer build too (they run in Debian's Blender," \
+       "which is not built with the sanitizers; the plain build runs them)"
   export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
   export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 else
