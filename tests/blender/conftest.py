@@ -25,9 +25,7 @@ def addon():
 @pytest.fixture
 def blend(tmp_path):
     """An empty scene, frames 1 to 5, saved as tmp_path/shot.blend (caches go next to it)."""
-    for collection in (bpy.data.objects, bpy.data.meshes, bpy.data.actions):
-        for item in list(collection):
-            collection.remove(item)
+    bpy.ops.wm.read_homefile(use_empty=True)
     scene = bpy.context.scene
     scene.frame_start, scene.frame_end = 1, 5
     scene.frame_set(1)
