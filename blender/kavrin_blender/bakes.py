@@ -39,11 +39,14 @@ class _Bake(KavrinOperator):
 
     @staticmethod
     def deform_each(engine, poses, progress, **each):
-        out = []
+        out = None
         for i, pose in enumerate(poses):
-            out.append(engine.deform(pose, **{name: values[i] for name, values in each.items()}))
+            result = engine.deform(pose, **{name: values[i] for name, values in each.items()})
+            if out is None:
+                out = np.empty((len(poses),) + result.shape, np.float32)
+            out[i] = result
             progress.step()
-        return np.stack(out)
+        return out
 
 
 class KAVRIN_OT_bake_jiggle(_Bake, bpy.types.Operator):

@@ -112,25 +112,27 @@ def sample(context, objects, frames, progress=None):
     at each: a list, per object, of ((frames, n, 3) float32 points, (frames, 4, 4) world matrices).
     The caller holds the frame (kept_frame)."""
     scene = context.scene
+    points = [np.empty((len(frames), len(obj.data.vertices), 3), np.float32) for obj, _ in objects]
+    matrices = [np.empty((len(frames), 4, 4)) for _ in objects]
     with contextlib.ExitStack() as stack:
         for obj, cache_name in objects:
             stack.enter_context(stopped_stack(obj, cache_name))
-        taken = [([], []) for _ in objects]
-        for frame in frames:
+        for i, frame in enumerate(frames):
             scene.frame_set(frame)
             depsgraph = context.evaluated_depsgraph_get()
-            for (obj, _), (points, matrices) in zip(objects, taken):
-                p, m = deformed(obj, depsgraph, frame)
-                points.append(p)
-                matrices.append(m)
+            for k, (obj, _) in enumerate(objects):
+                points[k][i], matrices[k][i] = deformed(obj, depsgraph, frame)
             if progress is not None:
                 progress.step()
-    return [(np.stack(points), np.stack(matrices)) for points, matrices in taken]
+    return list(zip(points, matrices))
 
 
 def to_world(points, matrices):
     """Points (frames, n, 3) in object space into world space by each frame's matrix."""
-    return (np.einsum("fij,fnj->fni", matrices[:, :3, :3], points) + matrices[:, None, :3, 3]).astype(np.float32)
+    out = np.empty(points.shape, np.float32)
+    for i, m in enumerate(matrices):
+        out[i] = points[i] @ m[:3, :3].T + m[:3, 3]
+    return out
 
 
 def to_object(points, matrices, name):
@@ -139,8 +141,10 @@ def to_object(points, matrices, name):
     # Guard (behaviour note "Blender: a world matrix that cannot be inverted")
     if (np.abs(np.linalg.det(linear)) < 1e-12).any():
         raise Refusal(f"{name}'s world matrix is flat (a scale of 0) at some frame: its points cannot be put back")
-    inverse = np.linalg.inv(linear)
-    return np.einsum("fij,fnj->fni", inverse, points - matrices[:, None, :3, 3]).astype(np.float32)
+    out = np.empty(points.shape, np.float32)
+    for i, (m, inverse) in enumerate(zip(matrices, np.linalg.inv(linear))):
+        out[i] = (points[i] - m[:3, 3]) @ inverse.T
+    return out
 
 
 def group_values(obj, name):
