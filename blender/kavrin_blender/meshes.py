@@ -61,6 +61,7 @@ def stop_index(obj, cache_name=None):
     """Where Kavrin's reading of the object's modifier stack stops: at its own cache modifier
     named cache_name (a bake reads what comes before it) or the first modifier that may change the
     vertices, whichever comes first. A new cache modifier goes there too."""
+    # Decision (behaviour note "Blender: a mesh is read up to its first modifier that may renumber it")
     for i, modifier in enumerate(obj.modifiers):
         if (modifier.type == 'MESH_CACHE' and modifier.name == cache_name) or modifier.type not in KEEPS_VERTICES:
             return i
@@ -111,6 +112,7 @@ def sample(context, objects, frames, progress=None):
     """Steps the scene through frames (in order) and samples each (object, cache_name) of objects
     at each: a list, per object, of ((frames, n, 3) float32 points, (frames, 4, 4) world matrices).
     The caller holds the frame (kept_frame)."""
+    # Decision (behaviour note "Blender: the frame and the modifiers are put back")
     scene = context.scene
     points = [np.empty((len(frames), len(obj.data.vertices), 3), np.float32) for obj, _ in objects]
     matrices = [np.empty((len(frames), 4, 4)) for _ in objects]
@@ -131,7 +133,7 @@ def to_world(points, matrices):
     """Points (frames, n, 3) in object space into world space by each frame's matrix."""
     out = np.empty(points.shape, np.float32)
     for i, m in enumerate(matrices):
-        out[i] = points[i] @ m[:3, :3].T + m[:3, 3]
+        out[i] = points[i] if _identity(m) else points[i] @ m[:3, :3].T + m[:3, 3]
     return out
 
 
@@ -143,8 +145,13 @@ def to_object(points, matrices, name):
         raise Refusal(f"{name}'s world matrix is flat (a scale of 0) at some frame: its points cannot be put back")
     out = np.empty(points.shape, np.float32)
     for i, (m, inverse) in enumerate(zip(matrices, np.linalg.inv(linear))):
-        out[i] = (points[i] - m[:3, 3]) @ inverse.T
+        out[i] = points[i] if _identity(m) else (points[i] - m[:3, 3]) @ inverse.T
     return out
+
+
+def _identity(matrix):
+    """An object at the origin, unrotated and unscaled (most deformed characters): nothing to do."""
+    return np.array_equal(matrix, np.eye(4))
 
 
 def group_values(obj, name):
