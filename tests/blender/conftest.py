@@ -17,7 +17,9 @@ KAVRIN = os.environ.get("KAVRIN_EXE", "")
 @pytest.fixture(scope="session", autouse=True)
 def addon():
     module = addon_utils.enable("kavrin_blender", default_set=True)
+    # The add-on of the source tree on the build tree's package, not installed copies.
     assert module is not None and module.__file__.startswith(os.environ["KAVRIN_SOURCE_DIR"])
+    assert kavrin.__file__.startswith(os.environ["KAVRIN_PYTHON_DIR"])
     yield module
     addon_utils.disable("kavrin_blender")
 
