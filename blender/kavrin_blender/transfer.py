@@ -56,6 +56,7 @@ class KAVRIN_OT_transfer_shape_keys(KavrinOperator, bpy.types.Operator):
         if not shapes:
             raise Refusal(f"{source.name} has no shape keys besides its basis")
         basis = target.data.shape_keys.reference_key if target.data.shape_keys else None
+        # Guard (behaviour note "Blender: a shape key named like the target's basis")
         clash = next((k.name for k in shapes if basis is not None and k.name == basis.name), None)
         if clash is not None:
             raise Refusal(f"A shape key of {source.name} is named \"{clash}\" like the basis of {target.name}: "
