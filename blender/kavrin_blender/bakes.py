@@ -2,6 +2,8 @@
 each into a point cache next to the .blend file played by a Mesh Cache modifier. A bake reads the
 mesh as its shape keys and modifiers leave it up to its own cache modifier."""
 
+import os
+
 import bpy
 import numpy as np
 
@@ -13,19 +15,23 @@ JIGGLE_SETTINGS = ("stiffness", "damping", "normal_strength", "scale", "distance
 JIGGLE_MAPS = ("stiffness_map", "damping_map", "normal_strength_map", "weights")
 
 
-class _Bake(KavrinOperator):
-    kind = ""
+def object_mode_mesh(cls, context):
+    """Whether an operator on the active mesh can run: a mesh is active, in Object Mode."""
+    if context.mode != 'OBJECT':
+        cls.poll_message_set("Switch to Object Mode")
+        return False
+    obj = context.active_object
+    if obj is None or obj.type != 'MESH':
+        cls.poll_message_set("Make a mesh active")
+        return False
+    return True
 
-    @classmethod
-    def ready(cls, context):
-        if context.mode != 'OBJECT':
-            cls.poll_message_set("Switch to Object Mode")
-            return False
-        obj = context.active_object
-        if obj is None or obj.type != 'MESH':
-            cls.poll_message_set("Make an animated mesh active")
-            return False
-        return True
+
+class Bake(KavrinOperator):
+    """An operator that samples the scene's frame range and writes the active mesh's cache of its
+    kind: compute(context, obj, frames, progress) gives the frames in the object's space."""
+    kind = ""
+    ready = classmethod(object_mode_mesh)
 
     def run(self, context):
         obj = context.active_object
@@ -34,8 +40,8 @@ class _Bake(KavrinOperator):
         frames = range(scene.frame_start, scene.frame_end + 1)
         with meshes.Progress(context, 2 * len(frames)) as progress, meshes.kept_frame(scene):
             result = self.compute(context, obj, frames, progress)
-        caches.write(obj, self.kind, result, frames[0])
-        return f"Baked {len(frames)} frames of {self.bl_label[5:].lower()} on {obj.name}"
+        path = caches.write(obj, self.kind, result, frames[0])
+        return f"{self.bl_label}: {len(frames)} frames into {os.path.basename(path)}"
 
     @staticmethod
     def deform_each(engine, poses, progress, **each):
@@ -49,7 +55,7 @@ class _Bake(KavrinOperator):
         return out
 
 
-class KAVRIN_OT_bake_jiggle(_Bake, bpy.types.Operator):
+class KAVRIN_OT_bake_jiggle(Bake, bpy.types.Operator):
     bl_idname = "kavrin.bake_jiggle"
     bl_label = "Bake Jiggle"
     bl_description = ("Simulate jiggle on the animated mesh over the scene's frame range (in world space, one step "
@@ -68,7 +74,7 @@ class KAVRIN_OT_bake_jiggle(_Bake, bpy.types.Operator):
         return meshes.to_object(jiggled, matrices, obj.name)
 
 
-class KAVRIN_OT_bake_wrap(_Bake, bpy.types.Operator):
+class KAVRIN_OT_bake_wrap(Bake, bpy.types.Operator):
     bl_idname = "kavrin.bake_wrap"
     bl_label = "Bake Wrap"
     bl_description = ("Bind the active mesh to the driver where both stand at the current frame, then make it "
@@ -87,7 +93,7 @@ class KAVRIN_OT_bake_wrap(_Bake, bpy.types.Operator):
         return meshes.to_object(followed, matrices, obj.name)
 
 
-class KAVRIN_OT_bake_delta_mush(_Bake, bpy.types.Operator):
+class KAVRIN_OT_bake_delta_mush(Bake, bpy.types.Operator):
     bl_idname = "kavrin.bake_delta_mush"
     bl_label = "Bake Delta Mush"
     bl_description = ("Smooth the animated mesh over the scene's frame range and put back the detail of its rest "

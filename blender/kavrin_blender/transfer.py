@@ -4,17 +4,16 @@ its shape keys once, or its animation over the scene's frame range into a point 
 import bpy
 import numpy as np
 
-from . import caches, meshes, pairs
+from . import meshes, pairs
+from .bakes import Bake, object_mode_mesh
 from .engine import KavrinOperator, Refusal, kavrin
 
 
 def _ready(cls, context):
-    if context.mode != 'OBJECT':
-        cls.poll_message_set("Switch to Object Mode")
+    if not object_mode_mesh(cls, context):
         return False
-    target = context.active_object
-    if target is None or target.type != 'MESH' or target.kavrin.source is None:
-        cls.poll_message_set("Make the target active and set its source")
+    if context.active_object.kavrin.source is None:
+        cls.poll_message_set("Set the source of the active mesh (Marker Pairs)")
         return False
     return True
 
@@ -34,7 +33,7 @@ def build(target):
     # Decision (behaviour note "Blender: transferred shapes stay where the target stands")
     s, t = markers[0]
     shift = target_rest[t].astype(np.float64) - source_rest[s]
-    return source, transfer, source_rest, shift
+    return source, transfer, shift
 
 
 def _shifted(points, shift):
@@ -61,7 +60,7 @@ class KAVRIN_OT_transfer_shape_keys(KavrinOperator, bpy.types.Operator):
         if clash is not None:
             raise Refusal(f"A shape key of {source.name} is named \"{clash}\" like the basis of {target.name}: "
                           f"rename one of them")
-        source, transfer, _, shift = build(target)
+        source, transfer, shift = build(target)
         count = len(source.data.vertices)
         results = []
         with meshes.Progress(context, len(shapes)) as progress:
@@ -84,27 +83,18 @@ class KAVRIN_OT_transfer_shape_keys(KavrinOperator, bpy.types.Operator):
         return f"Transferred {len(shapes)} shape keys from {source.name} onto {target.name}"
 
 
-class KAVRIN_OT_transfer_animation(KavrinOperator, bpy.types.Operator):
+class KAVRIN_OT_transfer_animation(Bake, bpy.types.Operator):
     bl_idname = "kavrin.transfer_animation"
     bl_label = "Transfer Animation"
     bl_description = ("Carry the source's deformed mesh, frame by frame over the scene's frame range, onto the "
                       "active mesh as a point cache next to the .blend file, played by a Mesh Cache modifier")
+    kind = "transfer"
     ready = classmethod(_ready)
 
-    def run(self, context):
-        target = context.active_object
-        caches.cache_path(target, "transfer")  # refuses an unsaved file before any work
-        scene = context.scene
-        frames = range(scene.frame_start, scene.frame_end + 1)
-        source, transfer, _, shift = build(target)
-        with meshes.Progress(context, 2 * len(frames)) as progress, meshes.kept_frame(scene):
-            [(poses, _)] = meshes.sample(context, [(source, None)], frames, progress)
-            result = np.empty((len(frames), len(target.data.vertices), 3), np.float32)
-            for i, pose in enumerate(poses):
-                result[i] = _shifted(transfer.deform(pose), shift)
-                progress.step()
-        caches.write(target, "transfer", result, frames[0])
-        return f"Transferred {len(frames)} frames of {source.name} onto {target.name}"
+    def compute(self, context, target, frames, progress):
+        source, transfer, shift = build(target)
+        [(poses, _)] = meshes.sample(context, [(source, None)], frames, progress)
+        return _shifted(self.deform_each(transfer, poses, progress), shift)
 
 
 classes = (KAVRIN_OT_transfer_shape_keys, KAVRIN_OT_transfer_animation)
