@@ -43,7 +43,8 @@ def faces(mesh):
     return [corners[s:s + t].tolist() for s, t in zip(starts, totals)]
 
 
-def _points(collection, count):
+def points_of(collection, count):
+    """The "co" of every item of a collection (vertices, shape key points) as (count, 3) float32."""
     points = np.empty(count * 3, np.float32)
     collection.foreach_get("co", points)
     return points.reshape(count, 3)
@@ -53,8 +54,8 @@ def basis(obj):
     """The rest shape of a mesh object: its basis shape key, or its vertices without shape keys."""
     mesh = obj.data
     if mesh.shape_keys is not None:
-        return _points(mesh.shape_keys.reference_key.data, len(mesh.vertices))
-    return _points(mesh.vertices, len(mesh.vertices))
+        return points_of(mesh.shape_keys.reference_key.data, len(mesh.vertices))
+    return points_of(mesh.vertices, len(mesh.vertices))
 
 
 def stop_index(obj, cache_name=None):
@@ -93,7 +94,7 @@ def deformed(obj, depsgraph, frame):
         if len(mesh.vertices) != count:
             raise Refusal(f"{obj.name} has {len(mesh.vertices)} vertices at frame {frame} after its shape keys "
                           f"and modifiers, but its mesh has {count}: Kavrin needs the mesh's own vertices")
-        return _points(mesh.vertices, count), np.array(evaluated.matrix_world, np.float64)
+        return points_of(mesh.vertices, count), np.array(evaluated.matrix_world, np.float64)
     finally:
         evaluated.to_mesh_clear()
 

@@ -65,9 +65,7 @@ class KAVRIN_OT_transfer_shape_keys(KavrinOperator, bpy.types.Operator):
         results = []
         with meshes.Progress(context, len(shapes)) as progress:
             for key in shapes:
-                points = np.empty(count * 3, np.float32)
-                key.data.foreach_get("co", points)
-                results.append(_shifted(transfer.deform(points.reshape(count, 3)), shift))
+                results.append(_shifted(transfer.deform(meshes.points_of(key.data, count)), shift))
                 progress.step()
         # Everything is computed: only now does the target change.
         if basis is None:
@@ -77,7 +75,8 @@ class KAVRIN_OT_transfer_shape_keys(KavrinOperator, bpy.types.Operator):
             made = target.data.shape_keys.key_blocks.get(key.name) or target.shape_key_add(name=key.name, from_mix=False)
             made.data.foreach_set("co", points.ravel())
             made.relative_key = basis
-            made.slider_min, made.slider_max = key.slider_min, key.slider_max
+            made.slider_min = -10.0  # the lowest Blender takes: the new maximum may lie below the old minimum
+            made.slider_max, made.slider_min = key.slider_max, key.slider_min
             made.value = key.value
         target.data.update()
         return f"Transferred {len(shapes)} shape keys from {source.name} onto {target.name}"

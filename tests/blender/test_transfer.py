@@ -60,11 +60,14 @@ def test_shape_keys_match_the_command_line(blend, tmp_path):
     points, _ = grid(6)
     for name, amount in (("bend", 0.8), ("curl", -0.5)):
         add_key(source, name, bent(points, amount))
+    curl = source.data.shape_keys.key_blocks["curl"]
+    curl.slider_min, curl.slider_max, curl.value = -1.0, 2.0, 1.5
     args = files(tmp_path, source, target)
     bpy.ops.kavrin.transfer_shape_keys()
 
     keys = target.data.shape_keys.key_blocks
     assert [k.name for k in keys] == ["Basis", "bend", "curl"]
+    assert (keys["curl"].slider_min, keys["curl"].slider_max, keys["curl"].value) == (-1.0, 2.0, 1.5)
     for name, amount in (("bend", 0.8), ("curl", -0.5)):
         kavrin.write_obj(tmp_path / f"{name}.obj", bent(points, amount), grid(6)[1])
         run_kavrin("transfer", *args, tmp_path / f"{name}.obj", "-o", tmp_path / f"lion-{name}.obj")
