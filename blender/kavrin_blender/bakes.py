@@ -8,7 +8,7 @@ import bpy
 import numpy as np
 
 from . import caches, meshes
-from .engine import KavrinOperator, Refusal, kavrin
+from .engine import KavrinOperator, kavrin
 
 JIGGLE_SETTINGS = ("stiffness", "damping", "normal_strength", "scale", "distance_limit", "direction_bias",
                    "time_scale", "start_frame", "more_accurate_tangent", "envelope")
