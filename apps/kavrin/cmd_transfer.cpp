@@ -97,7 +97,7 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
                     "target triangle, S its source triangle or -1)");
     AddThreadsOption(sub, options->threads);
     sub->add_option("poses", options->poses,
-                    "source poses: OBJ files with the rest source's vertices and faces, point caches (.pc2, .mdd)");
+                    "source poses: OBJ files with the rest source's vertices and faces, or point caches (.pc2, .mdd)");
     AddOutputOption(sub, options->out, kOutputHelp);
 
     commands.push_back(Command{sub, [options, fixed]() {
