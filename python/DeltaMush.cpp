@@ -23,8 +23,8 @@ public:
         d->setUp(envelope, threads);
         const py::dict b = CheckBinding(binding, "deltamush");
         RequireSameFaces(b, "faces", d->_rest, "rest", "deltamush");
-        const int iterations = CountInRange(py::int_(Item(b, "iterations", "deltamush")).cast<int>(), 1, 10000,
-                                       "deltamush binding: iterations");
+        const int iterations = CountInRange(WholeNumber(Item(b, "iterations", "deltamush"), "deltamush binding: iterations"),
+                                            1, 10000, "deltamush binding: iterations");
         const py::array_t<double> delta = Reals(Item(b, "delta", "deltamush"), "deltamush binding: delta", 3);
         RequireVertexCount(static_cast<int>(delta.shape(0)), "deltamush binding: delta", d->_rest.numVertices(), "rest");
         KArray<KDouble3> deltas(static_cast<int>(delta.shape(0)));

@@ -51,7 +51,7 @@ py::dict CheckBinding(py::handle binding, const std::string& kind) {
     py::dict b = py::reinterpret_borrow<py::dict>(binding);
     const std::string what = py::str(Item(b, "kind", kind)).cast<std::string>();
     if (what != kind) throw KInputError(kind + " binding: this is a " + what + " binding");
-    const int format = py::int_(Item(b, "format", kind)).cast<int>();
+    const int format = WholeNumber(Item(b, "format", kind), kind + " binding: format");
     if (format != kBindingFormat)
         throw KInputError(kind + " binding: format " + std::to_string(format) + "; this kavrin reads format " +
                           std::to_string(kBindingFormat));

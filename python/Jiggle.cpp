@@ -51,7 +51,7 @@ public:
         if (times.is_none()) {
             for (int f = 0; f < in.frames(); ++f) at[f] = _next + f;
         } else if (!in.isBatch()) {
-            at[0] = times.cast<double>();
+            at[0] = Number(times, "times");
         } else {
             const py::array_t<double> t = Reals(times, "times", 0);
             if (t.shape(0) != in.frames())

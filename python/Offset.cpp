@@ -17,7 +17,7 @@ public:
         const int nv = _mesh.numVertices();
         if (texture.is_none() == red.is_none()) throw KInputError("give one of texture and red");
         const float r = red.is_none() ? 0.0f
-                                      : static_cast<float>(InRange(red.cast<double>(), -kLargestCoordinate,
+                                      : static_cast<float>(InRange(Number(red, "red"), -kLargestCoordinate,
                                                                    kLargestCoordinate, "red"));
         if (py::isinstance<py::str>(texture)) {
             _texture = ReadTextureRed(texture.cast<std::string>());
@@ -30,6 +30,7 @@ public:
         if (!texture.is_none()) {
             if (uvs.is_none()) throw KInputError("uvs: a texture is sampled at each vertex's UV; give uvs (n, 2)");
             const py::array_t<double> u = Reals(uvs, "uvs", 2);
+            RequireValues(u.data(), static_cast<int>(u.size()), -1, nullptr, "uvs");
             RequireVertexCount(static_cast<int>(u.shape(0)), "uvs", nv, "mesh");
             _uvs.setLength(nv, false);
             for (int i = 0; i < nv; ++i)

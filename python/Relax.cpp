@@ -1,9 +1,12 @@
 // kavrin.Relax: the relaxation deformer bound to a rest mesh, on point arrays.
 
+#include <cfloat>
+#include <cmath>
 #include <memory>
 
 #include "Engine.h"
 #include "RelaxRun.h"
+#include "TextFields.h"
 
 namespace KavrinPython {
 
@@ -104,7 +107,10 @@ private:
         for (int v = 0; v < nv; ++v) total += static_cast<size_t>(counts.at(v));
         const auto list = [&](const char* key, bool ids) -> py::array {
             const std::string name = kind + " binding: " + key;
-            py::array a = ids ? py::array(Integers(Item(b, key, kind), name, 0, nv - 1)) : py::array(Reals(Item(b, key, kind), name, 0));
+            // Decision (behaviour note "Python: bindings that do not fit"): the engine's own NaN and
+            // infinities (flat corners, vertical edges) are kept as it stores them.
+            py::array a = ids ? py::array(Integers(Item(b, key, kind), name, 0, nv - 1))
+                              : py::array(Reals(Item(b, key, kind), name, 0, false));
             if (a.ndim() != 1 || static_cast<size_t>(a.shape(0)) != total)
                 throw KInputError(name + ": " + std::to_string(a.size()) + " entries, but counts add up to " +
                                   std::to_string(total));
@@ -112,8 +118,13 @@ private:
         };
         const py::array_t<int> neighbours = list("neighbours", true), ring = list("ring", true);
         const py::array_t<double> ratios = list("ratios", false), weights = list("weights", false);
-        const py::array_t<double> heights = Reals(Item(b, "heights", kind), kind + " binding: heights", 0);
+        const py::array_t<double> heights = Reals(Item(b, "heights", kind), kind + " binding: heights", 0, false);
         RequireVertexCount(static_cast<int>(heights.shape(0)), kind + " binding: heights", nv, "rest");
+        // Guard (behaviour note "Python: bindings that do not fit"): the engine keeps heights as floats.
+        for (int v = 0; v < nv; ++v)
+            if (std::isfinite(heights.at(v)) && std::fabs(heights.at(v)) > FLT_MAX)
+                throw KInputError(kind + " binding: heights[" + std::to_string(v) + "]: " + NumberText(heights.at(v)) +
+                                  " is beyond the range of a float");
         KRelaxationBindingData d;
         size_t at = 0;
         for (int v = 0; v < nv; ++v) {

@@ -26,7 +26,7 @@ public:
         RequireSameFaces(b, "source_faces", t->_source, "source_rest", kind);
         RequireSameFaces(b, "target_faces", t->_target, "target", kind);
         t->settle(Item(b, "markers", kind), Item(b, "fixed", kind), py::str(Item(b, "mode", kind)),
-                  py::int_(Item(b, "iterations", kind)).cast<int>(), threads);
+                  WholeNumber(Item(b, "iterations", kind), kind + " binding: iterations"), threads);
         KTriMesh source, targetTriangles;
         t->_source.triangulate(source);
         t->_target.triangulate(targetTriangles);
