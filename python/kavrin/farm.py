@@ -49,17 +49,41 @@ def _run(key: str, kind: str, rig: dict, shot: Shot, out: Optional[str]):
     return out
 
 
+def _paths(rigs: Mapping[str, dict], shots: Mapping[str, Shot], out: Optional[str],
+           field: str) -> Dict[Tuple[str, str], Optional[str]]:
+    """Where each (shot, rig) result goes: nowhere without out, else a point cache, each its own."""
+    paths: Dict[Tuple[str, str], Optional[str]] = {}
+    owner: Dict[str, str] = {}
+    for name in rigs:
+        for shot in shots:
+            if out is None:
+                paths[(shot, name)] = None
+                continue
+            try:
+                paths[(shot, name)] = path = out.format(shot=shot, **{field: name})
+            except (KeyError, IndexError, ValueError) as e:
+                raise kavrin.InputError(f"out: {out} is not a format of {{shot}} and {{{field}}} ({e!r})") from None
+            # Guard (behaviour note "Python: farm outputs checked before any work")
+            if not path.lower().endswith((".pc2", ".mdd")):
+                raise kavrin.InputError(f"out: {path} is not a point cache (the name must end in .pc2 or .mdd)")
+            label = shot if len(rigs) == 1 else f"{shot} ({name})"
+            if path in owner:
+                raise kavrin.InputError(f"out: the results of {owner[path]} and {label} would both be {path}")
+            owner[path] = label
+    return paths
+
+
 def _submit(client, kind: str, rigs: Mapping[str, dict], shots: Mapping[str, Shot], out: Optional[str],
             field: str) -> Dict[Tuple[str, str], object]:
     from dask.base import tokenize
+    paths = _paths(rigs, shots, out, field)
     futures = {}
     for name, rig in rigs.items():
         key = f"kavrin-{kind}-{tokenize(rig)}"
         # Decision (behaviour note "Python: the farm builds each engine once per worker")
         [rig_future] = client.scatter([rig], broadcast=True, hash=False)
         for shot, poses in shots.items():
-            path = None if out is None else out.format(shot=shot, **{field: name})
-            futures[(shot, name)] = client.submit(_run, key, kind, rig_future, poses, path, pure=False,
+            futures[(shot, name)] = client.submit(_run, key, kind, rig_future, poses, paths[(shot, name)], pure=False,
                                                   key=f"{key}-{shot}")
     results = client.gather(list(futures.values()))
     return dict(zip(futures.keys(), results))

@@ -62,6 +62,8 @@ CASES = [
      "deltamush binding: delta: 8 vertices, but rest has 9"),
     (lambda: kavrin.DeltaMush.from_binding(MESH, dict(dm().binding, iterations="5")),
      "deltamush binding: iterations: expected a number, not <class 'str'>"),
+    (lambda: kavrin.farm.deltamush(None, MESH, {"sh010": POINTS, "sh020": POINTS}, out="out.pc2"),
+     "out: the results of sh010 and sh020 would both be out.pc2"),
     (lambda: kavrin.read_obj("missing.obj"), "missing.obj: cannot open the file (No such file or directory)"),
     (lambda: kavrin.load_binding("missing.npz"), "missing.npz: cannot open the file (No such file or directory)"),
 ]
