@@ -75,16 +75,19 @@ void Points::frame(int f, KVectorArray& out) const {
     out.setLength(_count, false);
     const size_t at = 3 * static_cast<size_t>(_count) * static_cast<size_t>(f);
     if (!_double) {
-        std::memcpy(static_cast<void*>(out.data()), static_cast<const float*>(_array.data()) + at, sizeof(KVector) * _count);
+        std::memcpy(static_cast<void*>(out.data()), static_cast<const float*>(_array.data()) + at,
+                    sizeof(KVector) * _count);
         return;
     }
     const double* p = static_cast<const double*>(_array.data()) + at;
     for (int v = 0; v < _count; ++v)
-        out[v] = KVector(static_cast<float>(p[3 * v]), static_cast<float>(p[3 * v + 1]), static_cast<float>(p[3 * v + 2]));
+        out[v] =
+            KVector(static_cast<float>(p[3 * v]), static_cast<float>(p[3 * v + 1]), static_cast<float>(p[3 * v + 2]));
 }
 
 py::array_t<float> Points::like(int count) const {
-    if (_batch) return py::array_t<float>({static_cast<py::ssize_t>(_frames), static_cast<py::ssize_t>(count), py::ssize_t(3)});
+    if (_batch)
+        return py::array_t<float>({static_cast<py::ssize_t>(_frames), static_cast<py::ssize_t>(count), py::ssize_t(3)});
     return py::array_t<float>({static_cast<py::ssize_t>(count), py::ssize_t(3)});
 }
 
@@ -121,7 +124,8 @@ void Faces(py::handle faces, int vertices, const std::string& name, KPolyMesh& m
                 throw KInputError(name + ": face " + std::to_string(f) + " is not a sequence of vertex indices");
             int corners = 0;
             for (py::handle index : polygon) {
-                if (!py::isinstance<py::int_>(index) && !(py::isinstance<py::array>(index) && IsInteger(py::reinterpret_borrow<py::array>(index))))
+                if (!py::isinstance<py::int_>(index) &&
+                    !(py::isinstance<py::array>(index) && IsInteger(py::reinterpret_borrow<py::array>(index))))
                     throw KInputError(name + ": face " + std::to_string(f) + " holds " +
                                       py::repr(index).cast<std::string>() + ", not a vertex index");
                 long long v = -1;

@@ -64,8 +64,8 @@ void RequireSameFaces(const py::dict& binding, const char* key, const KPolyMesh&
         throw KInputError(kind + " binding: it was made for a mesh with other faces than " + meshName + "'s");
 }
 
-py::array_t<float> EvaluateFrames(const Points& points, int count, std::mutex& lock, PythonSink& sink,
-                                  const std::function<KVectorArray(int, const KVectorArray&)>& deform) {
+py::array_t<float> EvaluateFrames(const Points& points, const KPolyMesh& mesh, int count, std::mutex& lock,
+                                  PythonSink& sink, const std::function<KVectorArray(int, const KPolyMesh&)>& deform) {
     py::array_t<float> out = points.like(count);
     float* o = out.mutable_data();
     {
@@ -73,10 +73,10 @@ py::array_t<float> EvaluateFrames(const Points& points, int count, std::mutex& l
         py::gil_scoped_release release;
         EngineLock held(lock);
         points.requireComputable();
-        KVectorArray frame;
+        KPolyMesh pose = mesh;
         for (int f = 0; f < points.frames(); ++f) {
-            points.frame(f, frame);
-            const KVectorArray result = deform(f, frame);
+            points.frame(f, pose.points);
+            const KVectorArray result = deform(f, pose);
             RequireFiniteResult(result, points.isBatch() ? "frame " + std::to_string(f) : "points", std::string(),
                                 std::string());
             if (result.length() != count) throw KRunError("the engine returned a result of another size");

@@ -46,11 +46,8 @@ public:
 
     py::array_t<float> deform(py::handle points) {
         const Points in(points, "points", true, _mesh.numVertices(), "mesh");
-        KPolyMesh pose = _mesh;
-        return EvaluateFrames(in, _mesh.numVertices(), _lock, _sink, [&](int, const KVectorArray& frame) {
-            pose.points = frame;
-            return _run->deform(pose, _uvs, _weights);
-        });
+        return EvaluateFrames(in, _mesh, _mesh.numVertices(), _lock, _sink,
+                              [&](int, const KPolyMesh& pose) { return _run->deform(pose, _uvs, _weights); });
     }
 
 private:
@@ -66,7 +63,9 @@ private:
 }  // namespace
 
 void BindOffset(py::module_& m) {
-    py::class_<Offset>(m, "Offset", R"(Vertices pushed along their averaged normals by envelope x scale x red x weight (``kavrin offset``).
+    py::class_<Offset>(
+        m, "Offset",
+        R"(Vertices pushed along their averaged normals by envelope x scale x red x weight (``kavrin offset``).
 
 Args:
     mesh: the mesh, ``(points, faces)`` (its faces give the normals).

@@ -12,15 +12,11 @@ namespace KavrinPython {
 
 namespace {
 
-struct RelaxOptions {
-    RelaxSettings settings;
-    KArray<double> stiffness, weights;
-};
-
 class Relax {
 public:
-    Relax(py::handle rest, py::handle binding, int iterations, py::handle stiffness, bool scaleSafe, py::handle colliders,
-          py::handle colliderMaps, int collisionSteps, bool collisions, py::handle weights, double envelope, int threads)
+    Relax(py::handle rest, py::handle binding, int iterations, py::handle stiffness, bool scaleSafe,
+          py::handle colliders, py::handle colliderMaps, int collisionSteps, bool collisions, py::handle weights,
+          double envelope, int threads)
         : _rest(Mesh(rest, "rest")) {
         const int nv = _rest.numVertices();
         // The command line's ranges (behaviour note "Relaxation options on the command line").
@@ -58,11 +54,8 @@ public:
 
     py::array_t<float> deform(py::handle points) {
         const Points in(points, "points", true, _rest.numVertices(), "rest");
-        KPolyMesh pose = _rest;
-        return EvaluateFrames(in, _rest.numVertices(), _lock, _sink, [&](int, const KVectorArray& frame) {
-            pose.points = frame;
-            return _run->relax(pose, _settings);
-        });
+        return EvaluateFrames(in, _rest, _rest.numVertices(), _lock, _sink,
+                              [&](int, const KPolyMesh& pose) { return _run->relax(pose, _settings); });
     }
 
     py::dict binding() const {
@@ -100,7 +93,8 @@ private:
         const py::dict b = CheckBinding(binding, kind);
         RequireSameFaces(b, "faces", _rest, "rest", kind);
         const int nv = _rest.numVertices();
-        const py::array_t<int> counts = Integers(Item(b, "counts", kind), kind + " binding: counts", 0, kRelaxMaxNeighbours);
+        const py::array_t<int> counts =
+            Integers(Item(b, "counts", kind), kind + " binding: counts", 0, kRelaxMaxNeighbours);
         if (counts.ndim() != 1) throw KInputError(kind + " binding: counts must be a 1-D array");
         RequireVertexCount(static_cast<int>(counts.shape(0)), kind + " binding: counts", nv, "rest");
         size_t total = 0;
@@ -187,10 +181,11 @@ Args:
                 return new Relax(rest, binding, iterations, stiffness, scaleSafe, colliders, colliderMaps,
                                  collisionSteps, collisions, weights, envelope, threads);
             },
-            py::arg("rest"), py::arg("binding"), py::arg("iterations") = 10, py::arg("stiffness") = kRelaxDefaultStiffness,
-            py::arg("scale_safe") = false, py::arg("colliders") = py::tuple(), py::arg("collider_maps") = py::tuple(),
-            py::arg("collision_steps") = 1, py::arg("collisions") = true, py::arg("weights") = py::none(),
-            py::arg("envelope") = 1.0, py::arg("threads") = 0,
+            py::arg("rest"), py::arg("binding"), py::arg("iterations") = 10,
+            py::arg("stiffness") = kRelaxDefaultStiffness, py::arg("scale_safe") = false,
+            py::arg("colliders") = py::tuple(), py::arg("collider_maps") = py::tuple(), py::arg("collision_steps") = 1,
+            py::arg("collisions") = true, py::arg("weights") = py::none(), py::arg("envelope") = 1.0,
+            py::arg("threads") = 0,
             R"(A Relax that uses a saved binding (``Relax.binding``) instead of binding again; the other
 arguments as for the constructor.)")
         .def("deform", &Relax::deform, py::arg("points"),

@@ -52,11 +52,8 @@ public:
 
     py::array_t<float> deform(py::handle poses) {
         const Points in(poses, "points", true, _source.numVertices(), "source_rest");
-        KPolyMesh pose = _source;
-        return EvaluateFrames(in, _target.numVertices(), _lock, _sink, [&](int, const KVectorArray& frame) {
-            pose.points = frame;
-            return _run->transfer(pose);
-        });
+        return EvaluateFrames(in, _source, _target.numVertices(), _lock, _sink,
+                              [&](int, const KPolyMesh& pose) { return _run->transfer(pose); });
     }
 
     py::array_t<int> pairing() const {

@@ -31,8 +31,10 @@ public:
         const py::array_t<int> bound =
             Integers(Item(b, "triangles", kind), kind + " binding: triangles", 0, triangles.numTriangles() - 1);
         if (bound.ndim() != 1) throw KInputError(kind + " binding: triangles must be a 1-D array");
-        RequireVertexCount(static_cast<int>(bound.shape(0)), kind + " binding: triangles", w->_mesh.numVertices(), "mesh");
-        const Points offsets(Item(b, "offsets", kind), kind + " binding: offsets", false, w->_mesh.numVertices(), "mesh");
+        RequireVertexCount(static_cast<int>(bound.shape(0)), kind + " binding: triangles", w->_mesh.numVertices(),
+                           "mesh");
+        const Points offsets(Item(b, "offsets", kind), kind + " binding: offsets", false, w->_mesh.numVertices(),
+                             "mesh");
         offsets.requireComputable();
         KIntArray t(static_cast<int>(bound.shape(0)));
         std::copy(bound.data(), bound.data() + bound.size(), t.begin());
@@ -48,11 +50,8 @@ public:
 
     py::array_t<float> deform(py::handle poses) {
         const Points in(poses, "points", true, _driver.numVertices(), "driver");
-        KPolyMesh pose = _driver;
-        return EvaluateFrames(in, _mesh.numVertices(), _lock, _sink, [&](int, const KVectorArray& frame) {
-            pose.points = frame;
-            return _run->deform(pose);
-        });
+        return EvaluateFrames(in, _driver, _mesh.numVertices(), _lock, _sink,
+                              [&](int, const KPolyMesh& pose) { return _run->deform(pose); });
     }
 
     py::dict binding() const {
