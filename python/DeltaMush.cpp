@@ -87,7 +87,8 @@ Args:
     threads: worker threads, 0 for all cores.
 )")
         .def(py::init<py::handle, int, double, int>(), py::arg("rest"), py::arg("iterations") = 15,
-             py::arg("envelope") = 1.0, py::arg("threads") = 0)
+             py::arg("envelope") = 1.0, py::arg("threads") = 0,
+             "Checks the rest mesh and the options; the first evaluation (or ``binding``) binds.")
         .def_static("from_binding", &DeltaMush::FromBinding, py::arg("rest"), py::arg("binding"),
                     py::arg("envelope") = 1.0, py::arg("threads") = 0,
                     R"(A DeltaMush that uses a saved binding (``DeltaMush.binding``) instead of binding again.

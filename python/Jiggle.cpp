@@ -104,7 +104,8 @@ Args:
              py::arg("time_scale") = 1.0, py::arg("start_frame") = 0, py::arg("more_accurate_tangent") = false,
              py::arg("stiffness_map") = py::none(), py::arg("damping_map") = py::none(),
              py::arg("normal_strength_map") = py::none(), py::arg("weights") = py::none(), py::arg("envelope") = 1.0,
-             py::arg("threads") = 0)
+             py::arg("threads") = 0,
+             "Checks the mesh, the settings and the maps; the first frame given to ``deform`` starts the simulation.")
         .def("deform", &Jiggle::deform, py::arg("points"), py::arg("times") = py::none(),
              R"(Steps through the frames in order: ``points`` is one frame ``(n, 3)`` or a batch
 ``(frames, n, 3)``, ``times`` the time of each (a number, or one per frame; default: the frames

@@ -78,7 +78,8 @@ Args:
 )")
         .def(py::init<py::handle, py::handle, py::handle, py::handle, double, double, py::handle, int>(),
              py::arg("mesh"), py::arg("texture") = py::none(), py::arg("red") = py::none(), py::arg("uvs") = py::none(),
-             py::arg("scale") = 1.0, py::arg("envelope") = 1.0, py::arg("weights") = py::none(), py::arg("threads") = 0)
+             py::arg("scale") = 1.0, py::arg("envelope") = 1.0, py::arg("weights") = py::none(), py::arg("threads") = 0,
+             "Checks the mesh, the texture or red, the UVs and the weights, and reads an image file.")
         .def("deform", &Offset::deform, py::arg("points"),
              R"(The mesh displaced at each pose: ``points`` is ``(n, 3)`` or a batch ``(frames, n, 3)``; float32.)");
 }

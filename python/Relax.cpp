@@ -171,7 +171,8 @@ Args:
              py::arg("rest"), py::arg("iterations") = 10, py::arg("stiffness") = kRelaxDefaultStiffness,
              py::arg("scale_safe") = false, py::arg("colliders") = py::tuple(), py::arg("collider_maps") = py::tuple(),
              py::arg("collision_steps") = 1, py::arg("collisions") = true, py::arg("weights") = py::none(),
-             py::arg("envelope") = 1.0, py::arg("threads") = 0)
+             py::arg("envelope") = 1.0, py::arg("threads") = 0,
+             "Checks the arguments and binds to the rest mesh (per vertex: its neighbour ring, heights and weights).")
         .def_static(
             "from_binding",
             [](py::handle rest, py::handle binding, int iterations, py::handle stiffness, bool scaleSafe,

@@ -163,7 +163,8 @@ Args:
 )")
         .def(py::init<py::handle, py::handle, py::handle, py::handle, const std::string&, int, int>(),
              py::arg("source_rest"), py::arg("target"), py::arg("markers"), py::arg("fixed") = py::none(),
-             py::arg("mode") = "different", py::arg("iterations") = 5, py::arg("threads") = 0)
+             py::arg("mode") = "different", py::arg("iterations") = 5, py::arg("threads") = 0,
+             "Checks the meshes and markers, then fits, pairs and factors once (the slow part; the GIL is released).")
         .def_static("from_binding", &Transfer::FromBinding, py::arg("source_rest"), py::arg("target"),
                     py::arg("binding"), py::arg("threads") = 0,
                     R"(A Transfer built from a saved correspondence (``Transfer.binding``) without fitting again.

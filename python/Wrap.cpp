@@ -91,7 +91,8 @@ Args:
     mesh: the mesh that follows, ``(points, faces)``.
     threads: worker threads, 0 for all cores.
 )")
-        .def(py::init<py::handle, py::handle, int>(), py::arg("driver"), py::arg("mesh"), py::arg("threads") = 0)
+        .def(py::init<py::handle, py::handle, int>(), py::arg("driver"), py::arg("mesh"), py::arg("threads") = 0,
+             "Binds every vertex of ``mesh`` to its closest triangle of the driver at rest (the GIL is released).")
         .def_static("from_binding", &Wrap::FromBinding, py::arg("driver"), py::arg("mesh"), py::arg("binding"),
                     py::arg("threads") = 0,
                     R"(A Wrap that uses a saved binding (``Wrap.binding``) instead of binding again.)")

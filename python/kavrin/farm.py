@@ -27,6 +27,7 @@ _LOCK = threading.Lock()
 
 
 def _engine(key: str, kind: str, rig: dict):
+    """This worker's engine of the rig (built the first time), the last few kept."""
     with _LOCK:
         engine = _ENGINES.get(key)
         if engine is not None:
@@ -41,6 +42,7 @@ def _engine(key: str, kind: str, rig: dict):
 
 
 def _run(key: str, kind: str, rig: dict, shot: Shot, out: Optional[str]):
+    """One task on a worker: the shot's poses deformed, returned or written to out."""
     poses = kavrin.read_poses(shot) if isinstance(shot, str) else shot
     result = _engine(key, kind, rig).deform(poses)
     if out is None:
@@ -75,6 +77,7 @@ def _paths(rigs: Mapping[str, dict], shots: Mapping[str, Shot], out: Optional[st
 
 def _submit(client, kind: str, rigs: Mapping[str, dict], shots: Mapping[str, Shot], out: Optional[str],
             field: str) -> Dict[Tuple[str, str], object]:
+    """Every (shot, rig) task on the cluster, each rig sent to every worker once; their results."""
     from dask.base import tokenize
     paths = _paths(rigs, shots, out, field)
     futures = {}
