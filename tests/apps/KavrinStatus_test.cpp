@@ -196,6 +196,10 @@ TEST_F(KavrinStatus, EveryCaseHasItsStatusAndOneExactLine) {
          "--topology"},
         {"offset --red 1 rest.obj s.obj -o x.pc2", 2,
          "kavrin offset: x.pc2: a point cache holds one mesh, but rest.obj has 16 vertices and s.obj 50"},
+        {tr + "--markers m.txt --aim source-to-target -o x.pc2", 2,
+         "kavrin transfer: x.pc2: --aim source-to-target writes the fitted source as a mesh (OBJ), not a point cache"},
+        {tr + "--markers m.txt --pairing-log x.pc2 s.obj -o x.pc2", 2,
+         "kavrin transfer: --pairing-log: x.pc2 is also where a result goes"},
         {dm + "a.pc2 pose.obj -o ok.mdd", 0, "", "[3/3] pose.obj -> ok.mdd frame 2"},
         {"jiggle --topology rest.obj a.pc2 -o frames/", 0, "", "a.pc2 frame 1 -> frames/a.0001.obj"},
 
