@@ -38,7 +38,7 @@ public:
 
     py::array_t<float> deform(py::handle points) {
         const Points in(points, "points", true, _rest.numVertices(), "rest");
-        return EvaluateFrames(in, _rest, _rest.numVertices(), _lock, _sink,
+        return EvaluateFrames(in, _rest, _pose, _rest.numVertices(), _lock, _sink,
                               [&](int, const KPolyMesh& pose) { return _run->deform(pose, _envelope); });
     }
 
@@ -67,6 +67,7 @@ private:
     KPolyMesh _rest;
     float _envelope = 1.0f;
     std::unique_ptr<DeltaMushRun> _run;
+    KPolyMesh _pose;  // the frames' mesh, see EvaluateFrames
     std::mutex _lock;
     PythonSink _sink;
 };

@@ -64,8 +64,9 @@ void RequireSameFaces(const py::dict& binding, const char* key, const KPolyMesh&
         throw KInputError(kind + " binding: it was made for a mesh with other faces than " + meshName + "'s");
 }
 
-py::array_t<float> EvaluateFrames(const Points& points, const KPolyMesh& mesh, int count, std::mutex& lock,
-                                  PythonSink& sink, const std::function<KVectorArray(int, const KPolyMesh&)>& deform) {
+py::array_t<float> EvaluateFrames(const Points& points, const KPolyMesh& mesh, KPolyMesh& pose, int count,
+                                  std::mutex& lock, PythonSink& sink,
+                                  const std::function<KVectorArray(int, const KPolyMesh&)>& deform) {
     py::array_t<float> out = points.like(count);
     float* o = out.mutable_data();
     {
@@ -73,7 +74,8 @@ py::array_t<float> EvaluateFrames(const Points& points, const KPolyMesh& mesh, i
         py::gil_scoped_release release;
         EngineLock held(lock);
         points.requireComputable();
-        KPolyMesh pose = mesh;
+        // The faces are copied once per object; each frame then only writes the points.
+        if (pose.faceCounts.length() != mesh.faceCounts.length()) pose = mesh;
         for (int f = 0; f < points.frames(); ++f) {
             points.frame(f, pose.points);
             const KVectorArray result = deform(f, pose);

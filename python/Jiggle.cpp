@@ -63,7 +63,7 @@ public:
             if (!std::isfinite(at[f]))
                 throw KInputError("times: the time of frame " + std::to_string(f) + " is not finite");
         py::array_t<float> out =
-            EvaluateFrames(in, _mesh, _mesh.numVertices(), _lock, _sink, [&](int f, const KPolyMesh& frame) {
+            EvaluateFrames(in, _mesh, _pose, _mesh.numVertices(), _lock, _sink, [&](int f, const KPolyMesh& frame) {
                 // Decision (behaviour note "Python: jiggle steps in the order given")
                 return _run->deform(frame, at[static_cast<size_t>(f)], _envelope);
             });
@@ -76,6 +76,7 @@ private:
     float _envelope = 1.0f;
     double _next = 0.0;  // the time of the next frame when none is given
     std::unique_ptr<JiggleRun> _run;
+    KPolyMesh _pose;  // the frames' mesh, see EvaluateFrames
     std::mutex _lock;
     PythonSink _sink;
 };

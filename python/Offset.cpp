@@ -46,7 +46,7 @@ public:
 
     py::array_t<float> deform(py::handle points) {
         const Points in(points, "points", true, _mesh.numVertices(), "mesh");
-        return EvaluateFrames(in, _mesh, _mesh.numVertices(), _lock, _sink,
+        return EvaluateFrames(in, _mesh, _pose, _mesh.numVertices(), _lock, _sink,
                               [&](int, const KPolyMesh& pose) { return _run->deform(pose, _uvs, _weights); });
     }
 
@@ -56,6 +56,7 @@ private:
     KArray<KFloat2> _uvs;
     KFloatArray _weights;
     std::unique_ptr<OffsetRun> _run;
+    KPolyMesh _pose;  // the frames' mesh, see EvaluateFrames
     std::mutex _lock;
     PythonSink _sink;
 };

@@ -54,7 +54,7 @@ public:
 
     py::array_t<float> deform(py::handle points) {
         const Points in(points, "points", true, _rest.numVertices(), "rest");
-        return EvaluateFrames(in, _rest, _rest.numVertices(), _lock, _sink,
+        return EvaluateFrames(in, _rest, _pose, _rest.numVertices(), _lock, _sink,
                               [&](int, const KPolyMesh& pose) { return _run->relax(pose, _settings); });
     }
 
@@ -137,6 +137,7 @@ private:
     RelaxSettings _settings;
     KArray<double> _stiffness, _weights;
     std::unique_ptr<RelaxRun> _run;
+    KPolyMesh _pose;  // the frames' mesh, see EvaluateFrames
     std::mutex _lock;
     PythonSink _sink;
 };

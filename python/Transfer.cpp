@@ -52,7 +52,7 @@ public:
 
     py::array_t<float> deform(py::handle poses) {
         const Points in(poses, "points", true, _source.numVertices(), "source_rest");
-        return EvaluateFrames(in, _source, _target.numVertices(), _lock, _sink,
+        return EvaluateFrames(in, _source, _pose, _target.numVertices(), _lock, _sink,
                               [&](int, const KPolyMesh& pose) { return _run->transfer(pose); });
     }
 
@@ -139,6 +139,7 @@ private:
     KPolyMesh _source, _target;
     TransferSettings _settings;
     std::unique_ptr<TransferRun> _run;
+    KPolyMesh _pose;  // the frames' mesh, see EvaluateFrames
     std::mutex _lock;
     PythonSink _sink;
 };

@@ -50,7 +50,7 @@ public:
 
     py::array_t<float> deform(py::handle poses) {
         const Points in(poses, "points", true, _driver.numVertices(), "driver");
-        return EvaluateFrames(in, _driver, _mesh.numVertices(), _lock, _sink,
+        return EvaluateFrames(in, _driver, _pose, _mesh.numVertices(), _lock, _sink,
                               [&](int, const KPolyMesh& pose) { return _run->deform(pose); });
     }
 
@@ -74,6 +74,7 @@ private:
 
     KPolyMesh _driver, _mesh;
     std::unique_ptr<WrapRun> _run;
+    KPolyMesh _pose;  // the frames' mesh, see EvaluateFrames
     std::mutex _lock;
     PythonSink _sink;
 };
