@@ -1,6 +1,9 @@
 #include "Arrays.h"
 
+#include <cmath>
 #include <cstring>
+
+#include "TextFields.h"
 
 namespace KavrinPython {
 
@@ -22,6 +25,11 @@ py::array AsArray(py::handle values, const std::string& name) {
     throw KInputError(name + ": expected an array, not " + py::str(py::type::of(values)).cast<std::string>());
 }
 
+// Element i of a (in C order) as NumPy prints it: the value itself, whatever its dtype.
+std::string ElementText(const py::array& a, py::ssize_t i) {
+    return py::str(a.attr("flat")[py::int_(i)]).cast<std::string>();
+}
+
 bool IsInteger(const py::array& a) {
     const char kind = a.dtype().kind();
     return kind == 'i' || kind == 'u';
@@ -40,6 +48,7 @@ Points::Points(py::handle values, const std::string& name, bool batch, int verti
     if ((!single && !several) || a.shape(a.ndim() - 1) != 3 || a.size() / 3 > 0x7fffffff)
         throw KInputError(name + ": expected an (n, 3) array" + (batch ? " or a batch (frames, n, 3)" : "") +
                           ", not an array of shape " + Shape(a));
+    if (several && a.shape(0) == 0) throw KInputError(name + ": the batch has no frames");
     _batch = several;
     _double = a.itemsize() == 8;
     _frames = several ? static_cast<int>(a.shape(0)) : 1;
@@ -66,16 +75,19 @@ void Points::frame(int f, KVectorArray& out) const {
     out.setLength(_count, false);
     const size_t at = 3 * static_cast<size_t>(_count) * static_cast<size_t>(f);
     if (!_double) {
-        std::memcpy(static_cast<void*>(out.data()), static_cast<const float*>(_array.data()) + at, sizeof(KVector) * _count);
+        std::memcpy(static_cast<void*>(out.data()), static_cast<const float*>(_array.data()) + at,
+                    sizeof(KVector) * _count);
         return;
     }
     const double* p = static_cast<const double*>(_array.data()) + at;
     for (int v = 0; v < _count; ++v)
-        out[v] = KVector(static_cast<float>(p[3 * v]), static_cast<float>(p[3 * v + 1]), static_cast<float>(p[3 * v + 2]));
+        out[v] =
+            KVector(static_cast<float>(p[3 * v]), static_cast<float>(p[3 * v + 1]), static_cast<float>(p[3 * v + 2]));
 }
 
 py::array_t<float> Points::like(int count) const {
-    if (_batch) return py::array_t<float>({static_cast<py::ssize_t>(_frames), static_cast<py::ssize_t>(count), py::ssize_t(3)});
+    if (_batch)
+        return py::array_t<float>({static_cast<py::ssize_t>(_frames), static_cast<py::ssize_t>(count), py::ssize_t(3)});
     return py::array_t<float>({static_cast<py::ssize_t>(count), py::ssize_t(3)});
 }
 
@@ -95,10 +107,12 @@ void Faces(py::handle faces, int vertices, const std::string& name, KPolyMesh& m
             mesh.faceCounts.push_back(k);
             for (int c = 0; c < k; ++c) {
                 const long long index = v[f * k + c];
-                mesh.faceVertices.push_back(index < -1 || index > 0x7fffffff ? -1 : static_cast<int>(index));
+                // Unsigned indices beyond the signed range wrap to negative ones: refused too.
                 if (index < 0 || index >= vertices)
-                    throw KInputError(name + ": face " + std::to_string(f) + " names vertex " + std::to_string(index) +
-                                      ", but the mesh has " + std::to_string(vertices) + " vertices");
+                    throw KInputError(name + ": face " + std::to_string(f) + " names vertex " +
+                                      ElementText(a, f * k + c) + ", but the mesh has " + std::to_string(vertices) +
+                                      " vertices");
+                mesh.faceVertices.push_back(static_cast<int>(index));
             }
         }
     } else {
@@ -110,13 +124,19 @@ void Faces(py::handle faces, int vertices, const std::string& name, KPolyMesh& m
                 throw KInputError(name + ": face " + std::to_string(f) + " is not a sequence of vertex indices");
             int corners = 0;
             for (py::handle index : polygon) {
-                if (!py::isinstance<py::int_>(index) && !(py::isinstance<py::array>(index) && IsInteger(py::reinterpret_borrow<py::array>(index))))
+                if (!py::isinstance<py::int_>(index) &&
+                    !(py::isinstance<py::array>(index) && IsInteger(py::reinterpret_borrow<py::array>(index))))
                     throw KInputError(name + ": face " + std::to_string(f) + " holds " +
                                       py::repr(index).cast<std::string>() + ", not a vertex index");
-                const long long v = index.cast<long long>();
+                long long v = -1;
+                try {
+                    v = index.cast<long long>();
+                } catch (const py::cast_error&) {  // beyond 64 bits: left at -1, refused below
+                }
                 if (v < 0 || v >= vertices)
-                    throw KInputError(name + ": face " + std::to_string(f) + " names vertex " + std::to_string(v) +
-                                      ", but the mesh has " + std::to_string(vertices) + " vertices");
+                    throw KInputError(name + ": face " + std::to_string(f) + " names vertex " +
+                                      py::str(index).cast<std::string>() + ", but the mesh has " +
+                                      std::to_string(vertices) + " vertices");
                 mesh.faceVertices.push_back(static_cast<int>(v));
                 ++corners;
             }
@@ -132,6 +152,7 @@ KPolyMesh Mesh(py::handle mesh, const std::string& name) {
         throw KInputError(name + ": expected a mesh as (points, faces)");
     py::sequence parts = py::reinterpret_borrow<py::sequence>(mesh);
     const Points points(parts[0], name + " points", false);
+    if (points.count() == 0) throw KInputError(name + ": no vertices");
     points.requireComputable();
     KPolyMesh m;
     points.frame(0, m.points);
@@ -188,14 +209,14 @@ py::array_t<int> Integers(py::handle values, const std::string& name, int lowest
     for (py::ssize_t i = 0; i < wide.size(); ++i) {
         const long long v = wide.data()[i];
         if (v < lowest || v > highest)
-            throw KInputError(name + ": " + std::to_string(v) + " at position " + std::to_string(i) +
+            throw KInputError(name + ": " + ElementText(a, i) + " at position " + std::to_string(i) +
                               " is outside " + std::to_string(lowest) + " to " + std::to_string(highest));
         out.mutable_data()[i] = static_cast<int>(v);
     }
     return out;
 }
 
-py::array_t<double> Reals(py::handle values, const std::string& name, int columns) {
+py::array_t<double> Reals(py::handle values, const std::string& name, int columns, bool finite) {
     py::array a = AsArray(values, name);
     if (a.dtype().kind() != 'f' && !IsInteger(a)) throw KInputError(name + ": expected numbers, not " + DtypeName(a));
     if (columns == 0 ? a.ndim() != 1 : (a.ndim() != 2 || (columns > 0 && a.shape(1) != columns) || a.size() == 0))
@@ -205,10 +226,25 @@ py::array_t<double> Reals(py::handle values, const std::string& name, int column
                                                       : "(n, " + std::to_string(columns) + ")") +
                           ", not " + Shape(a));
     py::array_t<double, py::array::c_style | py::array::forcecast> d(a);
-    for (py::ssize_t i = 0; i < d.size(); ++i)
+    for (py::ssize_t i = 0; finite && i < d.size(); ++i)
         if (!std::isfinite(d.data()[i]))
             throw KInputError(name + ": the value at position " + std::to_string(i) + " is not finite");
     return d;
+}
+
+double Number(py::handle value, const std::string& name) {
+    if (!py::isinstance<py::str>(value) && !py::isinstance<py::bytes>(value)) try {
+            return py::float_(py::reinterpret_borrow<py::object>(value)).cast<double>();
+        } catch (const py::error_already_set&) {
+        }
+    throw KInputError(name + ": expected a number, not " + py::str(py::type::of(value)).cast<std::string>());
+}
+
+int WholeNumber(py::handle value, const std::string& name) {
+    const double v = Number(value, name);
+    if (!(v >= -0x7fffffff && v <= 0x7fffffff) || v != std::floor(v))
+        throw KInputError(name + ": " + NumberText(v) + " is not a whole number");
+    return static_cast<int>(v);
 }
 
 py::object Item(const py::dict& binding, const char* key, const std::string& kind) {

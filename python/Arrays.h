@@ -60,9 +60,13 @@ void CopyPoints(const KVectorArray& points, float* out);
 KArray<double> Values(py::handle values, int vertices, const KValueRange* range, const std::string& name);
 // A 1-D or 2-D integer array, as int32, each value checked to lie in [lowest, highest].
 py::array_t<int> Integers(py::handle values, const std::string& name, int lowest, int highest);
-// A float array of finite values, as float64: 1-D (columns 0), (n, columns), or any non-empty 2-D
-// shape (columns -1).
-py::array_t<double> Reals(py::handle values, const std::string& name, int columns);
+// A float array, as float64: 1-D (columns 0), (n, columns), or any non-empty 2-D shape (columns
+// -1); every value finite unless finite is false.
+py::array_t<double> Reals(py::handle values, const std::string& name, int columns, bool finite = true);
+// A number (anything float() takes), or "<name>: expected a number, not <type>"; a whole one in
+// the range of an int, or "<name>: 2.5 is not a whole number".
+double Number(py::handle value, const std::string& name);
+int WholeNumber(py::handle value, const std::string& name);
 
 // An item of a binding (a dict), or an InputError naming it.
 py::object Item(const py::dict& binding, const char* key, const std::string& kind);

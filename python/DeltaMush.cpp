@@ -23,10 +23,12 @@ public:
         d->setUp(envelope, threads);
         const py::dict b = CheckBinding(binding, "deltamush");
         RequireSameFaces(b, "faces", d->_rest, "rest", "deltamush");
-        const int iterations = CountInRange(py::int_(Item(b, "iterations", "deltamush")).cast<int>(), 1, 10000,
-                                       "deltamush binding: iterations");
+        const int iterations =
+            CountInRange(WholeNumber(Item(b, "iterations", "deltamush"), "deltamush binding: iterations"), 1, 10000,
+                         "deltamush binding: iterations");
         const py::array_t<double> delta = Reals(Item(b, "delta", "deltamush"), "deltamush binding: delta", 3);
-        RequireVertexCount(static_cast<int>(delta.shape(0)), "deltamush binding: delta", d->_rest.numVertices(), "rest");
+        RequireVertexCount(static_cast<int>(delta.shape(0)), "deltamush binding: delta", d->_rest.numVertices(),
+                           "rest");
         KArray<KDouble3> deltas(static_cast<int>(delta.shape(0)));
         for (int i = 0; i < deltas.length(); ++i)
             deltas[i] = KDouble3{delta.at(i, 0), delta.at(i, 1), delta.at(i, 2)};
@@ -36,11 +38,8 @@ public:
 
     py::array_t<float> deform(py::handle points) {
         const Points in(points, "points", true, _rest.numVertices(), "rest");
-        KPolyMesh pose = _rest;
-        return EvaluateFrames(in, _rest.numVertices(), _lock, _sink, [&](int, const KVectorArray& frame) {
-            pose.points = frame;
-            return _run->deform(pose, _envelope);
-        });
+        return EvaluateFrames(in, _rest, _pose, _rest.numVertices(), _lock, _sink,
+                              [&](int, const KPolyMesh& pose) { return _run->deform(pose, _envelope); });
     }
 
     py::dict binding() {
@@ -68,6 +67,7 @@ private:
     KPolyMesh _rest;
     float _envelope = 1.0f;
     std::unique_ptr<DeltaMushRun> _run;
+    KPolyMesh _pose;  // the frames' mesh, see EvaluateFrames
     std::mutex _lock;
     PythonSink _sink;
 };
@@ -88,7 +88,8 @@ Args:
     threads: worker threads, 0 for all cores.
 )")
         .def(py::init<py::handle, int, double, int>(), py::arg("rest"), py::arg("iterations") = 15,
-             py::arg("envelope") = 1.0, py::arg("threads") = 0)
+             py::arg("envelope") = 1.0, py::arg("threads") = 0,
+             "Checks the rest mesh and the options; the first evaluation (or ``binding``) binds.")
         .def_static("from_binding", &DeltaMush::FromBinding, py::arg("rest"), py::arg("binding"),
                     py::arg("envelope") = 1.0, py::arg("threads") = 0,
                     R"(A DeltaMush that uses a saved binding (``DeltaMush.binding``) instead of binding again.

@@ -51,7 +51,7 @@ py::dict CheckBinding(py::handle binding, const std::string& kind) {
     py::dict b = py::reinterpret_borrow<py::dict>(binding);
     const std::string what = py::str(Item(b, "kind", kind)).cast<std::string>();
     if (what != kind) throw KInputError(kind + " binding: this is a " + what + " binding");
-    const int format = py::int_(Item(b, "format", kind)).cast<int>();
+    const int format = WholeNumber(Item(b, "format", kind), kind + " binding: format");
     if (format != kBindingFormat)
         throw KInputError(kind + " binding: format " + std::to_string(format) + "; this kavrin reads format " +
                           std::to_string(kBindingFormat));
@@ -64,8 +64,9 @@ void RequireSameFaces(const py::dict& binding, const char* key, const KPolyMesh&
         throw KInputError(kind + " binding: it was made for a mesh with other faces than " + meshName + "'s");
 }
 
-py::array_t<float> EvaluateFrames(const Points& points, int count, std::mutex& lock, PythonSink& sink,
-                                  const std::function<KVectorArray(int, const KVectorArray&)>& deform) {
+py::array_t<float> EvaluateFrames(const Points& points, const KPolyMesh& mesh, KPolyMesh& pose, int count,
+                                  std::mutex& lock, PythonSink& sink,
+                                  const std::function<KVectorArray(int, const KPolyMesh&)>& deform) {
     py::array_t<float> out = points.like(count);
     float* o = out.mutable_data();
     {
@@ -73,10 +74,11 @@ py::array_t<float> EvaluateFrames(const Points& points, int count, std::mutex& l
         py::gil_scoped_release release;
         EngineLock held(lock);
         points.requireComputable();
-        KVectorArray frame;
+        // The faces are copied once per object; each frame then only writes the points.
+        if (pose.faceCounts.length() != mesh.faceCounts.length()) pose = mesh;
         for (int f = 0; f < points.frames(); ++f) {
-            points.frame(f, frame);
-            const KVectorArray result = deform(f, frame);
+            points.frame(f, pose.points);
+            const KVectorArray result = deform(f, pose);
             RequireFiniteResult(result, points.isBatch() ? "frame " + std::to_string(f) : "points", std::string(),
                                 std::string());
             if (result.length() != count) throw KRunError("the engine returned a result of another size");

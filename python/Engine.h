@@ -30,8 +30,11 @@ void RequireSameFaces(const py::dict& binding, const char* key, const KPolyMesh&
 
 // Runs deform on every frame of points without the interpreter, one object's evaluations one at a
 // time: first every frame is checked, then each is deformed into the returned array (count points a
-// frame, the shape of points otherwise). deform(frame index, points) returns the result.
-py::array_t<float> EvaluateFrames(const Points& points, int count, std::mutex& lock, PythonSink& sink,
-                                  const std::function<KVectorArray(int, const KVectorArray&)>& deform);
+// frame, the shape of points otherwise). deform(frame index, pose) returns the result, pose being
+// mesh with the frame's points; pose is the object's own copy of mesh, kept between calls (guarded
+// by lock) so that a frame costs no copy of the faces.
+py::array_t<float> EvaluateFrames(const Points& points, const KPolyMesh& mesh, KPolyMesh& pose, int count,
+                                  std::mutex& lock, PythonSink& sink,
+                                  const std::function<KVectorArray(int, const KPolyMesh&)>& deform);
 
 }  // namespace KavrinPython

@@ -75,7 +75,8 @@ py::array_t<int> ReadMarkerPairs(const std::string& path, int sourceVertices, in
 
 py::array_t<double> ReadValueFile(const std::string& path, int count, py::handle lowest, py::handle highest) {
     if (lowest.is_none() != highest.is_none()) throw KInputError("give both lowest and highest, or neither");
-    const KValueRange range{lowest.is_none() ? 0.0 : lowest.cast<double>(), highest.is_none() ? 0.0 : highest.cast<double>()};
+    const KValueRange range{lowest.is_none() ? 0.0 : lowest.cast<double>(),
+                            highest.is_none() ? 0.0 : highest.cast<double>()};
     const KArray<double> values = ReadValues(path, count, lowest.is_none() ? nullptr : &range);
     return py::array_t<double>(static_cast<py::ssize_t>(values.length()), values.data());
 }

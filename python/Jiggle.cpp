@@ -51,7 +51,7 @@ public:
         if (times.is_none()) {
             for (int f = 0; f < in.frames(); ++f) at[f] = _next + f;
         } else if (!in.isBatch()) {
-            at[0] = times.cast<double>();
+            at[0] = Number(times, "times");
         } else {
             const py::array_t<double> t = Reals(times, "times", 0);
             if (t.shape(0) != in.frames())
@@ -60,13 +60,13 @@ public:
             std::copy(t.data(), t.data() + t.size(), at.begin());
         }
         for (size_t f = 0; f < at.size(); ++f)
-            if (!std::isfinite(at[f])) throw KInputError("times: the time of frame " + std::to_string(f) + " is not finite");
-        KPolyMesh frame = _mesh;
-        py::array_t<float> out = EvaluateFrames(in, _mesh.numVertices(), _lock, _sink, [&](int f, const KVectorArray& p) {
-            frame.points = p;
-            // Decision (behaviour note "Python: jiggle steps in the order given")
-            return _run->deform(frame, at[static_cast<size_t>(f)], _envelope);
-        });
+            if (!std::isfinite(at[f]))
+                throw KInputError("times: the time of frame " + std::to_string(f) + " is not finite");
+        py::array_t<float> out =
+            EvaluateFrames(in, _mesh, _pose, _mesh.numVertices(), _lock, _sink, [&](int f, const KPolyMesh& frame) {
+                // Decision (behaviour note "Python: jiggle steps in the order given")
+                return _run->deform(frame, at[static_cast<size_t>(f)], _envelope);
+            });
         _next = at.back() + 1.0;
         return out;
     }
@@ -76,6 +76,7 @@ private:
     float _envelope = 1.0f;
     double _next = 0.0;  // the time of the next frame when none is given
     std::unique_ptr<JiggleRun> _run;
+    KPolyMesh _pose;  // the frames' mesh, see EvaluateFrames
     std::mutex _lock;
     PythonSink _sink;
 };
@@ -83,7 +84,8 @@ private:
 }  // namespace
 
 void BindJiggle(py::module_& m) {
-    py::class_<Jiggle>(m, "Jiggle", R"(Secondary motion: the mesh lags behind its animation and overshoots it (``kavrin jiggle``).
+    py::class_<Jiggle>(m, "Jiggle",
+                       R"(Secondary motion: the mesh lags behind its animation and overshoots it (``kavrin jiggle``).
 
 The object holds the simulation: every call to ``deform`` steps on from where the last one
 stopped. The first frame ever given starts the simulation and comes back unchanged.
@@ -102,8 +104,9 @@ Args:
              py::arg("scale") = 1.0, py::arg("distance_limit") = 1.0, py::arg("direction_bias") = 0.0,
              py::arg("time_scale") = 1.0, py::arg("start_frame") = 0, py::arg("more_accurate_tangent") = false,
              py::arg("stiffness_map") = py::none(), py::arg("damping_map") = py::none(),
-             py::arg("normal_strength_map") = py::none(), py::arg("weights") = py::none(),
-             py::arg("envelope") = 1.0, py::arg("threads") = 0)
+             py::arg("normal_strength_map") = py::none(), py::arg("weights") = py::none(), py::arg("envelope") = 1.0,
+             py::arg("threads") = 0,
+             "Checks the mesh, the settings and the maps; the first frame given to ``deform`` starts the simulation.")
         .def("deform", &Jiggle::deform, py::arg("points"), py::arg("times") = py::none(),
              R"(Steps through the frames in order: ``points`` is one frame ``(n, 3)`` or a batch
 ``(frames, n, 3)``, ``times`` the time of each (a number, or one per frame; default: the frames

@@ -17,7 +17,7 @@ public:
         const int nv = _mesh.numVertices();
         if (texture.is_none() == red.is_none()) throw KInputError("give one of texture and red");
         const float r = red.is_none() ? 0.0f
-                                      : static_cast<float>(InRange(red.cast<double>(), -kLargestCoordinate,
+                                      : static_cast<float>(InRange(Number(red, "red"), -kLargestCoordinate,
                                                                    kLargestCoordinate, "red"));
         if (py::isinstance<py::str>(texture)) {
             _texture = ReadTextureRed(texture.cast<std::string>());
@@ -30,6 +30,7 @@ public:
         if (!texture.is_none()) {
             if (uvs.is_none()) throw KInputError("uvs: a texture is sampled at each vertex's UV; give uvs (n, 2)");
             const py::array_t<double> u = Reals(uvs, "uvs", 2);
+            RequireValues(u.data(), static_cast<int>(u.size()), -1, nullptr, "uvs");
             RequireVertexCount(static_cast<int>(u.shape(0)), "uvs", nv, "mesh");
             _uvs.setLength(nv, false);
             for (int i = 0; i < nv; ++i)
@@ -45,11 +46,8 @@ public:
 
     py::array_t<float> deform(py::handle points) {
         const Points in(points, "points", true, _mesh.numVertices(), "mesh");
-        KPolyMesh pose = _mesh;
-        return EvaluateFrames(in, _mesh.numVertices(), _lock, _sink, [&](int, const KVectorArray& frame) {
-            pose.points = frame;
-            return _run->deform(pose, _uvs, _weights);
-        });
+        return EvaluateFrames(in, _mesh, _pose, _mesh.numVertices(), _lock, _sink,
+                              [&](int, const KPolyMesh& pose) { return _run->deform(pose, _uvs, _weights); });
     }
 
 private:
@@ -58,6 +56,7 @@ private:
     KArray<KFloat2> _uvs;
     KFloatArray _weights;
     std::unique_ptr<OffsetRun> _run;
+    KPolyMesh _pose;  // the frames' mesh, see EvaluateFrames
     std::mutex _lock;
     PythonSink _sink;
 };
@@ -65,7 +64,9 @@ private:
 }  // namespace
 
 void BindOffset(py::module_& m) {
-    py::class_<Offset>(m, "Offset", R"(Vertices pushed along their averaged normals by envelope x scale x red x weight (``kavrin offset``).
+    py::class_<Offset>(
+        m, "Offset",
+        R"(Vertices pushed along their averaged normals by envelope x scale x red x weight (``kavrin offset``).
 
 Args:
     mesh: the mesh, ``(points, faces)`` (its faces give the normals).
@@ -78,7 +79,8 @@ Args:
 )")
         .def(py::init<py::handle, py::handle, py::handle, py::handle, double, double, py::handle, int>(),
              py::arg("mesh"), py::arg("texture") = py::none(), py::arg("red") = py::none(), py::arg("uvs") = py::none(),
-             py::arg("scale") = 1.0, py::arg("envelope") = 1.0, py::arg("weights") = py::none(), py::arg("threads") = 0)
+             py::arg("scale") = 1.0, py::arg("envelope") = 1.0, py::arg("weights") = py::none(), py::arg("threads") = 0,
+             "Checks the mesh, the texture or red, the UVs and the weights, and reads an image file.")
         .def("deform", &Offset::deform, py::arg("points"),
              R"(The mesh displaced at each pose: ``points`` is ``(n, 3)`` or a batch ``(frames, n, 3)``; float32.)");
 }

@@ -1,23 +1,22 @@
 // kavrin.Relax: the relaxation deformer bound to a rest mesh, on point arrays.
 
+#include <cfloat>
+#include <cmath>
 #include <memory>
 
 #include "Engine.h"
 #include "RelaxRun.h"
+#include "TextFields.h"
 
 namespace KavrinPython {
 
 namespace {
 
-struct RelaxOptions {
-    RelaxSettings settings;
-    KArray<double> stiffness, weights;
-};
-
 class Relax {
 public:
-    Relax(py::handle rest, py::handle binding, int iterations, py::handle stiffness, bool scaleSafe, py::handle colliders,
-          py::handle colliderMaps, int collisionSteps, bool collisions, py::handle weights, double envelope, int threads)
+    Relax(py::handle rest, py::handle binding, int iterations, py::handle stiffness, bool scaleSafe,
+          py::handle colliders, py::handle colliderMaps, int collisionSteps, bool collisions, py::handle weights,
+          double envelope, int threads)
         : _rest(Mesh(rest, "rest")) {
         const int nv = _rest.numVertices();
         // The command line's ranges (behaviour note "Relaxation options on the command line").
@@ -55,11 +54,8 @@ public:
 
     py::array_t<float> deform(py::handle points) {
         const Points in(points, "points", true, _rest.numVertices(), "rest");
-        KPolyMesh pose = _rest;
-        return EvaluateFrames(in, _rest.numVertices(), _lock, _sink, [&](int, const KVectorArray& frame) {
-            pose.points = frame;
-            return _run->relax(pose, _settings);
-        });
+        return EvaluateFrames(in, _rest, _pose, _rest.numVertices(), _lock, _sink,
+                              [&](int, const KPolyMesh& pose) { return _run->relax(pose, _settings); });
     }
 
     py::dict binding() const {
@@ -97,14 +93,18 @@ private:
         const py::dict b = CheckBinding(binding, kind);
         RequireSameFaces(b, "faces", _rest, "rest", kind);
         const int nv = _rest.numVertices();
-        const py::array_t<int> counts = Integers(Item(b, "counts", kind), kind + " binding: counts", 0, kRelaxMaxNeighbours);
+        const py::array_t<int> counts =
+            Integers(Item(b, "counts", kind), kind + " binding: counts", 0, kRelaxMaxNeighbours);
         if (counts.ndim() != 1) throw KInputError(kind + " binding: counts must be a 1-D array");
         RequireVertexCount(static_cast<int>(counts.shape(0)), kind + " binding: counts", nv, "rest");
         size_t total = 0;
         for (int v = 0; v < nv; ++v) total += static_cast<size_t>(counts.at(v));
         const auto list = [&](const char* key, bool ids) -> py::array {
             const std::string name = kind + " binding: " + key;
-            py::array a = ids ? py::array(Integers(Item(b, key, kind), name, 0, nv - 1)) : py::array(Reals(Item(b, key, kind), name, 0));
+            // Decision (behaviour note "Python: bindings that do not fit"): the engine's own NaN and
+            // infinities (flat corners, vertical edges) are kept as it stores them.
+            py::array a = ids ? py::array(Integers(Item(b, key, kind), name, 0, nv - 1))
+                              : py::array(Reals(Item(b, key, kind), name, 0, false));
             if (a.ndim() != 1 || static_cast<size_t>(a.shape(0)) != total)
                 throw KInputError(name + ": " + std::to_string(a.size()) + " entries, but counts add up to " +
                                   std::to_string(total));
@@ -112,8 +112,13 @@ private:
         };
         const py::array_t<int> neighbours = list("neighbours", true), ring = list("ring", true);
         const py::array_t<double> ratios = list("ratios", false), weights = list("weights", false);
-        const py::array_t<double> heights = Reals(Item(b, "heights", kind), kind + " binding: heights", 0);
+        const py::array_t<double> heights = Reals(Item(b, "heights", kind), kind + " binding: heights", 0, false);
         RequireVertexCount(static_cast<int>(heights.shape(0)), kind + " binding: heights", nv, "rest");
+        // Guard (behaviour note "Python: bindings that do not fit"): the engine keeps heights as floats.
+        for (int v = 0; v < nv; ++v)
+            if (std::isfinite(heights.at(v)) && std::fabs(heights.at(v)) > FLT_MAX)
+                throw KInputError(kind + " binding: heights[" + std::to_string(v) + "]: " + NumberText(heights.at(v)) +
+                                  " is beyond the range of a float");
         KRelaxationBindingData d;
         size_t at = 0;
         for (int v = 0; v < nv; ++v) {
@@ -132,6 +137,7 @@ private:
     RelaxSettings _settings;
     KArray<double> _stiffness, _weights;
     std::unique_ptr<RelaxRun> _run;
+    KPolyMesh _pose;  // the frames' mesh, see EvaluateFrames
     std::mutex _lock;
     PythonSink _sink;
 };
@@ -166,7 +172,8 @@ Args:
              py::arg("rest"), py::arg("iterations") = 10, py::arg("stiffness") = kRelaxDefaultStiffness,
              py::arg("scale_safe") = false, py::arg("colliders") = py::tuple(), py::arg("collider_maps") = py::tuple(),
              py::arg("collision_steps") = 1, py::arg("collisions") = true, py::arg("weights") = py::none(),
-             py::arg("envelope") = 1.0, py::arg("threads") = 0)
+             py::arg("envelope") = 1.0, py::arg("threads") = 0,
+             "Checks the arguments and binds to the rest mesh (per vertex: its neighbour ring, heights and weights).")
         .def_static(
             "from_binding",
             [](py::handle rest, py::handle binding, int iterations, py::handle stiffness, bool scaleSafe,
@@ -176,10 +183,11 @@ Args:
                 return new Relax(rest, binding, iterations, stiffness, scaleSafe, colliders, colliderMaps,
                                  collisionSteps, collisions, weights, envelope, threads);
             },
-            py::arg("rest"), py::arg("binding"), py::arg("iterations") = 10, py::arg("stiffness") = kRelaxDefaultStiffness,
-            py::arg("scale_safe") = false, py::arg("colliders") = py::tuple(), py::arg("collider_maps") = py::tuple(),
-            py::arg("collision_steps") = 1, py::arg("collisions") = true, py::arg("weights") = py::none(),
-            py::arg("envelope") = 1.0, py::arg("threads") = 0,
+            py::arg("rest"), py::arg("binding"), py::arg("iterations") = 10,
+            py::arg("stiffness") = kRelaxDefaultStiffness, py::arg("scale_safe") = false,
+            py::arg("colliders") = py::tuple(), py::arg("collider_maps") = py::tuple(), py::arg("collision_steps") = 1,
+            py::arg("collisions") = true, py::arg("weights") = py::none(), py::arg("envelope") = 1.0,
+            py::arg("threads") = 0,
             R"(A Relax that uses a saved binding (``Relax.binding``) instead of binding again; the other
 arguments as for the constructor.)")
         .def("deform", &Relax::deform, py::arg("points"),

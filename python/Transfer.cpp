@@ -26,7 +26,7 @@ public:
         RequireSameFaces(b, "source_faces", t->_source, "source_rest", kind);
         RequireSameFaces(b, "target_faces", t->_target, "target", kind);
         t->settle(Item(b, "markers", kind), Item(b, "fixed", kind), py::str(Item(b, "mode", kind)),
-                  py::int_(Item(b, "iterations", kind)).cast<int>(), threads);
+                  WholeNumber(Item(b, "iterations", kind), kind + " binding: iterations"), threads);
         KTriMesh source, targetTriangles;
         t->_source.triangulate(source);
         t->_target.triangulate(targetTriangles);
@@ -52,11 +52,8 @@ public:
 
     py::array_t<float> deform(py::handle poses) {
         const Points in(poses, "points", true, _source.numVertices(), "source_rest");
-        KPolyMesh pose = _source;
-        return EvaluateFrames(in, _target.numVertices(), _lock, _sink, [&](int, const KVectorArray& frame) {
-            pose.points = frame;
-            return _run->transfer(pose);
-        });
+        return EvaluateFrames(in, _source, _pose, _target.numVertices(), _lock, _sink,
+                              [&](int, const KPolyMesh& pose) { return _run->transfer(pose); });
     }
 
     py::array_t<int> pairing() const {
@@ -142,6 +139,7 @@ private:
     KPolyMesh _source, _target;
     TransferSettings _settings;
     std::unique_ptr<TransferRun> _run;
+    KPolyMesh _pose;  // the frames' mesh, see EvaluateFrames
     std::mutex _lock;
     PythonSink _sink;
 };
@@ -166,7 +164,8 @@ Args:
 )")
         .def(py::init<py::handle, py::handle, py::handle, py::handle, const std::string&, int, int>(),
              py::arg("source_rest"), py::arg("target"), py::arg("markers"), py::arg("fixed") = py::none(),
-             py::arg("mode") = "different", py::arg("iterations") = 5, py::arg("threads") = 0)
+             py::arg("mode") = "different", py::arg("iterations") = 5, py::arg("threads") = 0,
+             "Checks the meshes and markers, then fits, pairs and factors once (the slow part; the GIL is released).")
         .def_static("from_binding", &Transfer::FromBinding, py::arg("source_rest"), py::arg("target"),
                     py::arg("binding"), py::arg("threads") = 0,
                     R"(A Transfer built from a saved correspondence (``Transfer.binding``) without fitting again.

@@ -31,8 +31,10 @@ public:
         const py::array_t<int> bound =
             Integers(Item(b, "triangles", kind), kind + " binding: triangles", 0, triangles.numTriangles() - 1);
         if (bound.ndim() != 1) throw KInputError(kind + " binding: triangles must be a 1-D array");
-        RequireVertexCount(static_cast<int>(bound.shape(0)), kind + " binding: triangles", w->_mesh.numVertices(), "mesh");
-        const Points offsets(Item(b, "offsets", kind), kind + " binding: offsets", false, w->_mesh.numVertices(), "mesh");
+        RequireVertexCount(static_cast<int>(bound.shape(0)), kind + " binding: triangles", w->_mesh.numVertices(),
+                           "mesh");
+        const Points offsets(Item(b, "offsets", kind), kind + " binding: offsets", false, w->_mesh.numVertices(),
+                             "mesh");
         offsets.requireComputable();
         KIntArray t(static_cast<int>(bound.shape(0)));
         std::copy(bound.data(), bound.data() + bound.size(), t.begin());
@@ -48,11 +50,8 @@ public:
 
     py::array_t<float> deform(py::handle poses) {
         const Points in(poses, "points", true, _driver.numVertices(), "driver");
-        KPolyMesh pose = _driver;
-        return EvaluateFrames(in, _mesh.numVertices(), _lock, _sink, [&](int, const KVectorArray& frame) {
-            pose.points = frame;
-            return _run->deform(pose);
-        });
+        return EvaluateFrames(in, _driver, _pose, _mesh.numVertices(), _lock, _sink,
+                              [&](int, const KPolyMesh& pose) { return _run->deform(pose); });
     }
 
     py::dict binding() const {
@@ -75,6 +74,7 @@ private:
 
     KPolyMesh _driver, _mesh;
     std::unique_ptr<WrapRun> _run;
+    KPolyMesh _pose;  // the frames' mesh, see EvaluateFrames
     std::mutex _lock;
     PythonSink _sink;
 };
@@ -92,7 +92,8 @@ Args:
     mesh: the mesh that follows, ``(points, faces)``.
     threads: worker threads, 0 for all cores.
 )")
-        .def(py::init<py::handle, py::handle, int>(), py::arg("driver"), py::arg("mesh"), py::arg("threads") = 0)
+        .def(py::init<py::handle, py::handle, int>(), py::arg("driver"), py::arg("mesh"), py::arg("threads") = 0,
+             "Binds every vertex of ``mesh`` to its closest triangle of the driver at rest (the GIL is released).")
         .def_static("from_binding", &Wrap::FromBinding, py::arg("driver"), py::arg("mesh"), py::arg("binding"),
                     py::arg("threads") = 0,
                     R"(A Wrap that uses a saved binding (``Wrap.binding``) instead of binding again.)")

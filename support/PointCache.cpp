@@ -57,6 +57,16 @@ void ReadPositions(const char* at, int frames, int points, bool bigEndian, const
     }
 }
 
+// n in decimal: the byte count of two 32-bit counts and 12 can exceed 64 bits.
+std::string Decimal(unsigned __int128 n) {
+    std::string text;
+    do {
+        text.insert(text.begin(), static_cast<char>('0' + static_cast<int>(n % 10)));
+        n /= 10;
+    } while (n);
+    return text;
+}
+
 // Throws unless the header's counts are 1 or more and the positions fill the rest of the file.
 void RequireSize(size_t size, size_t header, int frames, int points, const std::string& name) {
     if (points < 1)
@@ -66,8 +76,7 @@ void RequireSize(size_t size, size_t header, int frames, int points, const std::
     const unsigned __int128 expected = static_cast<unsigned __int128>(frames) * static_cast<unsigned>(points) * 12u;
     if (size - header != expected)
         throw KFileError(name + ": the header gives " + std::to_string(frames) + " frames of " +
-                         std::to_string(points) + " points, " +
-                         std::to_string(static_cast<unsigned long long>(expected)) + " bytes of positions, but " +
+                         std::to_string(points) + " points, " + Decimal(expected) + " bytes of positions, but " +
                          std::to_string(size - header) + " bytes follow the header");
 }
 

@@ -25,7 +25,7 @@ done
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-for target in obj markers values pc2 mdd; do
+for target in obj markers values pointcache; do
   "$cxx" "${flags[@]}" -fsanitize=fuzzer "tests/fuzz/${target}_fuzz.cpp" "${objects[@]}" -o "$out/${target}_fuzz"
   mkdir -p "$out/corpus/$target"
   dict=()

@@ -140,6 +140,12 @@ CLI::Option* AddOutputOption(CLI::App* sub, std::string& out, const std::string&
     return sub->add_option("-o,--output", out, description)->required()->check(check);
 }
 
+CLI::Option* AddTopologyOption(CLI::App* sub, std::string& path, const std::string& description) {
+    const CLI::Validator check(
+        [](std::string& text) -> std::string { return text.empty() ? "the path is empty" : std::string(); }, "");
+    return sub->add_option("--topology", path, description)->check(check);
+}
+
 bool Verbose() { return gVerbose; }
 void SetVerbose(bool verbose) { gVerbose = verbose; }
 

@@ -116,9 +116,10 @@ private:
 
 // Reads the poses at paths, every coordinate within kLargestCoordinate. With sameTopology each must
 // have the vertex count and faces of rest (of the first pose when rest is null), as
-// RequireSameTopology checks; the frames of a cache take rest's faces (a cache without rest, or
-// before any OBJ pose when rest is null, is a UsageError naming restOption). With restCorners
-// (and uvs) the OBJ poses' texture coordinates are read too, and cache frames take restCorners.
+// RequireSameTopology checks, and the frames of a cache take those faces; without it (meshes that
+// may differ) they take rest's. A cache with no faces to take is a UsageError pointing to
+// --topology. With restCorners the OBJ poses' texture coordinates are read too, and cache frames
+// take restCorners.
 PoseSequence LoadPoses(const std::vector<std::string>& paths, const KPolyMesh* rest = nullptr,
                        const std::string& restPath = std::string(), bool sameTopology = true,
                        const KCornerUVs* restCorners = nullptr);
@@ -126,8 +127,6 @@ PoseSequence LoadPoses(const std::vector<std::string>& paths, const KPolyMesh* r
 // The help texts of the poses and of -o in every command that deforms poses.
 extern const char* const kPosesHelp;
 extern const char* const kOutputHelp;
-// The help text of --topology, for commands without a rest mesh.
-extern const char* const kTopologyHelp;
 
 // Where a command's results go: one OBJ file per pose, or every result as one frame of a point
 // cache when out names one (.pc2, .mdd).
@@ -199,6 +198,9 @@ CLI::Option* AddChoiceOption(CLI::App* sub, const std::string& name, std::string
 
 // The required "-o,--output PATH"; an empty path is refused.
 CLI::Option* AddOutputOption(CLI::App* sub, std::string& out, const std::string& description);
+// "--topology MESH.obj", for commands without a rest mesh: the mesh whose faces the frames of
+// point caches take; an empty path is refused.
+CLI::Option* AddTopologyOption(CLI::App* sub, std::string& path, const std::string& description);
 
 // ---- Console.
 

@@ -12,14 +12,11 @@ namespace fs = std::filesystem;
 
 namespace Kavrin {
 
-const char* const kPosesHelp = "posed meshes: OBJ files with the rest mesh's vertices and faces, point caches "
+const char* const kPosesHelp = "posed meshes: OBJ files with the rest mesh's vertices and faces, or point caches "
                                 "(.pc2, .mdd)";
 const char* const kOutputHelp =
     "output file for one pose, else output folder; a name ending in .pc2 or .mdd writes every result into that point "
     "cache";
-
-const char* const kTopologyHelp =
-    "mesh (OBJ) whose faces the frames of point caches take; the OBJ inputs must have its vertices and faces";
 
 namespace {
 
@@ -61,7 +58,9 @@ PoseSequence LoadPoses(const std::vector<std::string>& paths, const KPolyMesh* r
             s._corners.emplace_back();
             s._meshes.push_back(LoadMesh(path, restCorners ? &s._corners.back() : nullptr));
             const KPolyMesh& mesh = s._meshes.back();
-            if (!haveTopology) {
+            // Decision (behaviour note "Point caches on the command line"): meshes that may differ
+            // never lend a cache their faces.
+            if (sameTopology && !haveTopology) {
                 s._topology = mesh;
                 s._topologyCorners = s._corners.back();
                 topologyPath = path;

@@ -48,9 +48,11 @@ void AddJiggleCommand(CLI::App& app, std::vector<Command>& commands) {
     AddNumberOption(sub, "--envelope", options->envelope, kEnvelopeLowest, kEnvelopeHighest,
                     "blend of the jiggled result (below 1e-30: off)");
     AddThreadsOption(sub, options->threads);
-    sub->add_option("--topology", options->topology, kTopologyHelp);
+    AddTopologyOption(sub, options->topology,
+                      "mesh (OBJ) whose faces the frames of point caches take; the OBJ frames must have its vertices "
+                      "and faces");
     sub->add_option("frames", options->frames,
-                    "the mesh at consecutive frames: OBJ files, point caches (.pc2, .mdd), each frame of a cache one "
+                    "the mesh at consecutive frames: OBJ files, or point caches (.pc2, .mdd), each frame of a cache one "
                     "frame")
         ->required();
     AddOutputOption(sub, options->out, kOutputHelp);

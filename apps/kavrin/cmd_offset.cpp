@@ -82,9 +82,10 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
     sub->add_option("--uv-set", options->uvSet, "UV set to sample (an OBJ file holds one, map1)")
         ->capture_default_str();
     AddThreadsOption(sub, options->threads);
-    sub->add_option("--topology", options->topology,
-                    std::string(kTopologyHelp) + ", and whose texture coordinates they are sampled at");
-    sub->add_option("meshes", options->meshes, "meshes: OBJ files, point caches (.pc2, .mdd)")->required();
+    AddTopologyOption(sub, options->topology,
+                      "mesh (OBJ) whose faces and texture coordinates the frames of point caches take");
+    sub->add_option("meshes", options->meshes, "meshes: OBJ files, or point caches (.pc2, .mdd) with --topology")
+        ->required();
     AddOutputOption(sub, options->out, kOutputHelp);
 
     commands.push_back(Command{sub, [options, texture, red]() {

@@ -97,7 +97,7 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
                     "target triangle, S its source triangle or -1)");
     AddThreadsOption(sub, options->threads);
     sub->add_option("poses", options->poses,
-                    "source poses: OBJ files with the rest source's vertices and faces, point caches (.pc2, .mdd)");
+                    "source poses: OBJ files with the rest source's vertices and faces, or point caches (.pc2, .mdd)");
     AddOutputOption(sub, options->out, kOutputHelp);
 
     commands.push_back(Command{sub, [options, fixed]() {
@@ -136,6 +136,11 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
 
         if (fitOnly) {
             if (!options->poses.empty()) throw UsageError("--aim source-to-target takes no poses");
+            KPointCacheFormat format;
+            // Decision (behaviour note "Point caches on the command line")
+            if (PointCacheFormatOf(options->out, format))
+                throw UsageError(options->out + ": --aim source-to-target writes the fitted source as a mesh (OBJ), "
+                                                "not a point cache");
             const std::string out = OutputFile(options->out, inputs);
             KPolyMesh fitted = source;
             fitted.points = TransferRun::FitSource(source, target, settings, console);
@@ -149,9 +154,10 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
         if (!options->pairingLog.empty()) {
             std::vector<std::string> notOver = inputs;
             notOver.insert(notOver.end(), options->poses.begin(), options->poses.end());
-            if (!outputs.cache.empty()) notOver.push_back(outputs.cache);
             OutputFile(options->pairingLog, notOver);
-            for (const std::string& output : outputs.files)
+            std::vector<std::string> results = outputs.files;
+            if (!outputs.cache.empty()) results.push_back(outputs.cache);
+            for (const std::string& output : results)
                 if (SamePlace(output, options->pairingLog))
                     throw UsageError("--pairing-log: " + options->pairingLog + " is also where a result goes");
         }

@@ -23,7 +23,9 @@ void AddWrapCommand(CLI::App& app, std::vector<Command>& commands) {
     sub->add_option("--driver", options->driver, "driver mesh (OBJ) in its rest pose")->required();
     sub->add_option("--mesh", options->mesh, "mesh (OBJ) that follows the driver, bound where it lies")->required();
     AddThreadsOption(sub, options->threads);
-    sub->add_option("poses", options->poses, "posed driver meshes: OBJ files, point caches (.pc2, .mdd)")->required();
+    sub->add_option("poses", options->poses,
+                    "posed driver meshes: OBJ files with the driver's vertices and faces, or point caches (.pc2, .mdd)")
+        ->required();
     AddOutputOption(sub, options->out, kOutputHelp);
 
     commands.push_back(Command{sub, [options]() {

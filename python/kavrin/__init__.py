@@ -54,6 +54,7 @@ def _write_atomically(path: str, data: bytes) -> None:
 
 
 def _umask() -> int:
+    """The process's file-creation mask (read by setting it and putting it back)."""
     mask = os.umask(0)
     os.umask(mask)
     return mask
@@ -131,6 +132,7 @@ def write_poses(path: str, frames: np.ndarray) -> None:
 
 
 def _require_extension(path: str, extension: str) -> None:
+    """Refuses a path whose name does not end in extension (any case)."""
     if not os.fspath(path).lower().endswith(extension):
         raise InputError(f"{path}: the name of a {extension[1:].upper()} file must end in {extension}")
 

@@ -27,6 +27,7 @@ _LOCK = threading.Lock()
 
 
 def _engine(key: str, kind: str, rig: dict):
+    """This worker's engine of the rig (built the first time), the last few kept."""
     with _LOCK:
         engine = _ENGINES.get(key)
         if engine is not None:
@@ -41,6 +42,7 @@ def _engine(key: str, kind: str, rig: dict):
 
 
 def _run(key: str, kind: str, rig: dict, shot: Shot, out: Optional[str]):
+    """One task on a worker: the shot's poses deformed, returned or written to out."""
     poses = kavrin.read_poses(shot) if isinstance(shot, str) else shot
     result = _engine(key, kind, rig).deform(poses)
     if out is None:
@@ -49,17 +51,42 @@ def _run(key: str, kind: str, rig: dict, shot: Shot, out: Optional[str]):
     return out
 
 
+def _paths(rigs: Mapping[str, dict], shots: Mapping[str, Shot], out: Optional[str],
+           field: str) -> Dict[Tuple[str, str], Optional[str]]:
+    """Where each (shot, rig) result goes: nowhere without out, else a point cache, each its own."""
+    paths: Dict[Tuple[str, str], Optional[str]] = {}
+    owner: Dict[str, str] = {}
+    for name in rigs:
+        for shot in shots:
+            if out is None:
+                paths[(shot, name)] = None
+                continue
+            try:
+                paths[(shot, name)] = path = out.format(shot=shot, **{field: name})
+            except (KeyError, IndexError, ValueError) as e:
+                raise kavrin.InputError(f"out: {out} is not a format of {{shot}} and {{{field}}} ({e!r})") from None
+            # Guard (behaviour note "Python: farm outputs checked before any work")
+            if not path.lower().endswith((".pc2", ".mdd")):
+                raise kavrin.InputError(f"out: {path} is not a point cache (the name must end in .pc2 or .mdd)")
+            label = shot if len(rigs) == 1 else f"{shot} ({name})"
+            if path in owner:
+                raise kavrin.InputError(f"out: the results of {owner[path]} and {label} would both be {path}")
+            owner[path] = label
+    return paths
+
+
 def _submit(client, kind: str, rigs: Mapping[str, dict], shots: Mapping[str, Shot], out: Optional[str],
             field: str) -> Dict[Tuple[str, str], object]:
+    """Every (shot, rig) task on the cluster, each rig sent to every worker once; their results."""
     from dask.base import tokenize
+    paths = _paths(rigs, shots, out, field)
     futures = {}
     for name, rig in rigs.items():
         key = f"kavrin-{kind}-{tokenize(rig)}"
         # Decision (behaviour note "Python: the farm builds each engine once per worker")
         [rig_future] = client.scatter([rig], broadcast=True, hash=False)
         for shot, poses in shots.items():
-            path = None if out is None else out.format(shot=shot, **{field: name})
-            futures[(shot, name)] = client.submit(_run, key, kind, rig_future, poses, path, pure=False,
+            futures[(shot, name)] = client.submit(_run, key, kind, rig_future, poses, paths[(shot, name)], pure=False,
                                                   key=f"{key}-{shot}")
     results = client.gather(list(futures.values()))
     return dict(zip(futures.keys(), results))
