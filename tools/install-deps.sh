@@ -12,6 +12,7 @@ packages=(
   clang libclang-rt-dev
   libopenblas0-pthread
   python3-dev python3-numpy pybind11-dev python3-pytest python3-distributed
+  blender
   debootstrap
 )
 

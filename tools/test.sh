@@ -12,6 +12,9 @@ if [ "${1:-}" = "--sanitize" ]; then
         -DKAVRIN_BUILD_PYTHON=OFF >/dev/null
   echo "test: the Python package and its tests are left out of the sanitizer build (Debian's python3 and NumPy" \
        "are not built with the sanitizers; the plain build runs them)"
+  # Decision (behaviour note "Blender: tests without the sanitizers")
+  echo "test: the Blender add-on's tests are left out of the sanitizer build too (they run in Debian's Blender," \
+       "which is not built with the sanitizers; the plain build runs them)"
   export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
   export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 else
