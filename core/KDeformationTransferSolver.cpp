@@ -152,8 +152,12 @@ bool KDeformationTransferSolver::_recalculate(const KDeformationTransferInput& i
     for (int i = 0; i < n; ++i) next.vertCorres.push_back(KInt2{input.vertCorres[2 * i], input.vertCorres[2 * i + 1]});
 
     if (_aim == kTransfer) {
-        // Kept on purpose (behaviour note "Deformation transfer: a failed search still builds").
-        if (!_findTriangleCorrespondence(input, next, fitted)) return false;
+        if (input.storedTriCorres) {
+            if (!_restoreCorrespondence(input, next)) return false;
+        } else {
+            // Kept on purpose (behaviour note "Deformation transfer: a failed search still builds").
+            if (!_findTriangleCorrespondence(input, next, fitted)) return false;
+        }
         _progress(kDtBuildingMatrix);
         std::unique_ptr<KTransferSystem> system(new KTransferSystem);
         if (!system->build(next.refSrcMesh, input.targetMesh, next.triCorres, _threads))
@@ -212,6 +216,22 @@ bool KDeformationTransferSolver::_findTriangleCorrespondence(const KDeformationT
         return true;
     }
     if (_calcMode == kDifferentTopology) _progress(kDtCorrespondencesFound);
+    return true;
+}
+
+// Decision (behaviour note "Deformation transfer: a restored correspondence")
+bool KDeformationTransferSolver::_restoreCorrespondence(const KDeformationTransferInput& input, State& next) {
+    const KTriMesh& src = input.sourceMesh;
+    const KTriMesh& trg = input.targetMesh;
+    // Guard (behaviour note "Deformation transfer: meshes whose triangles name missing vertices").
+    if (!src.indicesValid() || !trg.indicesValid())
+        return _abort(DtMeshIndicesInvalid(src.indicesValid() ? "target" : "source"));
+    const int fittedPoints = input.storedFitted ? input.storedFitted->length() : 0;
+    // Guard (behaviour note "Deformation transfer: a restored correspondence")
+    if (fittedPoints != src.numVertices()) return _abort(DtStoredFitSize(fittedPoints, src.numVertices()));
+    next.refSrcMesh = src;
+    next.triCorres = *input.storedTriCorres;
+    next.fitted = *input.storedFitted;
     return true;
 }
 

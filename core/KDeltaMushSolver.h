@@ -75,6 +75,10 @@ public:
 
     // Sweep count the stored deltas were computed with (0 for a new node).
     int boundIterations() const { return _numIter; }
+    // For a host that saved a binding ("delta" and its sweep count) and restores it into a new
+    // engine: the next evaluation with this "numIter" and "gotDelta" true takes the stored deltas
+    // as they are instead of binding again from the rest mesh.
+    void restoreBinding(int numIter) { _numIter = numIter; }
 
 private:
     bool _bindDue(const KDeltaMushInput& input) const;

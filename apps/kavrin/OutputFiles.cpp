@@ -140,11 +140,9 @@ bool WriteOver(const std::string& path, const std::string& text) {
 }  // namespace
 
 // Decision (behaviour note "Output paths checked before any work")
-std::vector<std::string> OutputPaths(const std::string& out, const std::vector<std::string>& poses,
-                                     const std::vector<std::string>& otherInputs, const std::string& resultOf) {
+std::vector<std::string> OutputFilePaths(const std::string& out, const std::vector<std::string>& poses,
+                                         const std::vector<std::string>& inputs, const std::string& resultOf) {
     if (out.empty()) throw UsageError("the output path (-o) is empty");
-    std::vector<std::string> inputs = poses;
-    inputs.insert(inputs.end(), otherInputs.begin(), otherInputs.end());
     std::vector<std::string> paths;
     std::error_code ec;
     // A path ending in a slash names a folder, also for one pose.

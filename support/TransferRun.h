@@ -20,16 +20,26 @@ struct TransferSettings {
 
 class TransferRun {
 public:
-    // Fits the source onto the target, pairs their triangles and factors the transfer system.
-    // Throws RunError when the engine reports an error.
+    // Refuses vertices the engine cannot place: one in no face of the source that no marker pins,
+    // and (for a transfer, not only a fit) any in no face of the target.
+    static void RefuseUnplaceable(const KPolyMesh& source, const std::string& sourceName, const KPolyMesh& target,
+                                  const std::string& targetName, const KIntArray& markers, bool transfer);
+
+    // Fits the source onto the target, pairs their triangles and factors the transfer system; with
+    // a stored pairing and fitted source (pairing() and fittedSource() of an earlier run on the same
+    // meshes and settings) it factors the system from them instead of searching again. Throws
+    // KRunError when the engine reports an error.
     TransferRun(const KPolyMesh& sourceRest, const KPolyMesh& target, const TransferSettings& settings,
-                KMessageSink& sink);
+                KMessageSink& sink, const KInt4Array* storedPairing = nullptr,
+                const KVectorArray* storedFitted = nullptr);
 
     // The target deformed as the source is in pose (same vertices and faces as the rest source).
     KVectorArray transfer(const KPolyMesh& pose);
 
     // The triangle pairing: per target triangle, its source triangle in field 0 (-1 for none).
     const KInt4Array& pairing() const { return _solver.triCorres(); }
+    // The source fitted onto the target by the correspondence search.
+    const KVectorArray& fittedSource() const { return _solver.fittedSource(); }
 
     // The source as fitted onto the target by the correspondence search ("Source To Target").
     static KVectorArray FitSource(const KPolyMesh& sourceRest, const KPolyMesh& target,

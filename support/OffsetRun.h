@@ -20,7 +20,7 @@ public:
 
     // The points of mesh after the offset, with one UV and one paint weight per vertex (weights
     // empty: all 1). Every vertex is iterated, in vertex order, with its averaged normal. Throws
-    // RunError when the engine fails, with its message.
+    // KRunError when the engine fails, with its message.
     KVectorArray deform(const KPolyMesh& mesh, const KArray<KFloat2>& uvs, const KFloatArray& weights);
 
 private:

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "CommandSupport.h"
+#include "RunError.h"
 #include "VertexNormalsUVs.h"
 
 namespace Kavrin {
@@ -62,7 +62,7 @@ KVectorArray OffsetRun::deform(const KPolyMesh& mesh, const KArray<KFloat2>& uvs
     in.threads = _threads;
     FileSampler sampler(_texture, _red, _threads);
     const KOutcome outcome = _solver.evaluate(in, sampler);
-    if (outcome.failed()) throw RunError(outcome.message);
+    if (outcome.failed()) throw KRunError(outcome.message);
 
     KVectorArray points(n);
     for (int i = 0; i < n; ++i) {

@@ -1,6 +1,7 @@
 #include "TransferRun.h"
 
-#include "CommandSupport.h"
+#include "InputChecks.h"
+#include "RunError.h"
 
 namespace Kavrin {
 
@@ -30,22 +31,42 @@ void fillInput(KDeformationTransferInput& input, const KPolyMesh& source, const 
 
 }  // namespace
 
+void TransferRun::RefuseUnplaceable(const KPolyMesh& source, const std::string& sourceName, const KPolyMesh& target,
+                                    const std::string& targetName, const KIntArray& markers, bool transfer) {
+    // Decision (behaviour note "Vertices in no face")
+    std::vector<int> unplaced;
+    std::vector<char> marked(static_cast<size_t>(source.numVertices()), 0);
+    for (int i = 0; i + 1 < markers.length(); i += 2)
+        if (markers[i] >= 0 && markers[i] < source.numVertices()) marked[static_cast<size_t>(markers[i])] = 1;
+    for (int v : LooseVertices(source))
+        if (!marked[static_cast<size_t>(v)]) unplaced.push_back(v);
+    RefuseLooseVertices(sourceName, unplaced,
+                        "the fit cannot place such a vertex unless it is marked (its equations would be singular)");
+    if (transfer)
+        RefuseLooseVertices(targetName, LooseVertices(target),
+                            "the transfer cannot place such a vertex (its equations would be singular)");
+}
+
 TransferRun::TransferRun(const KPolyMesh& sourceRest, const KPolyMesh& target, const TransferSettings& settings,
-                         KMessageSink& sink)
+                         KMessageSink& sink, const KInt4Array* storedPairing, const KVectorArray* storedFitted)
     : _sink(sink) {
     fillInput(_input, sourceRest, target, settings, KDeformationTransferSolver::kTransfer);
+    _input.storedTriCorres = storedPairing;
+    _input.storedFitted = storedFitted;
     const KDeformationTransferResult result = _solver.compute(_input, sink);
-    if (result.outcome.failed()) throw RunError("building the transfer failed: " + result.outcome.message);
-    if (!_solver.ready()) throw RunError("building the transfer failed: no transfer system was built");
+    _input.storedTriCorres = nullptr;
+    _input.storedFitted = nullptr;
+    if (result.outcome.failed()) throw KRunError("building the transfer failed: " + result.outcome.message);
+    if (!_solver.ready()) throw KRunError("building the transfer failed: no transfer system was built");
     _input.reCalculate = false;
 }
 
 KVectorArray TransferRun::transfer(const KPolyMesh& pose) {
     _input.sourceMesh.points = pose.points;
     const KDeformationTransferResult result = _solver.compute(_input, _sink);
-    if (result.outcome.failed()) throw RunError("the transfer solve failed: " + result.outcome.message);
+    if (result.outcome.failed()) throw KRunError("the transfer solve failed: " + result.outcome.message);
     if (result.output != KDeformationTransferResult::kFromTarget || !result.setPoints)
-        throw RunError("the transfer solve failed: no output was produced");
+        throw KRunError("the transfer solve failed: no output was produced");
     return narrow(_solver.outPoints());
 }
 
@@ -55,9 +76,9 @@ KVectorArray TransferRun::FitSource(const KPolyMesh& sourceRest, const KPolyMesh
     fillInput(input, sourceRest, target, settings, KDeformationTransferSolver::kSourceToTarget);
     KDeformationTransferSolver solver;
     const KDeformationTransferResult result = solver.compute(input, sink);
-    if (result.outcome.failed()) throw RunError("fitting the source failed: " + result.outcome.message);
+    if (result.outcome.failed()) throw KRunError("fitting the source failed: " + result.outcome.message);
     if (result.output != KDeformationTransferResult::kFromSource || !result.setPoints)
-        throw RunError("fitting the source failed: the fit produced no points");
+        throw KRunError("fitting the source failed: the fit produced no points");
     return narrow(solver.outPoints());
 }
 

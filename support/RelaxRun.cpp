@@ -1,6 +1,7 @@
 #include "RelaxRun.h"
 
-#include "CommandSupport.h"
+#include "InputChecks.h"
+#include "RunError.h"
 #include "KVertexRings.h"
 
 namespace Kavrin {
@@ -15,6 +16,18 @@ void Widen(const KVectorArray& in, KArray<KDouble3>& out) {
 }  // namespace
 
 RelaxRun::RelaxRun(const KPolyMesh& rest, int threads) : _count(rest.numVertices()), _threads(threads) {
+    _start(rest);
+}
+
+RelaxRun::RelaxRun(const KPolyMesh& rest, const KRelaxationBindingData& binding, int threads)
+    : _count(rest.numVertices()), _threads(threads) {
+    _attributes.binding = binding;
+    _attributes.stiffness.setLengthWithValue(_count, kRelaxDefaultStiffness);
+    _attributes.hasStiffness = true;
+    _start(rest);
+}
+
+void RelaxRun::_start(const KPolyMesh& rest) {
     VertexRings(rest, _rings);
     Widen(rest.points, _points);
     KRelaxationInput in;
@@ -22,9 +35,9 @@ RelaxRun::RelaxRun(const KPolyMesh& rest, int threads) : _count(rest.numVertices
     in.count = _count;
     in.rings = &_rings;
     in.iterations = 0;
-    in.threads = threads;
+    in.threads = _threads;
     const KRelaxationResult result = _attributes.evaluate(_solver, in);
-    if (result.outcome.failed()) throw RunError(result.outcome.message);
+    if (result.outcome.failed()) throw KRunError(result.outcome.message);
 }
 
 void RelaxRun::setStiffness(const KArray<double>& stiffness) {
@@ -63,8 +76,7 @@ KVectorArray RelaxRun::relax(const KPolyMesh& pose, const RelaxSettings& setting
     in.rings = &_rings;
     in.threads = _threads;
     if (settings.weights && settings.weights->length() != pose.numVertices())
-        throw RunError("the weight map has " + std::to_string(settings.weights->length()) + " values for " +
-                       std::to_string(pose.numVertices()) + " vertices");
+        throw KInputError(ValueCountMismatch("the weight map", settings.weights->length(), pose.numVertices()));
     if (settings.weights) {
         _weights.setLength(settings.weights->length(), false);
         for (int i = 0; i < _weights.length(); ++i) _weights[i] = static_cast<float>((*settings.weights)[i]);
@@ -80,7 +92,7 @@ KVectorArray RelaxRun::relax(const KPolyMesh& pose, const RelaxSettings& setting
         in.normals = _normals.data();
     }
     const KRelaxationResult result = _attributes.evaluate(_solver, in);
-    if (result.outcome.failed()) throw RunError(result.outcome.message);
+    if (result.outcome.failed()) throw KRunError(result.outcome.message);
     if (!result.outcome.deformed()) return pose.points;
     KVectorArray points(pose.numVertices());
     const KArray<KDouble3>& out = _solver.points();

@@ -1,6 +1,6 @@
 #include "JiggleRun.h"
 
-#include "CommandSupport.h"
+#include "RunError.h"
 
 namespace Kavrin {
 
@@ -10,7 +10,7 @@ JiggleRun::JiggleRun(const KJiggleAttributes& attributes, const KArray<float>& w
 KVectorArray JiggleRun::deform(const KPolyMesh& frame, double time, float envelope) {
     const KJiggleResult result =
         _attributes.evaluate(_solver, frame, time, _weights.empty() ? nullptr : &_weights, envelope, _threads);
-    if (result.outcome.failed()) throw RunError(result.outcome.message);
+    if (result.outcome.failed()) throw KRunError(result.outcome.message);
     if (!result.outcome.deformed()) return frame.points;
     const KArray<KDouble3>& jiggled = _solver.points();
     KVectorArray points(jiggled.length());

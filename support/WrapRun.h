@@ -11,15 +11,22 @@ namespace Kavrin {
 class WrapRun {
 public:
     // Binds mesh (world space) to the driver in its rest pose; the bind's trace goes to sink.
-    // Throws RunError with the engine's message when the bind fails.
+    // Throws KRunError with the engine's message when the bind fails.
     WrapRun(const KPolyMesh& driverRest, const KPolyMesh& mesh, int threads, KMessageSink& sink);
+    // Restores a binding saved from boundTriangles() and boundOffsets() instead of binding, as a
+    // reopened scene loads the node's stored binding. Throws KRunError with the engine's message
+    // when it does not fit the mesh or the driver.
+    WrapRun(const KPolyMesh& driverRest, const KPolyMesh& mesh, const KIntArray& triangles,
+            const KVectorArray& offsets, int threads, KMessageSink& sink);
 
     // The mesh's points following the driver in pose (the rest driver's vertices and faces).
-    // Throws RunError when the engine fails, with its message.
+    // Throws KRunError when the engine fails, with its message.
     KVectorArray deform(const KPolyMesh& driverPose);
 
     int boundPoints() const { return _engine.boundTriangles().length(); }
     int driverTriangles() const { return _driver.numTriangles(); }
+    const KIntArray& boundTriangles() const { return _engine.boundTriangles(); }
+    const KVectorArray& boundOffsets() const { return _engine.boundOffsets(); }
 
 private:
     KWrapBindingAttributes _attributes;

@@ -20,9 +20,12 @@ struct RelaxSettings {
 
 class RelaxRun {
 public:
-    // Binds to rest; every vertex gets stiffness 0.3 until setStiffness. Throws RunError with the
+    // Binds to rest; every vertex gets stiffness 0.3 until setStiffness. Throws KRunError with the
     // engine's message when the bind fails (a vertex with more than 128 neighbours).
     RelaxRun(const KPolyMesh& rest, int threads);
+    // Restores a binding saved from binding() instead of binding, as a reopened scene loads the
+    // node's stored lists. Throws KRunError with the engine's message when they cannot be loaded.
+    RelaxRun(const KPolyMesh& rest, const KRelaxationBindingData& binding, int threads);
 
     // Per-vertex stiffness (one value per rest vertex).
     void setStiffness(const KArray<double>& stiffness);
@@ -31,13 +34,19 @@ public:
     void addCollider(const KPolyMesh& collider, const KArray<double>* multipliers);
 
     // The points of pose (the rest mesh's vertices and faces) after relaxation; the pose's own
-    // points when the envelope is 0. Throws RunError when the engine fails, with its message.
+    // points when the envelope is 0. Throws KRunError when the engine fails, with its message.
     KVectorArray relax(const KPolyMesh& pose, const RelaxSettings& settings);
+
+    // The binding the engine works with (the rest shape's lists, as the node stores them).
+    const KRelaxationBindingData& binding() const { return _attributes.binding; }
 
     // The passes after which the last relax() collided.
     const KIntArray& collisionPasses() const { return _solver.collisionPasses(); }
 
 private:
+    // The first evaluation, on the rest mesh without passes: binds, or loads the stored binding.
+    void _start(const KPolyMesh& rest);
+
     int _count;
     int _threads;
     KRelaxationAttributes _attributes;

@@ -13,7 +13,7 @@ public:
     JiggleRun(const KJiggleAttributes& attributes, const KArray<float>& weights, int threads);
 
     // The points of frame at time after jiggle; the frame's own points when the evaluation leaves
-    // them (at or before the start frame, after a jump in time). Throws RunError with the engine's
+    // them (at or before the start frame, after a jump in time). Throws KRunError with the engine's
     // message when it fails.
     KVectorArray deform(const KPolyMesh& frame, double time, float envelope);
 
