@@ -59,6 +59,7 @@ KVectorArray OffsetRun::deform(const KPolyMesh& mesh, const KArray<KFloat2>& uvs
     in.scale = _scale;
     in.envelope = _envelope;
     in.vertices = &_vertices;
+    in.threads = _threads;
     FileSampler sampler(_texture, _red, _threads);
     const KOutcome outcome = _solver.evaluate(in, sampler);
     if (outcome.failed()) throw KRunError(outcome.message);
