@@ -21,28 +21,15 @@ KMatrix3d axesMatrix(const KAxis& a) {
     return m;
 }
 
-// Any unit vector perpendicular to n, for frames whose reference edge runs along the normal.
-KVector anyPerpendicular(const KVector& n) {
-    const KVector helper = std::fabs(n.x) < 0.57f ? KVector(1, 0, 0) : KVector(0, 1, 0);
-    return helper.cross(n).normalized();
-}
-
 }  // namespace
 
-KVector KAxis::worldToLocal(const KVector& v, bool asVector, bool projectOnly) const {
-    const KVector d = asVector ? v : v - origin;
-    if (projectOnly) return KVector(d.dot(xAxis), d.dot(yAxis), d.dot(zAxis));
+KVector KAxis::_inverseTimes(const KVector& d) const {
     KMatrix3d inv = axesMatrix(*this);
     inv.inverse();
     KVector r;
     for (int i = 0; i < 3; ++i)
         r[i] = static_cast<float>(inv(i, 0) * d.x + inv(i, 1) * d.y + inv(i, 2) * d.z);
     return r;
-}
-
-KVector KAxis::localToWorld(const KVector& v, bool asVector, bool /*projectOnly*/) const {
-    const KVector w = xAxis * v.x + yAxis * v.y + zAxis * v.z;
-    return asVector ? w : w + origin;
 }
 
 void GetTangentSpace(const KTriMesh& mesh, KAxisArray& frames, bool /*orthonormal*/, bool /*atVertex*/,
@@ -92,31 +79,13 @@ void KTangentSpaceBuilder::compute(const KVector* p, int nv, const KInt3Array& t
 
 #pragma omp for schedule(static)
         for (int v = 0; v < nv; ++v) {
-            KAxis& a = f[v];
-            a.origin = p[v];
             if (ref[v] < 0) {
-                // Decision (behaviour note "Base library: tangent frames"): a vertex in no triangle
-                // has no surface around it, so its frame is the world axes.
-                a.xAxis = KVector(1, 0, 0);
-                a.yAxis = KVector(0, 1, 0);
-                a.zAxis = KVector(0, 0, 1);
+                WorldFrameAt(p[v], f[v]);
                 continue;
             }
             KVector n;
             for (int j = offsets[v]; j < offsets[v + 1]; ++j) n += faceNormals[around[j]];
-            n.normalize();
-            const KVector e = p[ref[v]] - p[v];
-            KVector t = e - n * n.dot(e);
-            const float len = t.length();
-            if (len > 1e-12f * e.length() && len > 0.0f)
-                t /= len;
-            else if (n.squaredLength() > 0.0f)
-                t = anyPerpendicular(n);
-            else
-                t = e.normalized();
-            a.xAxis = t;
-            a.yAxis = n.cross(t);
-            a.zAxis = n;
+            TangentFrameAt(p[v], p[ref[v]], n, f[v]);
         }
     }
 }

@@ -17,14 +17,60 @@ public:
     // Coordinates of v in this frame. With asVector true the origin is not subtracted (v is a
     // direction); with projectOnly false the axes are inverted as a general 3x3 basis instead of
     // being treated as orthonormal. The callers use (false, true): a point, orthonormal axes.
-    KVector worldToLocal(const KVector& v, bool asVector, bool projectOnly) const;
+    KVector worldToLocal(const KVector& v, bool asVector, bool projectOnly) const {
+        const KVector d = asVector ? v : v - origin;
+        if (projectOnly) return KVector(d.dot(xAxis), d.dot(yAxis), d.dot(zAxis));
+        return _inverseTimes(d);
+    }
     // The inverse of worldToLocal with the same flags.
-    KVector localToWorld(const KVector& v, bool asVector, bool projectOnly) const;
+    KVector localToWorld(const KVector& v, bool asVector, bool /*projectOnly*/) const {
+        const KVector w = xAxis * v.x + yAxis * v.y + zAxis * v.z;
+        return asVector ? w : w + origin;
+    }
+
+private:
+    KVector _inverseTimes(const KVector& d) const;
 };
 
 static_assert(sizeof(KAxis) == 4 * sizeof(KVector), "KAxis must be four packed vectors");
 
 class KAxisArray : public KArray<KAxis> {};
+
+// Any unit vector perpendicular to n, for frames whose reference edge runs along the normal.
+inline KVector AnyPerpendicular(const KVector& n) {
+    const KVector helper = std::fabs(n.x) < 0.57f ? KVector(1, 0, 0) : KVector(0, 1, 0);
+    return helper.cross(n).normalized();
+}
+
+// The frame GetTangentSpace gives a vertex at origin whose reference neighbour is at reference,
+// from normalSum, the sum of its triangles' area-weighted normals in increasing triangle order.
+inline void TangentFrameAt(const KVector& origin, const KVector& reference, KVector normalSum, KAxis& a) {
+    a.origin = origin;
+    KVector& n = normalSum;
+    n.normalize();
+    const KVector e = reference - origin;
+    KVector t = e - n * n.dot(e);
+    const float len = t.length();
+    if (len > 1e-12f * e.length() && len > 0.0f)
+        t /= len;
+    else if (n.squaredLength() > 0.0f)
+        t = AnyPerpendicular(n);
+    else
+        t = e.normalized();
+    a.xAxis = t;
+    a.yAxis = n.cross(t);
+    a.zAxis = n;
+}
+
+// The frame of a vertex in no triangle.
+// Decision (behaviour note "Base library: tangent frames"): it has no surface around it, so its
+// frame is the world axes.
+inline void WorldFrameAt(const KVector& origin, KAxis& a) {
+    a.origin = origin;
+    a.xAxis = KVector(1, 0, 0);
+    a.yAxis = KVector(0, 1, 0);
+    a.zAxis = KVector(0, 0, 1);
+}
 
 // One frame per vertex of mesh: origin at the vertex, zAxis the area-weighted vertex normal,
 // xAxis the edge to the vertex's reference neighbour projected into the tangent plane, yAxis

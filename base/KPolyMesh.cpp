@@ -1,7 +1,6 @@
 #include "KPolyMesh.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace Kavrin {
 
@@ -56,49 +55,50 @@ void KPolyMesh::fanTriangles(KInt3Array& triangles) const {
 }
 
 void KPolyMesh::edgeNeighbours(KVertexNeighbours& neighbours) const {
-    std::vector<std::vector<int> > lists(static_cast<size_t>(numVertices()));
-    auto link = [&lists](int a, int b) {
-        std::vector<int>& l = lists[a];
-        if (std::find(l.begin(), l.end(), b) == l.end()) l.push_back(b);
-    };
+    // Every face edge a-b lists b after a's earlier entries and a after b's, repeats included, in
+    // flat arrays; then each list keeps the first of each repeat.
+    const int nv = numVertices();
+    KIntArray& offsets = neighbours.offsets;
+    KIntArray& indices = neighbours.indices;
+    offsets.setLength(nv + 1, true);
+    const int* fv = faceVertices.data();
     int start = 0;
     for (int c : faceCounts) {
         for (int k = 0; k < c; ++k) {
-            const int a = faceVertices[start + k];
-            const int b = faceVertices[start + (k + 1) % c];
+            const int a = fv[start + k], b = fv[start + (k + 1 == c ? 0 : k + 1)];
             if (a == b) continue;
-            link(a, b);
-            link(b, a);
+            ++offsets[a + 1];
+            ++offsets[b + 1];
         }
         start += c;
     }
-    neighbours.assign(lists);
-}
-
-namespace {
-
-bool SameInts(const KIntArray& a, const KIntArray& b) {
-    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(int)) == 0);
-}
-
-}  // namespace
-
-bool KPolyTopology::update(const KPolyMesh& mesh) {
-    if (_valid && mesh.numVertices() == _numVertices && SameInts(mesh.faceCounts, _faceCounts) &&
-        SameInts(mesh.faceVertices, _faceVertices))
-        return true;
-    _numVertices = mesh.numVertices();
-    _faceCounts = mesh.faceCounts;
-    _faceVertices = mesh.faceVertices;
-    _valid = mesh.valid();
-    if (!_valid) {
-        _triangles.clear();
-        _neighbours = KVertexNeighbours();
-        return false;
+    for (int v = 0; v < nv; ++v) offsets[v + 1] += offsets[v];
+    indices.setLength(offsets[nv], false);
+    std::vector<int> fill(offsets.begin(), offsets.end() - 1);
+    start = 0;
+    for (int c : faceCounts) {
+        for (int k = 0; k < c; ++k) {
+            const int a = fv[start + k], b = fv[start + (k + 1 == c ? 0 : k + 1)];
+            if (a == b) continue;
+            indices[fill[a]++] = b;
+            indices[fill[b]++] = a;
+        }
+        start += c;
     }
-    mesh.fanTriangles(_triangles);
-    mesh.edgeNeighbours(_neighbours);
-    return true;
+    int kept = 0;
+    for (int v = 0; v < nv; ++v) {
+        const int begin = offsets[v], end = offsets[v + 1];
+        offsets[v] = kept;
+        for (int i = begin; i < end; ++i) {
+            const int u = indices[i];
+            bool seen = false;
+            for (int j = offsets[v]; j < kept && !seen; ++j) seen = indices[j] == u;
+            if (!seen) indices[kept++] = u;
+        }
+    }
+    offsets[nv] = kept;
+    indices.resize(static_cast<size_t>(kept));
+    indices.shrink_to_fit();
 }
 
 }  // namespace Kavrin

@@ -47,26 +47,4 @@ public:
     void edgeNeighbours(KVertexNeighbours& neighbours) const;
 };
 
-// The triangles (fan split) and polygon-edge neighbours of a polygon mesh's faces, kept between
-// calls: update() rebuilds them only when the vertex count or the faces differ from the last
-// call's, so a host that evaluates the same mesh again and again pays one comparison of the face
-// arrays instead of a rebuild.
-class KPolyTopology {
-public:
-    // Makes the tables those of mesh. Returns false, leaving the tables empty, when the faces are
-    // not valid for the mesh's points (KPolyMesh::valid()).
-    bool update(const KPolyMesh& mesh);
-
-    const KInt3Array& triangles() const { return _triangles; }
-    const KVertexNeighbours& neighbours() const { return _neighbours; }
-
-private:
-    bool _valid = false;
-    int _numVertices = -1;
-    KIntArray _faceCounts;
-    KIntArray _faceVertices;
-    KInt3Array _triangles;
-    KVertexNeighbours _neighbours;
-};
-
 }  // namespace Kavrin

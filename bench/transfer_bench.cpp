@@ -197,3 +197,60 @@ BENCHMARK(BM_TransferSolvePose)
     ->Args({2, 3})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
+
+// The mesh of bench/python_bench.py, built there by the same arithmetic (so the points are the same
+// floats), to set its Python figure for one transfer pose beside the engine's own: a grid of 100 x
+// 100 vertices (quads) with a smooth bump, onto itself scaled by 1.5 in the same-topology mode,
+// one fit iteration, five marker pairs, the pose bent up along x. The argument is the thread count.
+//   BM_TransferSolvePoseGrid  one transfer pass for the pose, as the node runs it.
+namespace {
+
+KPolyMesh PythonBenchGrid(int n) {
+    KPolyMesh mesh;
+    for (int j = 0; j <= n; ++j)
+        for (int i = 0; i <= n; ++i) {
+            const double u = i / double(n), v = j / double(n);
+            mesh.points.push_back(KVector(float(u), float(0.8 * u * (1 - u) * v * (1 - v)), float(v)));
+        }
+    for (int j = 0; j < n; ++j)
+        for (int i = 0; i < n; ++i) {
+            const int a = j * (n + 1) + i;
+            mesh.faceCounts.push_back(4);
+            mesh.faceVertices.insert(mesh.faceVertices.end(), {a, a + 1, a + n + 2, a + n + 1});
+        }
+    return mesh;
+}
+
+}  // namespace
+
+static void BM_TransferSolvePoseGrid(benchmark::State& state) {
+    const KPolyMesh grid = PythonBenchGrid(99);
+    KPolyMesh target = grid;
+    for (KVector& p : target.points) p = KVector(p.x * 1.5f, p.y * 1.5f, p.z * 1.5f);
+    KDeformationTransferInput in;
+    grid.triangulate(in.sourceMesh);
+    target.triangulate(in.targetMesh);
+    in.vertCorres = KIntArray{0, 0, 99, 99, 9900, 9900, 9999, 9999, 5000, 5000};
+    in.srcFixPNum = KIntArray{0};
+    in.trgFixPNum = KIntArray{0};
+    in.calcMode = KDeformationTransferSolver::kSameTopology;
+    in.iterCount = 1;
+    in.aim = KDeformationTransferSolver::kTransfer;
+    in.threads = int(state.range(0));
+    in.reCalculate = true;
+    KDeformationTransferSolver solver;
+    KRecordingSink sink;
+    const KDeformationTransferResult built = solver.compute(in, sink);
+    if (built.outcome.failed()) state.SkipWithError(built.outcome.message.c_str());
+    in.reCalculate = false;
+    for (KVector& p : in.sourceMesh.points) p.y += 0.3f * (p.x * p.x);
+    for (auto _ : state) {
+        const KDeformationTransferResult r = solver.compute(in, sink);
+        if (r.outcome.failed()) state.SkipWithError(r.outcome.message.c_str());
+        benchmark::DoNotOptimize(solver.outPoints().data());
+    }
+    state.SetLabel("python_bench grid");
+    state.counters["threads"] = double(state.range(0));
+    state.counters["trgVerts"] = in.targetMesh.numVertices();
+}
+BENCHMARK(BM_TransferSolvePoseGrid)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();

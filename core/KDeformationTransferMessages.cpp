@@ -50,6 +50,11 @@ std::string DtPairingNamesMissingTriangle(int targetTriangle) {
            " names a source triangle the source mesh does not have; the transfer system was not built.";
 }
 
+std::string DtStoredFitSize(int points, int sourceVertices) {
+    return "KDeformationTransfer: the stored correspondence's fitted source has " + N(points) +
+           " points for a source of " + N(sourceVertices) + " vertices; the transfer system was not built.";
+}
+
 std::string DtSourceChanged(int vertices, int triangles, int restVertices, int restTriangles) {
     return "KDeformationTransfer: the source mesh (" + N(vertices) + " vertices, " + N(triangles) +
            " triangles) no longer matches the rest pose the system was built from (" + N(restVertices) +

@@ -28,6 +28,8 @@ std::string DtPairOutside(int pair, int source, int target, int sourceVertices, 
 std::string DtMeshIndicesInvalid(const char* mesh);
 std::string DtPairingSize(int entries, int targetTriangles);
 std::string DtPairingNamesMissingTriangle(int targetTriangle);
+// A stored correspondence whose fitted source does not hold one point per source vertex.
+std::string DtStoredFitSize(int points, int sourceVertices);
 std::string DtSourceChanged(int vertices, int triangles, int restVertices, int restTriangles);
 std::string DtTargetChanged(int vertices, int triangles, int builtVertices, int builtTriangles);
 std::string DtSingular(const char* system, const char* consequence);

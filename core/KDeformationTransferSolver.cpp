@@ -153,20 +153,24 @@ bool KDeformationTransferSolver::_recalculate(const KDeformationTransferInput& i
 
     if (_aim == kTransfer) {
         std::unique_ptr<KTransferSystem> system(new KTransferSystem);
-        // Decision (behaviour note "Deformation transfer: the target's system factored beside the
-        // search"): with a second thread, the target's factorisation runs beside the search (its
-        // messages stay on the calling thread, thread 0 of the team).
-        bool found = true;
-        KTransferSystem* prepared = system.get();
+        if (input.storedTriCorres) {
+            if (!_restoreCorrespondence(input, next)) return false;
+        } else {
+            // Decision (behaviour note "Deformation transfer: the target's system factored beside the
+            // search"): with a second thread, the target's factorisation runs beside the search (its
+            // messages stay on the calling thread, thread 0 of the team).
+            bool found = true;
+            KTransferSystem* prepared = system.get();
 #pragma omp parallel num_threads(2) if (ResolveThreads(_threads) > 1)
-        {
-            if (OmpThreadNum() == 0)
-                found = _findTriangleCorrespondence(input, next, fitted);
-            else
-                prepared->prepareTarget(input.targetMesh, 1);
+            {
+                if (OmpThreadNum() == 0)
+                    found = _findTriangleCorrespondence(input, next, fitted);
+                else
+                    prepared->prepareTarget(input.targetMesh, 1);
+            }
+            // Kept on purpose (behaviour note "Deformation transfer: a failed search still builds").
+            if (!found) return false;
         }
-        // Kept on purpose (behaviour note "Deformation transfer: a failed search still builds").
-        if (!found) return false;
         _progress(kDtBuildingMatrix);
         if (!system->build(next.refSrcMesh, input.targetMesh, next.triCorres, _threads))
             return _abort(system->failure(), system->libraryReport());
@@ -224,6 +228,22 @@ bool KDeformationTransferSolver::_findTriangleCorrespondence(const KDeformationT
         return true;
     }
     if (_calcMode == kDifferentTopology) _progress(kDtCorrespondencesFound);
+    return true;
+}
+
+// Decision (behaviour note "Deformation transfer: a restored correspondence")
+bool KDeformationTransferSolver::_restoreCorrespondence(const KDeformationTransferInput& input, State& next) {
+    const KTriMesh& src = input.sourceMesh;
+    const KTriMesh& trg = input.targetMesh;
+    // Guard (behaviour note "Deformation transfer: meshes whose triangles name missing vertices").
+    if (!src.indicesValid() || !trg.indicesValid())
+        return _abort(DtMeshIndicesInvalid(src.indicesValid() ? "target" : "source"));
+    const int fittedPoints = input.storedFitted ? input.storedFitted->length() : 0;
+    // Guard (behaviour note "Deformation transfer: a restored correspondence")
+    if (fittedPoints != src.numVertices()) return _abort(DtStoredFitSize(fittedPoints, src.numVertices()));
+    next.refSrcMesh = src;
+    next.triCorres = *input.storedTriCorres;
+    next.fitted = *input.storedFitted;
     return true;
 }
 

@@ -49,6 +49,11 @@ struct KDeformationTransferInput {
     KIntArray srcFixPNum;      // "srcFixPNum": element 0 is the source fixed vertex
     KIntArray trgFixPNum;      // "trgFixPNum": element 0 is the target fixed vertex
     int threads = 0;           // team size of the parallel loops; 0 or less: the OpenMP default
+    // A correspondence an earlier recalculation found for the same meshes and markers (its
+    // triCorres() and fittedSource()), restored by a host that saved it: a recalculation in the
+    // "Transfer" aim then builds the system from it instead of searching. Null: search.
+    const KInt4Array* storedTriCorres = nullptr;
+    const KVectorArray* storedFitted = nullptr;
 };
 
 // What the node writes back after one evaluation.
@@ -132,6 +137,7 @@ private:
     bool _recalculate(const KDeformationTransferInput& input, State& next, KDeformationTransferResult& result,
                       bool& fitted);
     bool _findTriangleCorrespondence(const KDeformationTransferInput& input, State& next, bool& fitted);
+    bool _restoreCorrespondence(const KDeformationTransferInput& input, State& next);
     bool _transferPass(const KDeformationTransferInput& input, const State& state, const KVectorArray& source,
                        KDeformationTransferResult& result);
     bool _setOutPoints(const KTriMesh& target, const KVectorArray& source, const State& state);

@@ -8,7 +8,7 @@
 // values in KDeltaMushInput; the result says which of them to write back. KDeltaMushAttributes
 // keeps those attributes in memory for hosts without a scene.
 
-#include "KAxis.h"
+#include "KFanNormals.h"
 #include "KJacobiSmoother.h"
 #include "KOutcome.h"
 #include "KPolyMesh.h"
@@ -62,9 +62,12 @@ public:
     KDeltaMushResult evaluate(const KDeltaMushInput& input);
 
     // The reconstructed points (object space of the input mesh, before the inverse matrix).
-    const KVectorArray& points() const { return _smoothPoints; }
-    // The deltas computed by the last bind, to be stored in "delta".
+    const KVectorArray& points() const { return _points; }
+    // The deltas computed by the evaluation that bound, to be stored in "delta" right after it;
+    // the next evaluation lets them go (the host holds them then). takeBoundDelta() hands them
+    // over instead of a copy.
     const KArray<KDouble3>& boundDelta() const { return _boundDelta; }
+    KArray<KDouble3> takeBoundDelta() { return std::move(_boundDelta); }
 
     // The value written back for point idx: its reconstructed position with the current
     // homogeneous weight w, times the inverse local-to-world matrix.
@@ -72,23 +75,31 @@ public:
 
     // Sweep count the stored deltas were computed with (0 for a new node).
     int boundIterations() const { return _numIter; }
+    // For a host that saved a binding ("delta" and its sweep count) and restores it into a new
+    // engine: the next evaluation with this "numIter" and "gotDelta" true takes the stored deltas
+    // as they are instead of binding again from the rest mesh.
+    void restoreBinding(int numIter) { _numIter = numIter; }
 
 private:
     bool _bindDue(const KDeltaMushInput& input) const;
     KOutcome _bind(const KPolyMesh& rest, const KDeltaMushInput& input);
+    // Makes the tables those of mesh's faces, rebuilding them only when the faces differ from the
+    // last call's; false, leaving no tables, when the faces are not valid for the mesh's points.
+    bool _setTopology(const KPolyMesh& mesh, int threads);
+    // Smooths the points of mesh into _smooth and sums the fan normals of the smoothed mesh.
+    void _smoothAndSum(const KPolyMesh& mesh, int threads);
 
     int _numIter = 0;
-    KPolyTopology _topology;
-    KPolyTopology _restTopology;
-    KAxisArray _frames;
-    KTangentSpaceBuilder _restTangents;
-    KTangentSpaceBuilder _tangents;
-    KJacobiSmoother _restSmoother;
+    // The faces the tables below are for.
+    bool _valid = false;
+    int _numVertices = -1;
+    KIntArray _faceCounts;
+    KIntArray _faceVertices;
     KJacobiSmoother _smoother;
-    KVectorArray _smoothPoints;
+    KFanNormals _normals;
+    KVectorArray _smooth;  // the smoothed points, and one more point (zero)
+    KVectorArray _points;  // the reconstructed points
     KArray<KDouble3> _boundDelta;
-    KVectorArray _deltas;
-    std::vector<double> _work;
 };
 
 // The delta-mush node's stored attributes held in memory, for running the engine without a scene

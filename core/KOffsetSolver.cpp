@@ -1,5 +1,7 @@
 #include "KOffsetSolver.h"
 
+#include "KThreads.h"
+
 namespace Kavrin {
 
 const char* const kOffsetNotPolyMesh = "KOffsetMeshDeformer works only for poly meshes.";
@@ -16,7 +18,7 @@ const char* const kOffsetNoMeshVertex =
 
 const float kOffsetFilterSize = 1e-5f;
 
-void KOffsetSolver::_buildSamples(const KArray<KOffsetVertex>& vertices) {
+void KOffsetSolver::_buildSamples(const KArray<KOffsetVertex>& vertices, int threads) {
     const int n = vertices.length();
     _samples.positions.setLength(n, false);
     _samples.u.setLength(n, false);
@@ -30,6 +32,7 @@ void KOffsetSolver::_buildSamples(const KArray<KOffsetVertex>& vertices) {
     float* v = _samples.v.data();
     KVector* normals = _samples.normals.data();
     float* weights = _samples.weights.data();
+#pragma omp parallel for schedule(static) num_threads(TeamFor(threads, n))
     for (int i = 0; i < n; ++i) {
         const KOffsetVertex& vertex = in[i];
         KFloatPoint& p = positions[i];
@@ -50,7 +53,7 @@ KOutcome KOffsetSolver::evaluate(const KOffsetInput& in, KShadingSampler& sample
     if (in.shadingEngine.empty()) return KOutcome::Failed(kOffsetNoShadingEngine, KOutcome::kWarning);
 
     static const KArray<KOffsetVertex> kNone;
-    _buildSamples(in.vertices ? *in.vertices : kNone);
+    _buildSamples(in.vertices ? *in.vertices : kNone, in.threads);
     const int n = _samples.count();
     _displacements.setLength(n, false);
     // Guard (behaviour note "Offset: nothing to sample")
@@ -67,6 +70,7 @@ KOutcome KOffsetSolver::evaluate(const KOffsetInput& in, KShadingSampler& sample
     const KVector* normals = _samples.normals.data();
     const float* weights = _samples.weights.data();
     KVector* out = _displacements.data();
+#pragma omp parallel for schedule(static) num_threads(TeamFor(in.threads, n))
     for (int i = 0; i < n; ++i) {
         const float a = static_cast<float>(envelopeScale * static_cast<double>(colours[i][0]) *
                                            static_cast<double>(weights[i]));

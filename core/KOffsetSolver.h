@@ -69,6 +69,7 @@ struct KOffsetInput {
     double scale = 1.0;         // "scale"
     // The iterated vertices, in iterator order; null: none.
     const KArray<KOffsetVertex>* vertices = nullptr;
+    int threads = 0;  // team size of the parallel loops; 0 or less: the OpenMP default
 };
 
 class KOffsetSolver {
@@ -96,7 +97,7 @@ public:
     }
 
 private:
-    void _buildSamples(const KArray<KOffsetVertex>& vertices);
+    void _buildSamples(const KArray<KOffsetVertex>& vertices, int threads);
 
     KOffsetSamples _samples;
     KArray<KFloat3> _colours;

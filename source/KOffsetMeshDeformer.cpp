@@ -15,6 +15,7 @@
 #include <maya/MPoint.h>
 #include <maya/MRenderUtil.h>
 #include <maya/MSelectionList.h>
+#include <maya/MThreadUtils.h>
 #include <maya/MVector.h>
 
 #include "KMayaBase.h"
@@ -108,6 +109,7 @@ MStatus KOffsetMeshDeformer::compute(const MPlug& plug, MDataBlock& block) {
     in.scale = block.inputValue(scaleObj).asDouble();
     in.envelope = block.inputValue(envelope).asFloat();
     in.vertices = &_vertices;
+    in.threads = MThreadUtils::getNumThreads();
     _vertices.clear();
     RendererSampler sampler;
 

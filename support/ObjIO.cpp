@@ -1,27 +1,28 @@
 #include "ObjIO.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <climits>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <memory>
 #include <vector>
 
+#include "KThreads.h"
+#include "ObjCommonReader.h"
 #include "TextFields.h"
+
+#ifdef _OPENMP
+#define KAVRIN_OMP(directive) _Pragma(#directive)
+#else
+#define KAVRIN_OMP(directive)
+#endif
 
 namespace Kavrin {
 
 namespace {
-
-// Statements that describe grouping, materials or display and carry nothing the mesh keeps.
-// Decision (behaviour note "What the OBJ reader accepts")
-bool IsIgnoredStatement(std::string_view key) {
-    static const char* const kIgnored[] = {"o",   "g",     "s",        "usemtl",   "mtllib",     "usemap",
-                                           "maplib", "mg", "lod",      "bevel",    "c_interp",   "d_interp",
-                                           "shadow_obj", "trace_obj", "ctech", "stech"};
-    for (const char* k : kIgnored)
-        if (key == k) return true;
-    return false;
-}
 
 bool IsFreeFormStatement(std::string_view key) {
     static const char* const kFreeForm[] = {"vp",   "cstype", "deg",  "bmat", "step", "curv", "curv2", "surf",
@@ -53,7 +54,7 @@ public:
                 normal();
             else if (key == "f")
                 face();
-            else if (IsIgnoredStatement(key))
+            else if (IsIgnoredObjStatement(key))
                 continue;
             else if (key == "p" || key == "l")
                 throw _lines.error(Quoted(key) + " elements (points and lines) are not read: kavrin reads polygon "
@@ -181,27 +182,9 @@ private:
     std::string _why;
 };
 
-void AppendNumber(std::string& out, float value) {
-    char buffer[32];
-    const std::to_chars_result r = std::to_chars(buffer, buffer + sizeof(buffer), value);
-    out.append(buffer, r.ptr);
-}
-
-void AppendNumber(std::string& out, int value) {
-    char buffer[16];
-    const std::to_chars_result r = std::to_chars(buffer, buffer + sizeof(buffer), value);
-    out.append(buffer, r.ptr);
-}
-
-}  // namespace
-
-KPolyMesh ParseObj(std::string_view text, const std::string& name, KCornerUVs* uvs) {
-    return ObjParser(text, name).parse(uvs);
-}
-
-KPolyMesh ReadObj(const std::string& path, KCornerUVs* uvs) { return ParseObj(ReadTextFile(path), path, uvs); }
-
-std::string FormatObj(const KPolyMesh& mesh, const KCornerUVs* uvs) {
+// Checks that the reader would read the mesh back; returns the texture coordinates to write (null
+// for none). Throws KFileError (without a file name) otherwise.
+const KCornerUVs* WritableUVs(const KPolyMesh& mesh, const KCornerUVs* uvs) {
     // Guard (behaviour note "Results that are not finite")
     std::vector<int> bad;
     for (int i = 0; i < mesh.numVertices(); ++i) {
@@ -234,45 +217,177 @@ std::string FormatObj(const KPolyMesh& mesh, const KCornerUVs* uvs) {
             if (!std::isfinite(uv[0]) || !std::isfinite(uv[1]))
                 throw KFileError("a texture coordinate is not finite; nothing was written");
     }
-    std::string out;
-    out.reserve(static_cast<size_t>(mesh.numVertices()) * 40 + mesh.faceVertices.size() * 8);
-    for (const KVector& p : mesh.points) {
-        out += "v ";
-        AppendNumber(out, p.x);
-        out += ' ';
-        AppendNumber(out, p.y);
-        out += ' ';
-        AppendNumber(out, p.z);
-        out += '\n';
-    }
-    if (uvs) {
-        for (const KFloat2& uv : uvs->uvs) {
-            out += "vt ";
-            AppendNumber(out, uv[0]);
-            out += ' ';
-            AppendNumber(out, uv[1]);
-            out += '\n';
+    return uvs;
+}
+
+// The most characters a float or an int takes: "-1.17549435e-38", "-2147483648".
+const size_t kFloatChars = 16, kIntChars = 11;
+
+inline char* Put(char* at, float value) { return std::to_chars(at, at + kFloatChars, value).ptr; }
+inline char* Put(char* at, int value) { return std::to_chars(at, at + kIntChars, value).ptr; }
+
+// A run of lines of one kind: vertices, texture coordinates or faces [first, last); a run of faces
+// starts at corner.
+struct LineRun {
+    enum Kind { kVertices, kTexcoords, kFaces } kind;
+    int first, last, corner;
+};
+
+// A text buffer that keeps its storage.
+struct TextPiece {
+    std::unique_ptr<char[]> data;
+    size_t capacity = 0, size = 0;
+    void reserve(size_t most) {
+        if (most > capacity) {
+            data.reset(new char[most]);
+            capacity = most;
         }
     }
-    int at = 0;
-    for (int count : mesh.faceCounts) {
-        out += 'f';
-        for (int k = 0; k < count; ++k) {
-            out += ' ';
-            AppendNumber(out, mesh.faceVertices[at + k] + 1);
-            if (uvs && uvs->corners[at + k] >= 0) {
-                out += '/';
-                AppendNumber(out, uvs->corners[at + k] + 1);
+};
+
+// The most characters the lines of run take.
+size_t MostChars(const LineRun& run, const KPolyMesh& mesh) {
+    const size_t lines = static_cast<size_t>(run.last - run.first);
+    if (run.kind == LineRun::kVertices) return lines * (5 + 3 * kFloatChars);
+    if (run.kind == LineRun::kTexcoords) return lines * (5 + 2 * kFloatChars);
+    size_t corners = 0;
+    for (int f = run.first; f < run.last; ++f) corners += static_cast<size_t>(mesh.faceCounts[f]);
+    return 2 * lines + corners * (2 + 2 * kIntChars);
+}
+
+// The lines of run into piece, which holds MostChars(run).
+void FormatRun(const LineRun& run, const KPolyMesh& mesh, const KCornerUVs* uvs, TextPiece& piece) {
+    if (run.kind == LineRun::kVertices) {
+        char* const start = piece.data.get();
+        char* at = start;
+        for (int i = run.first; i < run.last; ++i) {
+            const KVector& p = mesh.points[i];
+            *at++ = 'v';
+            *at++ = ' ';
+            at = Put(at, p.x);
+            *at++ = ' ';
+            at = Put(at, p.y);
+            *at++ = ' ';
+            at = Put(at, p.z);
+            *at++ = '\n';
+        }
+        piece.size = static_cast<size_t>(at - start);
+    } else if (run.kind == LineRun::kTexcoords) {
+        char* const start = piece.data.get();
+        char* at = start;
+        for (int i = run.first; i < run.last; ++i) {
+            const KFloat2& uv = uvs->uvs[i];
+            *at++ = 'v';
+            *at++ = 't';
+            *at++ = ' ';
+            at = Put(at, uv[0]);
+            *at++ = ' ';
+            at = Put(at, uv[1]);
+            *at++ = '\n';
+        }
+        piece.size = static_cast<size_t>(at - start);
+    } else {
+        char* const start = piece.data.get();
+        char* at = start;
+        const int* fv = mesh.faceVertices.data();
+        const int* uv = uvs ? uvs->corners.data() : nullptr;
+        for (int f = run.first, c = run.corner; f < run.last; ++f) {
+            *at++ = 'f';
+            for (const int end = c + mesh.faceCounts[f]; c < end; ++c) {
+                *at++ = ' ';
+                at = Put(at, fv[c] + 1);
+                if (uv && uv[c] >= 0) {
+                    *at++ = '/';
+                    at = Put(at, uv[c] + 1);
+                }
             }
+            *at++ = '\n';
         }
-        out += '\n';
-        at += count;
+        piece.size = static_cast<size_t>(at - start);
     }
+}
+
+}  // namespace
+
+// The common form is read on all cores; anything else, or anything wrong, again by the strict
+// parser, which names the line and the reason.
+KPolyMesh ParseObj(std::string_view text, const std::string& name, KCornerUVs* uvs) {
+    KPolyMesh mesh;
+    if (KObjCommonReader::ReadText(text.data(), text.size(), mesh, uvs)) return mesh;
+    return ParseObjStrict(text, name, uvs);
+}
+
+KPolyMesh ParseObjStrict(std::string_view text, const std::string& name, KCornerUVs* uvs) {
+    return ObjParser(text, name).parse(uvs);
+}
+
+KPolyMesh ReadObj(const std::string& path, KCornerUVs* uvs) {
+    KPolyMesh mesh;
+    if (KObjCommonReader::ReadFile(path, mesh, uvs)) return mesh;
+    return ParseObjStrict(ReadTextFile(path), path, uvs);
+}
+
+bool FormatObjPieces(const KPolyMesh& mesh, const KCornerUVs* uvs, const std::function<bool(std::string_view)>& write) {
+    uvs = WritableUVs(mesh, uvs);
+    // Runs of about a megabyte of text, formatted a few at a time on all cores and written in order.
+    const int kLines = 1 << 15;
+    std::vector<LineRun> runs;
+    for (int i = 0; i < mesh.numVertices(); i += kLines)
+        runs.push_back(LineRun{LineRun::kVertices, i, std::min(mesh.numVertices(), i + kLines), 0});
+    for (int i = 0; uvs && i < uvs->uvs.length(); i += kLines)
+        runs.push_back(LineRun{LineRun::kTexcoords, i, std::min(uvs->uvs.length(), i + kLines), 0});
+    for (int f = 0, corner = 0; f < mesh.numFaces(); f += kLines) {
+        const int last = std::min(mesh.numFaces(), f + kLines);
+        runs.push_back(LineRun{LineRun::kFaces, f, last, corner});
+        for (int g = f; g < last; ++g) corner += mesh.faceCounts[g];
+    }
+    const int runCount = static_cast<int>(runs.size());
+    const int team = std::max(1, std::min(ResolveThreads(0), runCount));
+    std::vector<TextPiece> pieces(static_cast<size_t>(2 * team));
+    for (int first = 0; first < runCount; first += 2 * team) {
+        const int count = std::min(2 * team, runCount - first);
+        // Buffers made here rather than on the threads: memory the threads take stays with them.
+        for (int r = 0; r < count; ++r) pieces[r].reserve(MostChars(runs[first + r], mesh));
+        KAVRIN_OMP(omp parallel for schedule(static, 1) num_threads(team))
+        for (int r = 0; r < count; ++r) FormatRun(runs[first + r], mesh, uvs, pieces[r]);
+        for (int r = 0; r < count; ++r)
+            if (!write(std::string_view(pieces[r].data.get(), pieces[r].size))) return false;
+    }
+    return true;
+}
+
+std::string FormatObj(const KPolyMesh& mesh, const KCornerUVs* uvs) {
+    std::string out;
+    FormatObjPieces(mesh, uvs, [&out](std::string_view piece) {
+        out.append(piece);
+        return true;
+    });
     return out;
 }
 
 void WriteObj(const std::string& path, const KPolyMesh& mesh, const KCornerUVs* uvs) {
-    WriteFormatted(path, [&] { return FormatObj(mesh, uvs); });
+    // The file is opened with the first piece, after the checks: a mesh the reader would refuse
+    // writes nothing.
+    std::FILE* file = nullptr;
+    int reason = 0;
+    bool written = false;
+    try {
+        written = FormatObjPieces(mesh, uvs, [&](std::string_view piece) {
+            if (!file) file = std::fopen(path.c_str(), "wb");
+            if (file && std::fwrite(piece.data(), 1, piece.size(), file) == piece.size()) return true;
+            reason = errno;
+            return false;
+        });
+        if (written && !file) file = std::fopen(path.c_str(), "wb");  // an empty text
+    } catch (const KFileError& e) {
+        throw KFileError(path + ": " + e.what());
+    }
+    if (!file) throw KFileError(path + ": cannot write the file (" + std::strerror(reason ? reason : errno) + ")");
+    if (std::fclose(file) != 0 && written) {
+        written = false;
+        reason = errno;
+    }
+    if (!written) throw KFileError(path + ": cannot write the file (" + std::strerror(reason ? reason : EIO) + ")");
 }
 
 }  // namespace Kavrin

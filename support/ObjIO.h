@@ -15,6 +15,7 @@
 // than three corners or one vertex twice, indices that are 0 or lie outside the entries read so
 // far, points and lines ("p", "l"), free-form geometry, and unknown statements.
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -39,6 +40,11 @@ KPolyMesh ReadObj(const std::string& path, KCornerUVs* uvs = nullptr);
 // The same on text already in memory; name stands for the file in messages.
 KPolyMesh ParseObj(std::string_view text, const std::string& name, KCornerUVs* uvs = nullptr);
 
+// The same with the strict line-by-line parser alone. ReadObj and ParseObj read the common form of
+// OBJ files on all cores (ObjCommonReader.h) and hand everything else to this parser, which
+// reads the same mesh from what both accept.
+KPolyMesh ParseObjStrict(std::string_view text, const std::string& name, KCornerUVs* uvs = nullptr);
+
 // Writes the points (the shortest decimal text that reads back as the same float), with uvs given
 // the texture coordinates ("vt", and "f v/vt" on the faces that have them), and the original
 // faces (one-based indices). Throws KFileError, writing nothing, when a point or coordinate is not
@@ -48,5 +54,10 @@ void WriteObj(const std::string& path, const KPolyMesh& mesh, const KCornerUVs* 
 
 // The text WriteObj writes. Throws KFileError (without a file name) as WriteObj does.
 std::string FormatObj(const KPolyMesh& mesh, const KCornerUVs* uvs = nullptr);
+
+// The same text handed to write piece after piece (about a megabyte each, formatted on all cores)
+// instead of held whole; the checks come first, so a refused mesh throws before the first piece.
+// Stops when write returns false, and returns false then.
+bool FormatObjPieces(const KPolyMesh& mesh, const KCornerUVs* uvs, const std::function<bool(std::string_view)>& write);
 
 }  // namespace Kavrin

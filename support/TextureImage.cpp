@@ -5,26 +5,13 @@
 #include <fstream>
 #include <new>
 
-#include <OpenImageIO/filesystem.h>
-#include <OpenImageIO/imageio.h>
-
+#include "ImageCodec.h"
 #include "KThreads.h"
 #include "TextFields.h"
 
 namespace Kavrin {
 
 namespace {
-
-std::string FirstLine(const std::string& text) {
-    std::string line = text.substr(0, text.find('\n'));
-    while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
-    return line;
-}
-
-std::string Why(const std::string& error) {
-    const std::string line = FirstLine(error);
-    return line.empty() ? std::string() : " (" + line + ")";
-}
 
 // std::floor without the library call (the baseline instruction set has no rounding
 // instruction): truncate, then step down for negative non-integers. Values of 2^52 and beyond are
@@ -108,31 +95,11 @@ KTextureImage ReadTextureRed(const std::string& path) {
     }
     // Guard (behaviour note "Texture: PNG files that end early")
     if (PngEndsEarly(path)) throw KFileError(path + ": the image could not be read completely (the PNG file ends early)");
-    // Colours as stored: without this hint the readers of formats with unassociated alpha (PNG,
-    // TGA, some TIFF) multiply the colour by alpha, so red 255 under alpha 0 would read as 0.
-    // Decision (behaviour note "Texture: raw values of channel 0")
-    OIIO::ImageSpec config;
-    config.attribute("oiio:UnassociatedAlpha", 1);
-    auto in = OIIO::ImageInput::open(path, &config);
-    if (!in) throw KFileError(path + ": not an image file that can be read" + Why(OIIO::geterror()));
-    const OIIO::ImageSpec header = in->spec_dimensions(0);  // sizes, channels and pixel type
-    if (header.width < 1 || header.height < 1 || header.nchannels < 1) throw KFileError(path + ": the image holds no pixels");
-    if (header.depth > 1) throw KFileError(path + ": a volume image, not a flat texture");
-    if (header.deep) throw KFileError(path + ": a deep image, not a flat texture");
-
+    int width = 0, height = 0;
     std::vector<float> texels;
-    try {
-        texels.resize(static_cast<size_t>(header.width) * static_cast<size_t>(header.height));
-    } catch (const std::bad_alloc&) {
-        throw KFileError(path + ": the image (" + std::to_string(header.width) + " x " + std::to_string(header.height) +
-                         ") is too large to hold in memory");
-    }
-    // Channel 0 only, converted to float by the reader.
-    // Decision (behaviour note "Texture: raw values of channel 0")
-    if (!in->read_image(0, 0, 0, 1, OIIO::TypeDesc::FLOAT, texels.data()))
-        throw KFileError(path + ": the image could not be read completely" + Why(in->geterror()));
-    in->close();
-    return KTextureImage(header.width, header.height, std::move(texels));
+    std::string error;
+    if (!ImageCodec(path).readRed(path.c_str(), &width, &height, &texels, &error)) throw KFileError(error);
+    return KTextureImage(width, height, std::move(texels));
 }
 
 std::string EncodeImage(const std::string& path, int width, int height, int channels,
@@ -141,20 +108,10 @@ std::string EncodeImage(const std::string& path, int width, int height, int chan
         pixels.size() != static_cast<size_t>(width) * static_cast<size_t>(height) * static_cast<size_t>(channels))
         throw KFileError(path + ": the pixels do not fill a " + std::to_string(width) + " x " + std::to_string(height) +
                          " image of " + std::to_string(channels) + " channels");
-    const OIIO::TypeDesc type =
-        bits == 8 ? OIIO::TypeDesc::UINT8 : bits == 16 ? OIIO::TypeDesc::UINT16 : OIIO::TypeDesc::FLOAT;
-    auto out = OIIO::ImageOutput::create(path);
-    if (!out) throw KFileError(path + ": no image format for this file name" + Why(OIIO::geterror()));
-    if (!out->supports("ioproxy")) throw KFileError(path + ": this image format cannot be written through memory");
-    std::vector<unsigned char> bytes;
-    OIIO::Filesystem::IOVecOutput memory(bytes);
-    OIIO::ImageSpec header(width, height, channels, type);
-    // The pixels are written as given, not divided by an alpha channel (the reader's hint above).
-    header.attribute("oiio:UnassociatedAlpha", 1);
-    if (!out->set_ioproxy(&memory) || !out->open(path, header) ||
-        !out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()) || !out->close())
-        throw KFileError(path + ": cannot write the image" + Why(out->geterror()));
-    return std::string(bytes.begin(), bytes.end());
+    std::string bytes, error;
+    if (!ImageCodec(path).encode(path.c_str(), width, height, channels, pixels.data(), bits, &bytes, &error))
+        throw KFileError(error);
+    return bytes;
 }
 
 void WriteImage(const std::string& path, int width, int height, int channels, const std::vector<float>& pixels,

@@ -1,5 +1,6 @@
 #pragma once
-// One channel of an image as a texture: read from any file OpenImageIO reads (PNG, TIFF, OpenEXR,
+// One channel of an image as a texture: read from any file OpenImageIO reads (through the
+// kavrin_images module, ImageCodec.h) (PNG, TIFF, OpenEXR,
 // ...; 8-bit to 32-bit float), sampled bilinearly at texture coordinates and repeated in both
 // directions, the way a renderer samples a file texture.
 //

@@ -27,8 +27,7 @@ KArray<double> ParseValues(std::string_view text, const std::string& name, int e
         values.push_back(value);
     }
     if (expectedCount >= 0 && values.length() != expectedCount)
-        throw KFileError(name + ": " + std::to_string(values.length()) + " values for " +
-                         std::to_string(expectedCount) + " vertices");
+        throw KFileError(ValueCountMismatch(name, values.length(), expectedCount));
     return values;
 }
 

@@ -6,15 +6,10 @@
 #include <string_view>
 
 #include "FileError.h"
+#include "InputChecks.h"
 #include "KArray.h"
 
 namespace Kavrin {
-
-// The values a file may hold: [lowest, highest].
-struct KValueRange {
-    double lowest;
-    double highest;
-};
 
 // Reads the values. Each line holds exactly one finite number within the range of a float (and
 // within range, when given). With expectedCount >= 0 the file must hold exactly that many values.

@@ -16,8 +16,8 @@ flags=(-std=c++17 -g -O1 -fno-omit-frame-pointer -fsanitize=address,undefined -f
 
 # The readers and the little of the base library they use, built once.
 objects=()
-for src in support/TextFields.cpp support/ObjIO.cpp support/MarkerFile.cpp support/ValueFile.cpp \
-           base/KPolyMesh.cpp; do
+for src in support/TextFields.cpp support/InputChecks.cpp support/ObjIO.cpp support/ObjCommonReader.cpp \
+           support/MarkerFile.cpp support/ValueFile.cpp support/PointCache.cpp base/KPolyMesh.cpp; do
   object="$out/obj/$(basename "${src%.cpp}").o"
   "$cxx" "${flags[@]}" -fsanitize=fuzzer-no-link -c "$src" -o "$object"
   objects+=("$object")
@@ -25,7 +25,7 @@ done
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-for target in obj markers values; do
+for target in obj markers values pointcache; do
   "$cxx" "${flags[@]}" -fsanitize=fuzzer "tests/fuzz/${target}_fuzz.cpp" "${objects[@]}" -o "$out/${target}_fuzz"
   mkdir -p "$out/corpus/$target"
   dict=()

@@ -11,6 +11,8 @@ packages=(
   libgl-dev libglu1-mesa-dev libosmesa6-dev
   clang libclang-rt-dev
   libopenblas0-pthread
+  python3-dev python3-numpy pybind11-dev python3-pytest python3-distributed
+  blender
   debootstrap
 )
 

@@ -20,85 +20,12 @@ std::vector<std::string> gHeldErrors;
 
 KPolyMesh LoadMesh(const std::string& path, KCornerUVs* uvs) {
     KPolyMesh mesh = ReadObj(path, uvs);
-    // Decision (behaviour note "Coordinates too large to compute with")
-    for (int v = 0; v < mesh.numVertices(); ++v) {
-        const KVector& p = mesh.points[v];
-        if (std::fabs(p.x) > kLargestCoordinate || std::fabs(p.y) > kLargestCoordinate ||
-            std::fabs(p.z) > kLargestCoordinate)
-            throw UsageError(path + ": vertex " + std::to_string(v) + " is at (" + NumberText(p.x) + ", " +
-                             NumberText(p.y) + ", " + NumberText(p.z) + "); coordinates outside " +
-                             RangeText(-kLargestCoordinate, kLargestCoordinate) +
-                             " overflow the engines' single-precision arithmetic");
-    }
+    RequireComputablePoints(mesh.points, path);
     return mesh;
 }
 
 double MillisecondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-}
-
-void DeformEach(const std::vector<std::string>& inputs, const std::vector<std::string>& outputs,
-                const std::function<KPolyMesh(size_t)>& deform, const std::vector<KCornerUVs>* corners,
-                const std::string& resultOf) {
-    for (size_t i = 0; i < inputs.size(); ++i) {
-        const auto start = std::chrono::steady_clock::now();
-        const KPolyMesh result = deform(i);
-        const double ms = MillisecondsSince(start);
-        std::vector<int> bad;
-        for (int v = 0; v < result.numVertices(); ++v) {
-            const KVector& p = result.points[v];
-            if (!std::isfinite(p.x) || !std::isfinite(p.y) || !std::isfinite(p.z)) bad.push_back(v);
-        }
-        // Guard (behaviour note "Results that are not finite")
-        if (!bad.empty())
-            throw RunError(inputs[i] + ": " + std::to_string(bad.size()) + (bad.size() == 1 ? " vertex" : " vertices") +
-                           " of " + (resultOf.empty() ? "the result" : "its result (" + resultOf + " deformed)") +
-                           (bad.size() == 1 ? " is" : " are") + " not finite (" + FirstFew(bad) +
-                           ", counting from 0); nothing was written");
-        SaveMesh(outputs[i], result, corners ? &(*corners)[i] : nullptr);
-        Progress("[%zu/%zu] %s -> %s (%.1f ms)", i + 1, inputs.size(), inputs[i].c_str(), outputs[i].c_str(), ms);
-    }
-}
-
-void RequireSameTopology(const KPolyMesh& rest, const std::string& restPath, const KPolyMesh& pose,
-                         const std::string& posePath) {
-    if (pose.numVertices() != rest.numVertices())
-        throw UsageError(posePath + ": " + std::to_string(pose.numVertices()) + " vertices, but " + restPath +
-                         " has " + std::to_string(rest.numVertices()));
-    if (pose.numFaces() != rest.numFaces())
-        throw UsageError(posePath + ": " + std::to_string(pose.numFaces()) + " faces, but " + restPath + " has " +
-                         std::to_string(rest.numFaces()));
-    if (pose.faceCounts != rest.faceCounts || pose.faceVertices != rest.faceVertices)
-        throw UsageError(posePath + ": its faces differ from those of " + restPath);
-}
-
-std::vector<KPolyMesh> LoadPoses(const std::vector<std::string>& paths, const KPolyMesh* rest,
-                                 const std::string& restPath) {
-    std::vector<KPolyMesh> poses;
-    for (const std::string& path : paths) {
-        poses.push_back(LoadMesh(path));
-        if (rest)
-            RequireSameTopology(*rest, restPath, poses.back(), path);
-        else
-            RequireSameTopology(poses.front(), paths.front(), poses.back(), path);
-    }
-    return poses;
-}
-
-std::vector<int> LooseVertices(const KPolyMesh& mesh) {
-    std::vector<char> used(static_cast<size_t>(mesh.numVertices()), 0);
-    for (int v : mesh.faceVertices)
-        if (v >= 0 && v < mesh.numVertices()) used[static_cast<size_t>(v)] = 1;
-    std::vector<int> loose;
-    for (int v = 0; v < mesh.numVertices(); ++v)
-        if (!used[static_cast<size_t>(v)]) loose.push_back(v);
-    return loose;
-}
-
-void RefuseLooseVertices(const std::string& path, const std::vector<int>& loose, const std::string& consequence) {
-    if (loose.empty()) return;
-    throw UsageError(path + ": " + std::to_string(loose.size()) + (loose.size() == 1 ? " vertex is" : " vertices are") +
-                     " in no face (" + FirstFew(loose) + ", counting from 0); " + consequence);
 }
 
 // Decision (behaviour note "Thread counts on the command line")
@@ -211,6 +138,12 @@ CLI::Option* AddOutputOption(CLI::App* sub, std::string& out, const std::string&
         [](std::string& text) -> std::string { return text.empty() ? "the output path is empty" : std::string(); },
         "");
     return sub->add_option("-o,--output", out, description)->required()->check(check);
+}
+
+CLI::Option* AddTopologyOption(CLI::App* sub, std::string& path, const std::string& description) {
+    const CLI::Validator check(
+        [](std::string& text) -> std::string { return text.empty() ? "the path is empty" : std::string(); }, "");
+    return sub->add_option("--topology", path, description)->check(check);
 }
 
 bool Verbose() { return gVerbose; }

@@ -16,9 +16,12 @@
 
 #include <CLI/CLI.hpp>
 
+#include "InputChecks.h"
 #include "KMessageSink.h"
 #include "KPolyMesh.h"
 #include "ObjIO.h"
+#include "PointCache.h"
+#include "RunError.h"
 
 namespace Kavrin {
 
@@ -26,16 +29,10 @@ enum ExitCode { kExitSuccess = 0, kExitFailedRun = 1, kExitBadInput = 2 };
 
 // Bad input: a missing or malformed file, meshes that do not match, a bad option, an output
 // path that cannot be written. Exit status 2.
-class UsageError : public std::runtime_error {
-public:
-    explicit UsageError(const std::string& message) : std::runtime_error(message) {}
-};
+using UsageError = KInputError;
 
 // The input was fine but the run failed. Exit status 1.
-class RunError : public std::runtime_error {
-public:
-    explicit RunError(const std::string& message) : std::runtime_error(message) {}
-};
+using RunError = KRunError;
 
 // A subcommand: its parser and what runs when it was chosen.
 struct Command {
@@ -51,11 +48,6 @@ void AddWrapCommand(CLI::App& app, std::vector<Command>& commands);
 void AddDemoCommand(CLI::App& app, std::vector<Command>& commands);
 void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands);
 void AddRenderCommand(CLI::App& app, std::vector<Command>& commands);
-
-// Coordinates the engines compute with safely: their single-precision geometry forms products of
-// coordinate differences and squares them (edge cross products, normalised), which overflow for
-// coordinates much beyond this.
-constexpr double kLargestCoordinate = 1e9;
 
 // Reads an OBJ file (with uvs given, its texture coordinates too); any problem is a KFileError,
 // which the tool reports as bad input, and a vertex beyond kLargestCoordinate a UsageError naming
@@ -81,34 +73,93 @@ void CommitOutputs();
 // Removes the run's temporary files and the output folders it created that are left empty.
 void DiscardOutputs();
 
-// The command's main loop: for each input i, deform(i) makes the result mesh, which is written to
-// outputs[i] (with corners[i] as its texture coordinates when corners is given), then one line
-// "[i/n] <input> -> <output> (<ms> ms)" reports it (the time of deform(i) alone). A result with a
-// point that is not finite is a RunError naming the input and the first such vertices; resultOf
-// names the mesh the result is a deformed copy of when that is not the input (as for OutputPaths).
-void DeformEach(const std::vector<std::string>& inputs, const std::vector<std::string>& outputs,
-                const std::function<KPolyMesh(size_t)>& deform, const std::vector<KCornerUVs>* corners = nullptr,
-                const std::string& resultOf = std::string());
 // Milliseconds since start.
 double MillisecondsSince(std::chrono::steady_clock::time_point start);
 
-// Throws UsageError unless pose has the vertex count and faces of rest.
-void RequireSameTopology(const KPolyMesh& rest, const std::string& restPath, const KPolyMesh& pose,
-                         const std::string& posePath);
-// Reads the pose meshes at paths; each must have the vertex count and faces of rest (of the first
-// pose when rest is null), as RequireSameTopology checks.
-std::vector<KPolyMesh> LoadPoses(const std::vector<std::string>& paths, const KPolyMesh* rest = nullptr,
-                                 const std::string& restPath = std::string());
+// ---- Poses: the meshes a command deforms, in the order given: OBJ files, and the frames of
+// point caches (.pc2, .mdd), which hold positions only and take the faces of the command's rest
+// mesh (or of --topology).
+class PoseSequence {
+public:
+    std::vector<std::string> files;  // the files given, OBJs and caches
+    std::vector<std::string> names;  // each pose as messages name it: its file, or "<cache> frame <k>"
+    // The file each pose's result in a folder is named after: the pose's own, or "<cache stem>.<k>.obj"
+    // beside the cache (k counting from 0, at least four digits).
+    std::vector<std::string> resultNames;
+    // The timing of the input when it is one cache, kept by a cache written in the same format.
+    bool oneCache = false;
+    KPointCacheFormat cacheFormat = KPointCacheFormat::kPC2;
+    KPointCache timing;  // without positions
 
-// Where each pose's result goes: out itself for one pose (or a file in it when out is an existing
-// folder or ends in '/'), otherwise a file in the folder out, created. The file in the folder is
-// named after the pose (its file name), or, when the result is a deformed copy of another mesh,
-// "<resultOf's stem>-from-<the pose's stem>.obj". Checked before any work, all as UsageError: an
-// empty out, two poses whose results would have the same name, a folder that cannot be created,
-// an output that cannot be written, an output that is one of the poses or of otherInputs.
-std::vector<std::string> OutputPaths(const std::string& out, const std::vector<std::string>& poses,
-                                     const std::vector<std::string>& otherInputs = {},
-                                     const std::string& resultOf = std::string());
+    size_t size() const { return names.size(); }
+    // Pose i as a mesh (a cache frame with the faces of its topology).
+    KPolyMesh mesh(size_t i) const;
+    // The texture coordinates of pose i's corners (those of its topology for a cache frame); empty
+    // unless read with them.
+    const KCornerUVs& corners(size_t i) const;
+
+private:
+    friend PoseSequence LoadPoses(const std::vector<std::string>&, const KPolyMesh*, const std::string&, bool,
+                                  const KCornerUVs*);
+    struct Pose {
+        int mesh = -1;   // index into _meshes for an OBJ pose
+        int cache = -1;  // index into _caches for a cache frame
+        int frame = 0;
+    };
+    std::vector<Pose> _poses;
+    std::vector<KPolyMesh> _meshes;
+    std::vector<KCornerUVs> _corners;
+    std::vector<KPointCache> _caches;
+    KPolyMesh _topology;
+    KCornerUVs _topologyCorners;
+};
+
+// Reads the poses at paths, every coordinate within kLargestCoordinate. With sameTopology each must
+// have the vertex count and faces of rest (of the first pose when rest is null), as
+// RequireSameTopology checks, and the frames of a cache take those faces; without it (meshes that
+// may differ) they take rest's. A cache with no faces to take is a UsageError pointing to
+// --topology. With restCorners the OBJ poses' texture coordinates are read too, and cache frames
+// take restCorners.
+PoseSequence LoadPoses(const std::vector<std::string>& paths, const KPolyMesh* rest = nullptr,
+                       const std::string& restPath = std::string(), bool sameTopology = true,
+                       const KCornerUVs* restCorners = nullptr);
+
+// The help texts of the poses and of -o in every command that deforms poses.
+extern const char* const kPosesHelp;
+extern const char* const kOutputHelp;
+
+// Where a command's results go: one OBJ file per pose, or every result as one frame of a point
+// cache when out names one (.pc2, .mdd).
+struct ResultOutputs {
+    std::vector<std::string> files;  // one per pose; empty with a cache
+    std::string cache;
+    KPointCacheFormat format = KPointCacheFormat::kPC2;
+    KPointCache timing;  // start frame, sample rate, times of the cache written
+};
+
+// Where each pose's result goes: a cache when out ends in .pc2 or .mdd (it keeps the timing of a
+// single input cache of the same format; see docs/kavrin.md), else out itself for one pose (or a
+// file in it when out is an existing folder or ends in '/'), otherwise a file in the folder out,
+// created. The file in the folder is named after the pose (its result name), or, when the result is
+// a deformed copy of another mesh, "<resultOf's stem>-from-<the pose's stem>.obj". Checked before
+// any work, all as UsageError: an empty out, two poses whose results would have the same name, a
+// folder that cannot be created, an output that cannot be written, an output that is one of the
+// inputs (poses.files or otherInputs).
+ResultOutputs OutputPaths(const std::string& out, const PoseSequence& poses,
+                          const std::vector<std::string>& otherInputs = {}, const std::string& resultOf = std::string());
+
+// The command's main loop: for each pose i, deform(i) makes the result mesh, which is written to
+// its output (an OBJ with the pose's texture coordinates when withCorners, or the next frame of
+// the cache, written once all are made), then one line "[i/n] <pose> -> <output> (<ms> ms)"
+// reports it (the time of deform(i) alone). A result with a point that is not finite is a RunError
+// naming the pose and the first such vertices; resultOf names the mesh the result is a deformed
+// copy of when that is not the pose (as for OutputPaths).
+void DeformEach(const PoseSequence& poses, const ResultOutputs& outputs, const std::function<KPolyMesh(size_t)>& deform,
+                bool withCorners = false, const std::string& resultOf = std::string());
+
+// OutputPaths for OBJ results named after poses (file names).
+std::vector<std::string> OutputFilePaths(const std::string& out, const std::vector<std::string>& poses,
+                                         const std::vector<std::string>& inputs, const std::string& resultOf);
 
 // The output folder out, created when missing; an empty out, a file in its place or a folder that
 // cannot be created is a UsageError.
@@ -117,14 +168,6 @@ std::string OutputFolder(const std::string& out);
 // The same checks as OutputPaths for a command that writes one file, out (not a folder).
 std::string OutputFile(const std::string& out, const std::vector<std::string>& inputs);
 
-// Vertices that no face uses, in index order.
-std::vector<int> LooseVertices(const KPolyMesh& mesh);
-
-// Throws UsageError "<path>: N vertices are in no face (the first few, counting from 0);
-// <consequence>" unless loose
-// is empty.
-void RefuseLooseVertices(const std::string& path, const std::vector<int>& loose, const std::string& consequence);
-
 // ---- Options. Each shows its range in --help; a value outside it ends the parse with exit 2
 // and a line naming the option, the value and the range.
 
@@ -132,8 +175,6 @@ void RefuseLooseVertices(const std::string& path, const std::vector<int>& loose,
 // or repeated one, a value that is not a number), in the tool's own words.
 std::string ParseErrorText(const CLI::ParseError& error);
 
-// Most worker threads an option accepts.
-constexpr int kMaxThreads = 1024;
 
 // "--threads N": 0 (all cores, the default) to kMaxThreads.
 CLI::Option* AddThreadsOption(CLI::App* sub, int& threads);
@@ -154,12 +195,12 @@ CLI::Option* AddNumberOption(CLI::App* sub, const std::string& name, double& val
 CLI::Option* AddChoiceOption(CLI::App* sub, const std::string& name, std::string& value,
                              const std::vector<std::string>& choices, const std::string& description);
 
-// The range of the envelope of a deformer in Maya, which every command's --envelope takes.
-// Decision (behaviour note "Envelopes on the command line")
-constexpr double kEnvelopeLowest = -2.0, kEnvelopeHighest = 2.0;
 
 // The required "-o,--output PATH"; an empty path is refused.
 CLI::Option* AddOutputOption(CLI::App* sub, std::string& out, const std::string& description);
+// "--topology MESH.obj", for commands without a rest mesh: the mesh whose faces the frames of
+// point caches take; an empty path is refused.
+CLI::Option* AddTopologyOption(CLI::App* sub, std::string& path, const std::string& description);
 
 // ---- Console.
 

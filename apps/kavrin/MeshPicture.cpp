@@ -1,13 +1,12 @@
 #include "MeshPicture.h"
 
-#include <GL/osmesa.h>
-#include <GL/gl.h>
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
 
 #include "CommandSupport.h"
+#include "OffScreenGL.h"
 #include "TextureImage.h"
 
 // OSMesa keeps a few driver allocations for the life of the process; they are not ours. Under
@@ -81,16 +80,16 @@ void ScaleColour(float t, float rgb[3]) {
 class OffScreen {
 public:
     OffScreen(int width, int height) : pixels(static_cast<size_t>(width) * height * 4, 0) {
-        _context = OSMesaCreateContextExt(OSMESA_RGBA, 24, 0, 0, nullptr);
+        _context = GL().OSMesaCreateContextExt(OSMESA_RGBA, 24, 0, 0, nullptr);
         // Guard (behaviour note "kavrin render: no off-screen OpenGL")
         if (!_context) throw RunError("cannot create an off-screen OpenGL context (OSMesa)");
-        if (!OSMesaMakeCurrent(_context, pixels.data(), GL_UNSIGNED_BYTE, width, height)) {
-            OSMesaDestroyContext(_context);
+        if (!GL().OSMesaMakeCurrent(_context, pixels.data(), GL_UNSIGNED_BYTE, width, height)) {
+            GL().OSMesaDestroyContext(_context);
             throw RunError("cannot draw a picture of " + std::to_string(width) + " x " + std::to_string(height) +
                            " pixels off screen (OSMesa)");
         }
     }
-    ~OffScreen() { OSMesaDestroyContext(_context); }
+    ~OffScreen() { GL().OSMesaDestroyContext(_context); }
     OffScreen(const OffScreen&) = delete;
     OffScreen& operator=(const OffScreen&) = delete;
 
@@ -105,8 +104,8 @@ private:
 class TriangleBatch {
 public:
     TriangleBatch() {
-        glEnableClientState(GL_VERTEX_ARRAY);
-        glEnableClientState(GL_COLOR_ARRAY);
+        GL().glEnableClientState(GL_VERTEX_ARRAY);
+        GL().glEnableClientState(GL_COLOR_ARRAY);
     }
     void corner(const V3& window, const float rgb[3], double shade) {
         _xyz.insert(_xyz.end(), {static_cast<float>(window.x), static_cast<float>(window.y), static_cast<float>(window.z)});
@@ -116,9 +115,9 @@ public:
     }
     void flush() {
         if (_rgb.empty()) return;
-        glVertexPointer(3, GL_FLOAT, 0, _xyz.data());
-        glColorPointer(3, GL_UNSIGNED_BYTE, 0, _rgb.data());
-        glDrawArrays(GL_TRIANGLES, 0, static_cast<GLsizei>(_rgb.size() / 3));
+        GL().glVertexPointer(3, GL_FLOAT, 0, _xyz.data());
+        GL().glColorPointer(3, GL_UNSIGNED_BYTE, 0, _rgb.data());
+        GL().glDrawArrays(GL_TRIANGLES, 0, static_cast<GLsizei>(_rgb.size() / 3));
         _xyz.clear();
         _rgb.clear();
     }
@@ -131,23 +130,23 @@ private:
 
 // The colour bar from x0 to x1 between heights y0 and y1 (window pixels), outlined.
 void DrawColourBar(double x0, double x1, double y0, double y1, double lineWidth) {
-    glDisable(GL_DEPTH_TEST);
-    glBegin(GL_QUAD_STRIP);
+    GL().glDisable(GL_DEPTH_TEST);
+    GL().glBegin(GL_QUAD_STRIP);
     for (const Stop& stop : kScale) {
-        glColor3fv(stop.rgb);
+        GL().glColor3fv(stop.rgb);
         const double x = x0 + stop.t * (x1 - x0);
-        glVertex2d(x, y0);
-        glVertex2d(x, y1);
+        GL().glVertex2d(x, y0);
+        GL().glVertex2d(x, y1);
     }
-    glEnd();
-    glLineWidth(static_cast<float>(lineWidth));
-    glColor3f(0.3f, 0.3f, 0.3f);
-    glBegin(GL_LINE_LOOP);
-    glVertex2d(x0, y0);
-    glVertex2d(x1, y0);
-    glVertex2d(x1, y1);
-    glVertex2d(x0, y1);
-    glEnd();
+    GL().glEnd();
+    GL().glLineWidth(static_cast<float>(lineWidth));
+    GL().glColor3f(0.3f, 0.3f, 0.3f);
+    GL().glBegin(GL_LINE_LOOP);
+    GL().glVertex2d(x0, y0);
+    GL().glVertex2d(x1, y0);
+    GL().glVertex2d(x1, y1);
+    GL().glVertex2d(x0, y1);
+    GL().glEnd();
 }
 
 }  // namespace
@@ -199,17 +198,17 @@ Picture DrawMeshes(const std::vector<const KPolyMesh*>& meshes, const PictureSet
     const double depthScale = size.z > 0.0 ? 0.98 / size.z : 0.0;
 
     OffScreen gl(w, h);
-    glViewport(0, 0, w, h);
-    glMatrixMode(GL_PROJECTION);
-    glLoadIdentity();
-    glOrtho(0.0, w, 0.0, h, 0.0, 1.0);  // window x and y in pixels, depth 0 (near) to 1 as -z
-    glMatrixMode(GL_MODELVIEW);
-    glLoadIdentity();
-    glClearColor(1.0f, 1.0f, 1.0f, 1.0f);
-    glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
-    glEnable(GL_DEPTH_TEST);
-    glDepthFunc(GL_LESS);
-    glShadeModel(GL_SMOOTH);  // colours blend across a face; the shade is one per face
+    GL().glViewport(0, 0, w, h);
+    GL().glMatrixMode(GL_PROJECTION);
+    GL().glLoadIdentity();
+    GL().glOrtho(0.0, w, 0.0, h, 0.0, 1.0);  // window x and y in pixels, depth 0 (near) to 1 as -z
+    GL().glMatrixMode(GL_MODELVIEW);
+    GL().glLoadIdentity();
+    GL().glClearColor(1.0f, 1.0f, 1.0f, 1.0f);
+    GL().glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+    GL().glEnable(GL_DEPTH_TEST);
+    GL().glDepthFunc(GL_LESS);
+    GL().glShadeModel(GL_SMOOTH);  // colours blend across a face; the shade is one per face
 
     TriangleBatch batch;
     std::vector<float> colours;
@@ -249,7 +248,7 @@ Picture DrawMeshes(const std::vector<const KPolyMesh*>& meshes, const PictureSet
     }
     batch.flush();
     if (picture.coloured > 0) DrawColourBar(0.3 * w, 0.7 * w, margin, margin + barHeight, kSupersample);
-    glFinish();
+    GL().glFinish();
 
     // Each picture pixel is the mean of its kSupersample x kSupersample drawn pixels.
     picture.rgb.resize(static_cast<size_t>(settings.width) * settings.height * 3);

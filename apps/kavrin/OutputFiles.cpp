@@ -9,7 +9,9 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <map>
+#include <memory>
 
 #include "CommandSupport.h"
 #include "ObjIO.h"
@@ -79,25 +81,50 @@ void RefuseOverwritingInputs(const std::string& output, const std::vector<std::s
     }
 }
 
-// Writes text to a new file at path (0666 less the umask, or mode when not 0); false with errno
-// set when that fails, and then nothing is left at path.
-bool WriteNewFile(const std::string& path, const std::string& text, mode_t mode) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd < 0) return false;
-    int error = mode != 0 && ::fchmod(fd, mode) != 0 ? errno : 0;
-    for (size_t at = 0; error == 0 && at < text.size();) {
-        const ssize_t n = ::write(fd, text.data() + at, text.size() - at);
-        if (n > 0)
-            at += static_cast<size_t>(n);
-        else if (n == 0 || errno != EINTR)
-            error = n == 0 ? EIO : errno;
+// A new file at path (0666 less the umask, or mode when not 0) that takes pieces of text; a failed
+// open or write leaves errno set, and nothing is left at path then.
+class NewFile {
+public:
+    NewFile(const std::string& path, mode_t mode) : _path(path) {
+        _fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (_fd >= 0 && mode != 0 && ::fchmod(_fd, mode) != 0) _fail(errno);
     }
-    if (::close(fd) != 0 && error == 0) error = errno;
-    if (error == 0) return true;
-    ::unlink(path.c_str());
-    errno = error;
-    return false;
-}
+    ~NewFile() {
+        if (_fd >= 0) _fail(EIO);  // not closed: the run ended early
+    }
+    bool opened() const { return _fd >= 0; }
+    bool write(std::string_view text) {
+        for (size_t at = 0; _fd >= 0 && at < text.size();) {
+            const ssize_t n = ::write(_fd, text.data() + at, text.size() - at);
+            if (n > 0)
+                at += static_cast<size_t>(n);
+            else if (n == 0 || errno != EINTR)
+                _fail(n == 0 ? EIO : errno);
+        }
+        return _fd >= 0;
+    }
+    bool close() {
+        if (_fd < 0) return false;
+        const int fd = _fd;
+        _fd = -1;
+        if (::close(fd) == 0) return true;
+        const int error = errno;
+        ::unlink(_path.c_str());
+        errno = error;
+        return false;
+    }
+
+private:
+    void _fail(int error) {
+        ::close(_fd);
+        _fd = -1;
+        ::unlink(_path.c_str());
+        errno = error;
+    }
+
+    std::string _path;
+    int _fd = -1;
+};
 
 // Writes text over the existing special file at path (a device or a pipe).
 bool WriteOver(const std::string& path, const std::string& text) {
@@ -113,11 +140,9 @@ bool WriteOver(const std::string& path, const std::string& text) {
 }  // namespace
 
 // Decision (behaviour note "Output paths checked before any work")
-std::vector<std::string> OutputPaths(const std::string& out, const std::vector<std::string>& poses,
-                                     const std::vector<std::string>& otherInputs, const std::string& resultOf) {
+std::vector<std::string> OutputFilePaths(const std::string& out, const std::vector<std::string>& poses,
+                                         const std::vector<std::string>& inputs, const std::string& resultOf) {
     if (out.empty()) throw UsageError("the output path (-o) is empty");
-    std::vector<std::string> inputs = poses;
-    inputs.insert(inputs.end(), otherInputs.begin(), otherInputs.end());
     std::vector<std::string> paths;
     std::error_code ec;
     // A path ending in a slash names a folder, also for one pose.
@@ -172,46 +197,76 @@ std::string OutputFile(const std::string& out, const std::vector<std::string>& i
     return out;
 }
 
+// Writes the text produce hands to its writer, piece by piece, as the output for path (see
+// SaveText); produce returns false when the writer refused a piece. A KFileError produce throws
+// before its first piece leaves everything as it was.
 // Decision (behaviour note "Nothing half-written")
-void SaveText(const std::string& path, const std::string& text) {
+void SavePieces(const std::string& path,
+                const std::function<bool(const std::function<bool(std::string_view)>&)>& produce) {
     const fs::path destination = Destination(path);
-    for (auto it = gPending.begin(); it != gPending.end(); ++it)
-        if (it->destination == destination.string()) {
-            // Written twice in one run: the later text wins.
-            if (!it->temporary.empty()) ::unlink(it->temporary.c_str());
-            gPending.erase(it);
-            break;
+    // Everything happens with the first piece, once the content has passed its checks.
+    bool started = false;
+    std::string held;  // the text for a destination that is not a regular file
+    std::unique_ptr<NewFile> file;
+    std::string temporary;
+    int error = 0;
+    const auto start = [&]() {
+        started = true;
+        for (auto it = gPending.begin(); it != gPending.end(); ++it)
+            if (it->destination == destination.string()) {
+                // Written twice in one run: the later text wins.
+                if (!it->temporary.empty()) ::unlink(it->temporary.c_str());
+                gPending.erase(it);
+                break;
+            }
+        struct stat existing;
+        const bool exists = ::stat(destination.c_str(), &existing) == 0;
+        if (exists && !S_ISREG(existing.st_mode)) return;
+        // Beside the destination, so that moving it into place is a rename within one folder.
+        static int counter = 0;
+        const fs::path folder = destination.parent_path();
+        for (;;) {
+            const std::string name = "." + destination.filename().string() + ".kavrin-" + std::to_string(::getpid()) +
+                                     "-" + std::to_string(++counter);
+            temporary = (folder / name).string();
+            file.reset(new NewFile(temporary, exists ? existing.st_mode & 07777 : 0));
+            if (file->opened() || errno != EEXIST) break;
         }
-    struct stat existing;
-    const bool exists = ::stat(destination.c_str(), &existing) == 0;
-    if (exists && !S_ISREG(existing.st_mode)) {
-        gPending.push_back(PendingOutput{destination.string(), std::string(), text});
-        return;
-    }
-    // Beside the destination, so that moving it into place is a rename within one folder.
-    static int counter = 0;
-    const fs::path folder = destination.parent_path();
-    for (;;) {
-        const std::string name = "." + destination.filename().string() + ".kavrin-" + std::to_string(::getpid()) +
-                                 "-" + std::to_string(++counter);
-        const std::string temporary = (folder / name).string();
-        if (WriteNewFile(temporary, text, exists ? existing.st_mode & 07777 : 0)) {
-            gPending.push_back(PendingOutput{destination.string(), temporary, std::string()});
-            return;
+        if (!file->opened()) error = errno;
+    };
+    const bool produced = produce([&](std::string_view piece) {
+        if (!started) start();
+        if (error != 0) return false;
+        if (!file) {
+            held.append(piece);
+            return true;
         }
-        if (errno != EEXIST) break;
+        if (!file->write(piece)) error = errno;
+        return error == 0;
+    });
+    if (!started) start();
+    if (produced && error == 0 && file && !file->close()) error = errno;
+    if (error != 0 || !produced) {
+        file.reset();
+        throw RunError(path + ": cannot write the file (" + Reason(error ? error : EIO) + "); nothing was written");
     }
-    throw RunError(path + ": cannot write the file (" + Reason(errno) + "); nothing was written");
+    gPending.push_back(file ? PendingOutput{destination.string(), temporary, std::string()}
+                            : PendingOutput{destination.string(), std::string(), std::move(held)});
+}
+
+void SaveText(const std::string& path, const std::string& text) {
+    SavePieces(path, [&text](const std::function<bool(std::string_view)>& write) { return write(text); });
 }
 
 void SaveMesh(const std::string& path, const KPolyMesh& mesh, const KCornerUVs* uvs) {
-    std::string text;
     try {
-        text = FormatObj(mesh, uvs);
+        // Formatted a piece at a time into the file: the whole text is never held.
+        SavePieces(path, [&](const std::function<bool(std::string_view)>& write) {
+            return FormatObjPieces(mesh, uvs, write);
+        });
     } catch (const KFileError& e) {
         throw RunError(path + ": " + e.what());
     }
-    SaveText(path, text);
 }
 
 std::string StagedFile(const std::string& path) {

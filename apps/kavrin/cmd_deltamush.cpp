@@ -25,21 +25,19 @@ void AddDeltaMushCommand(CLI::App& app, std::vector<Command>& commands) {
     AddNumberOption(sub, "--envelope", options->envelope, kEnvelopeLowest, kEnvelopeHighest,
                     "on/off switch: below 1e-30 leaves the poses untouched, any other value deforms fully");
     AddThreadsOption(sub, options->threads);
-    sub->add_option("poses", options->poses, "posed meshes (OBJ)")->required();
-    AddOutputOption(sub, options->out, "output file for one pose, else output folder");
+    sub->add_option("poses", options->poses, kPosesHelp)->required();
+    AddOutputOption(sub, options->out, kOutputHelp);
 
     commands.push_back(Command{sub, [options]() {
         const KPolyMesh rest = LoadMesh(options->rest);
-        // Decision (behaviour note "Vertices in no face")
-        RefuseLooseVertices(options->rest, LooseVertices(rest),
-                            "delta mush has no edge to smooth such a vertex over and would write it as NaN");
-        const std::vector<KPolyMesh> poses = LoadPoses(options->poses, &rest, options->rest);
-        const std::vector<std::string> outputs = OutputPaths(options->out, options->poses, {options->rest});
+        DeltaMushRun::RefuseLooseVertices(rest, options->rest);
+        const PoseSequence poses = LoadPoses(options->poses, &rest, options->rest);
+        const ResultOutputs outputs = OutputPaths(options->out, poses, {options->rest});
 
         DeltaMushRun run(rest, options->iterations, options->threads);
-        DeformEach(options->poses, outputs, [&](size_t i) {
-            KPolyMesh result = poses[i];
-            result.points = run.deform(poses[i], options->envelope);
+        DeformEach(poses, outputs, [&](size_t i) {
+            KPolyMesh result = poses.mesh(i);
+            result.points = run.deform(result, options->envelope);
             return result;
         });
     }});

@@ -11,7 +11,7 @@ void AddJiggleCommand(CLI::App& app, std::vector<Command>& commands) {
     const int kMaxFrame = 1000000;
     struct Options {
         KJiggleAttributes attributes;
-        std::string stiffnessMap, dampingMap, normalStrengthMap, weights;
+        std::string stiffnessMap, dampingMap, normalStrengthMap, weights, topology;
         float envelope = 1.0f;
         int threads = 0;
         std::vector<std::string> frames;
@@ -48,12 +48,21 @@ void AddJiggleCommand(CLI::App& app, std::vector<Command>& commands) {
     AddNumberOption(sub, "--envelope", options->envelope, kEnvelopeLowest, kEnvelopeHighest,
                     "blend of the jiggled result (below 1e-30: off)");
     AddThreadsOption(sub, options->threads);
-    sub->add_option("frames", options->frames, "the mesh at consecutive frames (OBJ)")->required();
-    AddOutputOption(sub, options->out, "output file for one frame, else output folder");
+    AddTopologyOption(sub, options->topology,
+                      "mesh (OBJ) whose faces the frames of point caches take; the OBJ frames must have its vertices "
+                      "and faces");
+    sub->add_option("frames", options->frames,
+                    "the mesh at consecutive frames: OBJ files, or point caches (.pc2, .mdd), each frame of a cache one "
+                    "frame")
+        ->required();
+    AddOutputOption(sub, options->out, kOutputHelp);
 
     commands.push_back(Command{sub, [options]() {
-        const std::vector<KPolyMesh> frames = LoadPoses(options->frames);
-        const int nv = frames.front().numVertices();
+        KPolyMesh topology;
+        if (!options->topology.empty()) topology = LoadMesh(options->topology);
+        const PoseSequence frames =
+            LoadPoses(options->frames, options->topology.empty() ? nullptr : &topology, options->topology);
+        const int nv = frames.mesh(0).numVertices();
         KJiggleAttributes attributes = options->attributes;
         // Factors of attributes that take 0 to 1.
         const KValueRange unit{0.0, 1.0};
@@ -70,14 +79,16 @@ void AddJiggleCommand(CLI::App& app, std::vector<Command>& commands) {
             const KArray<double> values = ReadValues(options->weights, nv);
             for (double w : values) weights.push_back(static_cast<float>(w));
         }
-        const std::vector<std::string> outputs = OutputPaths(
-            options->out, options->frames,
-            {options->stiffnessMap, options->dampingMap, options->normalStrengthMap, options->weights});
+        const ResultOutputs outputs =
+            OutputPaths(options->out, frames,
+                        {options->stiffnessMap, options->dampingMap, options->normalStrengthMap, options->weights,
+                         options->topology});
 
         JiggleRun run(attributes, weights, options->threads);
-        DeformEach(options->frames, outputs, [&](size_t i) {
-            KPolyMesh result = frames[i];
-            result.points = run.deform(frames[i], static_cast<double>(i), options->envelope);
+        DeformEach(frames, outputs, [&](size_t i) {
+            KPolyMesh result = frames.mesh(i);
+            // Decision (behaviour note "kavrin jiggle: cache frames are consecutive frames")
+            result.points = run.deform(result, static_cast<double>(i), options->envelope);
             return result;
         });
     }});

@@ -61,6 +61,7 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
         std::string weights;
         std::string uvSet = kObjUVSet;
         std::vector<std::string> meshes;
+        std::string topology;
         std::string out;
     };
     auto options = std::make_shared<Options>();
@@ -81,8 +82,11 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
     sub->add_option("--uv-set", options->uvSet, "UV set to sample (an OBJ file holds one, map1)")
         ->capture_default_str();
     AddThreadsOption(sub, options->threads);
-    sub->add_option("meshes", options->meshes, "meshes (OBJ)")->required();
-    AddOutputOption(sub, options->out, "output file for one mesh, else output folder");
+    AddTopologyOption(sub, options->topology,
+                      "mesh (OBJ) whose faces and texture coordinates the frames of point caches take");
+    sub->add_option("meshes", options->meshes, "meshes: OBJ files, or point caches (.pc2, .mdd) with --topology")
+        ->required();
+    AddOutputOption(sub, options->out, kOutputHelp);
 
     commands.push_back(Command{sub, [options, texture, red]() {
         const bool useTexture = texture->count() > 0;
@@ -92,29 +96,41 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
             throw UsageError("--uv-set " + options->uvSet + ": an OBJ file holds one UV set, named " + kObjUVSet);
 
         // Everything is read and checked before anything is written.
-        std::vector<KPolyMesh> meshes;
-        std::vector<KCornerUVs> corners;
+        KPolyMesh topology;
+        KCornerUVs topologyCorners;
+        if (!options->topology.empty()) topology = LoadMesh(options->topology, &topologyCorners);
+        const PoseSequence meshes = LoadPoses(options->meshes, options->topology.empty() ? nullptr : &topology,
+                                              options->topology, false, &topologyCorners);
+        // The texture coordinates of each mesh; a cache's frames share those of --topology, checked
+        // once under its name.
         std::vector<KVertexUVs> uvs;
-        for (const std::string& path : options->meshes) {
-            corners.emplace_back();
-            meshes.push_back(LoadMesh(path, &corners.back()));
-            uvs.push_back(VertexUVs(meshes.back(), corners.back()));
-            if (useTexture && uvs.back().missing == meshes.back().numVertices())
-                throw UsageError(path + ": the mesh has no texture coordinates; --texture samples the image at each "
-                                        "vertex's UV");
+        std::vector<std::string> uvNames;
+        for (size_t i = 0; i < meshes.size(); ++i) {
+            const bool frame = meshes.names[i] != meshes.resultNames[i];
+            uvs.push_back(i > 0 && frame && uvNames.back() == options->topology
+                              ? uvs.back()
+                              : VertexUVs(meshes.mesh(i), meshes.corners(i)));
+            uvNames.push_back(frame ? options->topology : meshes.names[i]);
+            if (useTexture && uvs.back().missing == meshes.mesh(i).numVertices())
+                throw UsageError(uvNames.back() + ": the mesh has no texture coordinates; --texture samples the "
+                                                  "image at each vertex's UV");
         }
         KFloatArray weights;
         if (!options->weights.empty()) {
             const KArray<double> values = ReadValues(options->weights, -1);
             for (size_t i = 0; i < meshes.size(); ++i)
-                if (values.length() != meshes[i].numVertices())
+                if (values.length() != uvs[i].uvs.length())
                     throw UsageError(options->weights + ": " + std::to_string(values.length()) + " weights, but " +
-                                     options->meshes[i] + " has " + std::to_string(meshes[i].numVertices()) +
-                                     " vertices");
+                                     meshes.names[i] + " has " + std::to_string(uvs[i].uvs.length()) + " vertices");
             for (double w : values) weights.push_back(static_cast<float>(w));
         }
-        const std::vector<std::string> outputs =
-            OutputPaths(options->out, options->meshes, {options->weights, options->texture});
+        const ResultOutputs outputs =
+            OutputPaths(options->out, meshes, {options->weights, options->texture, options->topology});
+        for (size_t i = 1; !outputs.cache.empty() && i < meshes.size(); ++i)
+            if (uvs[i].uvs.length() != uvs[0].uvs.length())
+                throw UsageError(outputs.cache + ": a point cache holds one mesh, but " + meshes.names[0] + " has " +
+                                 std::to_string(uvs[0].uvs.length()) + " vertices and " + meshes.names[i] + " " +
+                                 std::to_string(uvs[i].uvs.length()));
         KTextureImage image;
         if (useTexture) image = ReadTexture(options->texture);
 
@@ -122,22 +138,22 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
         ConsoleSink console("kavrin offset");
         for (size_t i = 0; useTexture && i < meshes.size(); ++i) {
             const KVertexUVs& u = uvs[i];
-            if (u.missing > 0)
-                console.warning(options->meshes[i] + ": " + std::to_string(u.missing) + " of " +
-                                std::to_string(meshes[i].numVertices()) + " vertices have no texture coordinate " +
+            if (u.missing > 0 && (i == 0 || uvNames[i] != uvNames[i - 1]))
+                console.warning(uvNames[i] + ": " + std::to_string(u.missing) + " of " +
+                                std::to_string(u.uvs.length()) + " vertices have no texture coordinate " +
                                 "(the first is vertex " + std::to_string(u.firstMissing) +
                                 "); they sample the image at UV (0, 0)");
         }
 
         OffsetRun run(useTexture ? &image : nullptr, options->red, options->scale, options->envelope, options->threads);
         DeformEach(
-            options->meshes, outputs,
+            meshes, outputs,
             [&](size_t i) {
-                KPolyMesh result = meshes[i];
-                result.points = run.deform(meshes[i], uvs[i].uvs, weights);
+                KPolyMesh result = meshes.mesh(i);
+                result.points = run.deform(result, uvs[i].uvs, weights);
                 return result;
             },
-            &corners);
+            true);
     }});
 }
 

@@ -59,8 +59,8 @@ void AddRelaxCommand(CLI::App& app, std::vector<Command>& commands) {
     AddNumberOption(sub, "--envelope", options->envelope, kEnvelopeLowest, kEnvelopeHighest,
                     "blend of the result with the pose; 0 leaves the pose untouched");
     AddThreadsOption(sub, options->threads);
-    sub->add_option("poses", options->poses, "posed meshes (OBJ)")->required();
-    AddOutputOption(sub, options->out, "output file for one pose, else output folder");
+    sub->add_option("poses", options->poses, kPosesHelp)->required();
+    AddOutputOption(sub, options->out, kOutputHelp);
 
     commands.push_back(Command{sub, [options]() {
         if (options->colliderMaps.size() > options->colliders.size())
@@ -69,7 +69,7 @@ void AddRelaxCommand(CLI::App& app, std::vector<Command>& commands) {
         const KPolyMesh rest = LoadMesh(options->rest);
         if (!rest.valid()) throw UsageError(options->rest + ": its faces name vertices it does not have");
         const int count = rest.numVertices();
-        const std::vector<KPolyMesh> poses = LoadPoses(options->poses, &rest, options->rest);
+        const PoseSequence poses = LoadPoses(options->poses, &rest, options->rest);
         std::vector<KPolyMesh> colliders;
         for (const std::string& path : options->colliders) {
             colliders.push_back(LoadMesh(path));
@@ -90,7 +90,7 @@ void AddRelaxCommand(CLI::App& app, std::vector<Command>& commands) {
         std::vector<std::string> inputs = {options->rest, options->stiffnessMap, options->weights};
         inputs.insert(inputs.end(), options->colliders.begin(), options->colliders.end());
         inputs.insert(inputs.end(), options->colliderMaps.begin(), options->colliderMaps.end());
-        const std::vector<std::string> outputs = OutputPaths(options->out, options->poses, inputs);
+        const ResultOutputs outputs = OutputPaths(options->out, poses, inputs);
 
         RelaxRun run(rest, options->threads);
         run.setStiffness(stiffness);
@@ -103,9 +103,9 @@ void AddRelaxCommand(CLI::App& app, std::vector<Command>& commands) {
         settings.collisionSteps = options->collisionSteps;
         settings.envelope = options->envelope;
         settings.weights = options->weights.empty() ? nullptr : &weights;
-        DeformEach(options->poses, outputs, [&](size_t i) {
-            KPolyMesh result = poses[i];
-            result.points = run.relax(poses[i], settings);
+        DeformEach(poses, outputs, [&](size_t i) {
+            KPolyMesh result = poses.mesh(i);
+            result.points = run.relax(result, settings);
             return result;
         });
     }});

@@ -96,8 +96,9 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
                     "also write the triangle pairing there, as the lines 'select -r young.f[T] old.f[S];' (T a "
                     "target triangle, S its source triangle or -1)");
     AddThreadsOption(sub, options->threads);
-    sub->add_option("poses", options->poses, "source poses (OBJ), same vertices and faces as the rest source");
-    AddOutputOption(sub, options->out, "output file for one result, else output folder");
+    sub->add_option("poses", options->poses,
+                    "source poses: OBJ files with the rest source's vertices and faces, or point caches (.pc2, .mdd)");
+    AddOutputOption(sub, options->out, kOutputHelp);
 
     commands.push_back(Command{sub, [options, fixed]() {
         const KPolyMesh source = LoadMesh(options->sourceRest);
@@ -127,24 +128,19 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
                              std::to_string(kMaxFitIterations));
         if (fitOnly && !options->pairingLog.empty())
             throw UsageError("--pairing-log: --aim source-to-target pairs no triangles");
-        // Decision (behaviour note "Vertices in no face")
-        std::vector<int> unplaced;
-        std::vector<char> marked(static_cast<size_t>(source.numVertices()), 0);
-        for (int i = 0; i < settings.markers.length(); i += 2) marked[static_cast<size_t>(settings.markers[i])] = 1;
-        for (int v : LooseVertices(source))
-            if (!marked[static_cast<size_t>(v)]) unplaced.push_back(v);
-        RefuseLooseVertices(options->sourceRest, unplaced,
-                            "the fit cannot place such a vertex unless it is marked (its equations would be "
-                            "singular)");
-        if (!fitOnly)
-            RefuseLooseVertices(options->target, LooseVertices(target),
-                                "the transfer cannot place such a vertex (its equations would be singular)");
+        TransferRun::RefuseUnplaceable(source, options->sourceRest, target, options->target, settings.markers,
+                                       !fitOnly);
         const std::vector<std::string> inputs = {options->sourceRest, options->target, options->markers};
         settings.threads = options->threads;
         TransferConsole console(options->iterations);
 
         if (fitOnly) {
             if (!options->poses.empty()) throw UsageError("--aim source-to-target takes no poses");
+            KPointCacheFormat format;
+            // Decision (behaviour note "Point caches on the command line")
+            if (PointCacheFormatOf(options->out, format))
+                throw UsageError(options->out + ": --aim source-to-target writes the fitted source as a mesh (OBJ), "
+                                                "not a point cache");
             const std::string out = OutputFile(options->out, inputs);
             KPolyMesh fitted = source;
             fitted.points = TransferRun::FitSource(source, target, settings, console);
@@ -153,13 +149,15 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
             return;
         }
         if (options->poses.empty()) throw UsageError("no poses to transfer");
-        const std::vector<KPolyMesh> poses = LoadPoses(options->poses, &source, options->sourceRest);
-        const std::vector<std::string> outputs = OutputPaths(options->out, options->poses, inputs, options->target);
+        const PoseSequence poses = LoadPoses(options->poses, &source, options->sourceRest);
+        const ResultOutputs outputs = OutputPaths(options->out, poses, inputs, options->target);
         if (!options->pairingLog.empty()) {
             std::vector<std::string> notOver = inputs;
             notOver.insert(notOver.end(), options->poses.begin(), options->poses.end());
             OutputFile(options->pairingLog, notOver);
-            for (const std::string& output : outputs)
+            std::vector<std::string> results = outputs.files;
+            if (!outputs.cache.empty()) results.push_back(outputs.cache);
+            for (const std::string& output : results)
                 if (SamePlace(output, options->pairingLog))
                     throw UsageError("--pairing-log: " + options->pairingLog + " is also where a result goes");
         }
@@ -173,13 +171,13 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
             Progress("triangle pairing -> %s", options->pairingLog.c_str());
         }
         DeformEach(
-            options->poses, outputs,
+            poses, outputs,
             [&](size_t i) {
                 KPolyMesh result = target;
-                result.points = run.transfer(poses[i]);
+                result.points = run.transfer(poses.mesh(i));
                 return result;
             },
-            nullptr, options->target);
+            false, options->target);
     }});
 }
 

@@ -23,16 +23,17 @@ void AddWrapCommand(CLI::App& app, std::vector<Command>& commands) {
     sub->add_option("--driver", options->driver, "driver mesh (OBJ) in its rest pose")->required();
     sub->add_option("--mesh", options->mesh, "mesh (OBJ) that follows the driver, bound where it lies")->required();
     AddThreadsOption(sub, options->threads);
-    sub->add_option("poses", options->poses, "posed driver meshes (OBJ)")->required();
-    AddOutputOption(sub, options->out, "output file for one pose, else output folder");
+    sub->add_option("poses", options->poses,
+                    "posed driver meshes: OBJ files with the driver's vertices and faces, or point caches (.pc2, .mdd)")
+        ->required();
+    AddOutputOption(sub, options->out, kOutputHelp);
 
     commands.push_back(Command{sub, [options]() {
         const KPolyMesh driver = LoadMesh(options->driver);
         if (driver.numFaces() == 0) throw UsageError(options->driver + ": the driver has no faces to bind to");
         const KPolyMesh mesh = LoadMesh(options->mesh);
-        const std::vector<KPolyMesh> poses = LoadPoses(options->poses, &driver, options->driver);
-        const std::vector<std::string> outputs =
-            OutputPaths(options->out, options->poses, {options->driver, options->mesh}, options->mesh);
+        const PoseSequence poses = LoadPoses(options->poses, &driver, options->driver);
+        const ResultOutputs outputs = OutputPaths(options->out, poses, {options->driver, options->mesh}, options->mesh);
 
         ConsoleSink sink("kavrin wrap");
         const auto start = std::chrono::steady_clock::now();
@@ -40,13 +41,13 @@ void AddWrapCommand(CLI::App& app, std::vector<Command>& commands) {
         Progress("bound %d points to %d driver triangles (%.1f ms)", run.boundPoints(), run.driverTriangles(),
                  MillisecondsSince(start));
         DeformEach(
-            options->poses, outputs,
+            poses, outputs,
             [&](size_t i) {
                 KPolyMesh result = mesh;
-                result.points = run.deform(poses[i]);
+                result.points = run.deform(poses.mesh(i));
                 return result;
             },
-            nullptr, options->mesh);
+            false, options->mesh);
     }});
 }
 

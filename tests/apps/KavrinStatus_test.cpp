@@ -15,6 +15,7 @@
 #include "KavrinCliSupport.h"
 #include "MeshGenerators.h"
 #include "ObjIO.h"
+#include "PointCache.h"
 
 using namespace Kavrin;
 using namespace KavrinCliTest;
@@ -74,6 +75,20 @@ TEST_F(KavrinStatus, EveryCaseHasItsStatusAndOneExactLine) {
     write("five.txt", five);
     write("wide.txt", "1.5\n" + ones.substr(2));
     write("ball.obj", Slurp(dir / "t.obj"));
+    // Point caches: two frames of the grid, one of five points, a header alone, a frame too large.
+    {
+        KPointCache frames;
+        frames.points = grid.numVertices();
+        for (const KPolyMesh& m : {grid, BendAroundY(grid, 0.5f)})
+            for (const KVector& p : m.points) frames.xyz.insert(frames.xyz.end(), {p.x, p.y, p.z});
+        WritePointCache(path("a.pc2"), frames);
+        for (int k = 0; k < 3; ++k) frames.xyz[3 * frames.points + k] = k == 0 ? 3e38f : 0.0f;
+        WritePointCache(path("big.pc2"), frames);
+        frames.points = 5;
+        frames.xyz.resize(15);
+        WritePointCache(path("small.pc2"), frames);
+        write("bad.pc2", Slurp(dir / "a.pc2").substr(0, 16));
+    }
     const std::string dm = "deltamush --rest rest.obj ", tr = "transfer --source-rest s.obj --target t.obj ";
 
     const struct {
@@ -160,6 +175,34 @@ TEST_F(KavrinStatus, EveryCaseHasItsStatusAndOneExactLine) {
         {"deltamush --rest points.obj points.obj -o x.obj", 2,
          "kavrin deltamush: points.obj: 3 vertices are in no face (0, 1, 2, counting from 0); delta mush has no "
          "edge to smooth such a vertex over and would write it as NaN"},
+        // Point caches and --topology.
+        {dm + "small.pc2 -o x.obj", 2, "kavrin deltamush: small.pc2: 5 vertices, but rest.obj has 16"},
+        {dm + "bad.pc2 -o x.obj", 2, "kavrin deltamush: bad.pc2: 16 bytes, too short for a PC2 header (32 bytes)"},
+        {dm + "big.pc2 -o x.obj", 2,
+         "kavrin deltamush: big.pc2 frame 1: vertex 0 is at (3e38, 0, 0); coordinates outside -1e9 to 1e9 overflow "
+         "the engines' single-precision arithmetic"},
+        {dm + "a.pc2 -o a.pc2", 2, "kavrin deltamush: a.pc2: is also an input; kavrin does not write over its inputs"},
+        {"jiggle a.pc2 -o x.obj", 2,
+         "kavrin jiggle: a.pc2: a point cache holds positions only; give the mesh whose faces its frames take with "
+         "--topology"},
+        {"jiggle --topology '' a.pc2 -o x.obj", 2,
+         "kavrin jiggle: --topology: the path is empty (see 'kavrin jiggle --help')"},
+        {"jiggle --topology missing.obj a.pc2 -o x.obj", 2,
+         "kavrin jiggle: missing.obj: cannot open the file (No such file or directory)"},
+        {"jiggle --topology s.obj a.pc2 -o x.obj", 2, "kavrin jiggle: a.pc2: 16 vertices, but s.obj has 50"},
+        {"jiggle --topology rest.obj s.obj -o x.obj", 2, "kavrin jiggle: s.obj: 50 vertices, but rest.obj has 16"},
+        {"offset --red 1 rest.obj a.pc2 -o x.obj", 2,
+         "kavrin offset: a.pc2: a point cache holds positions only; give the mesh whose faces its frames take with "
+         "--topology"},
+        {"offset --red 1 rest.obj s.obj -o x.pc2", 2,
+         "kavrin offset: x.pc2: a point cache holds one mesh, but rest.obj has 16 vertices and s.obj 50"},
+        {tr + "--markers m.txt --aim source-to-target -o x.pc2", 2,
+         "kavrin transfer: x.pc2: --aim source-to-target writes the fitted source as a mesh (OBJ), not a point cache"},
+        {tr + "--markers m.txt --pairing-log x.pc2 s.obj -o x.pc2", 2,
+         "kavrin transfer: --pairing-log: x.pc2 is also where a result goes"},
+        {dm + "a.pc2 pose.obj -o ok.mdd", 0, "", "[3/3] pose.obj -> ok.mdd frame 2"},
+        {"jiggle --topology rest.obj a.pc2 -o frames/", 0, "", "a.pc2 frame 1 -> frames/a.0001.obj"},
+
         // A failed run (for the transfer, only the status and the single line are checked here: the
         // message is the engine's).
         {"transfer --source-rest flat.obj --target t.obj --markers m3.txt --aim source-to-target -o x.obj", 1,
@@ -233,12 +276,15 @@ TEST_F(KavrinStatus, EveryCaseHasItsStatusAndOneExactLine) {
         }
         EXPECT_NE(r.out.find(c.out), std::string::npos) << c.args << "\n" << r.out;
     }
-    for (const char* never : {"x.obj", "h.obj", "out", "no", "file/sub", "x.jpg", "x.png"}) EXPECT_FALSE(fs::exists(dir / never)) << never;
+    for (const char* never : {"x.obj", "x.pc2", "h.obj", "out", "no", "file/sub", "x.jpg", "x.png"}) EXPECT_FALSE(fs::exists(dir / never)) << never;
     EXPECT_EQ(ReadObj(path("mac-out.obj")).faceVertices, grid.faceVertices) << "old Mac line ends and a BOM are read";
     EXPECT_TRUE(fs::exists(dir / "ok.obj"));
     EXPECT_TRUE(fs::exists(dir / "new" / "pose.obj")) << "a path ending in / is a folder, also for one pose";
     EXPECT_TRUE(fs::exists(dir / "fit.obj"));
     EXPECT_TRUE(fs::exists(dir / "ok.png"));
+    const KPointCache mdd = ReadPointCache(path("ok.mdd"));
+    EXPECT_EQ(mdd.frames(), 3) << "two cache frames and an OBJ pose, in order";
+    EXPECT_EQ(mdd.times, (std::vector<float>{0.0f, 1.0f / 24, 2.0f / 24})) << "mixed inputs: frame i at i / 24 s";
 }
 
 // A run that fails part-way (a full disk at its second result, a device that takes nothing)

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "ObjCommonReader.h"
 #include "ObjIO.h"
 #include "Refusal.h"
 
@@ -55,6 +56,45 @@ TEST(ObjIO, ReadsOrderPolygonsWindingAndWhatExportersAdd) {
     const KPolyMesh again = ParseObj("\xEF\xBB\xBF" + mac, "m.obj");
     EXPECT_EQ(again.points, mesh.points);
     EXPECT_EQ(again.faceVertices, mesh.faceVertices);
+}
+
+TEST(ObjIO, TheCommonFormIsReadInPiecesAsTheStrictParserReadsIt) {
+    // Large enough for two pieces: a face in the second refers to vertices of the first.
+    std::string many;
+    for (int i = 0; i < 12000; ++i) many += "v " + std::to_string(i) + " 0.5 -1e-3\n";
+    for (int i = 1; i + 2 <= 12000; i += 2) many += "f " + std::to_string(i) + " " + std::to_string(i + 1) + " 12000\n";
+    const std::string t = kTriangle;
+    const std::pair<std::string, bool> cases[] = {
+        {"o body\r\nv\t1.5 -2 3 1.0 # w\r\nv .5 2. 1e-3 0.2 0.4 0.6\r\nv 1e-50 -0 7\r\nvt 0.25 0.75 0\r\nvt 1 1\r\n"
+         "vn 0 0 1\r\nusemtl fur\r\ns 1\r\ng left\r\nf 1/1/1 2/2/1 3/1/1\r\nf 1//1 2//1 3//1\r\nf 3 2 1\r\n",
+         true},
+        {t + "vt 0 0\nf 1/1 2/1 3/1", true},  // no line end at the end
+        {many, true},
+        {many + "f 1 2 12001\nv 0 0 0\n", false},  // a forward reference, past the pieces
+        {t + "f -1 -2 -3\n", false},                // relative indices: the strict parser's
+        {t + "v +1 2 3\n", false},
+        {"v 1 2 3\rv 4 5 6\rv 7 8 9\rf 1 2 3\r", false},  // old Mac line ends
+        {"\xEF\xBB\xBF" + t, false},
+    };
+    for (const auto& [text, common] : cases) {
+        KPolyMesh fast;
+        KCornerUVs fastUVs, uvs;
+        EXPECT_EQ(KObjCommonReader::ReadText(text.data(), text.size(), fast, &fastUVs), common) << text.substr(0, 40);
+        // Through a file read in blocks of 100 bytes: lines span blocks, and one is longer.
+        const std::string path = (fs::temp_directory_path() / ("kavrin-common-" + std::to_string(getpid()))).string();
+        std::ofstream(path, std::ios::binary) << text;
+        KPolyMesh fromFile;
+        EXPECT_EQ(KObjCommonReader::ReadFile(path, fromFile, nullptr, 100), common);
+        fs::remove(path);
+        if (!common) continue;
+        const KPolyMesh strict = ParseObjStrict(text, "m.obj", &uvs);
+        EXPECT_TRUE(fast.points == strict.points && fast.faceVertices == strict.faceVertices &&
+                    fast.faceCounts == strict.faceCounts && fastUVs.uvs == uvs.uvs && fastUVs.corners == uvs.corners &&
+                    fromFile.points == strict.points && fromFile.faceVertices == strict.faceVertices)
+            << text.substr(0, 40);
+    }
+    EXPECT_EQ(Refusal([&] { ParseObj(cases[3].first, "m.obj"); }),
+              "m.obj:18000: vertex index 12001 refers past the 12000 vertices read so far");
 }
 
 TEST(ObjIO, RefusesMalformedLinesNamingLineAndReason) {
