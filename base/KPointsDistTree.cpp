@@ -152,9 +152,15 @@ void KPointsDistTree::findNPoints(const KVector& p, int n, float radius, KIntArr
     distances.clear();
     if (!_impl->index || n < 1 || !(radius >= 0.0f) || !Finite(p)) return;
     const size_t capacity = std::min(static_cast<size_t>(n), _impl->cloud.points.size());
-    std::vector<uint32_t> found(capacity);
-    std::vector<float> d(capacity);
-    const int count = static_cast<int>(_impl->nearest(p, capacity, radius, found.data(), d.data()));
+    // A few neighbours (the common case) on the stack, more on the heap.
+    const size_t kOnStack = 16;
+    uint32_t foundHere[kOnStack];
+    float dHere[kOnStack];
+    std::vector<uint32_t> foundHeap(capacity > kOnStack ? capacity : 0);
+    std::vector<float> dHeap(capacity > kOnStack ? capacity : 0);
+    uint32_t* found = capacity > kOnStack ? foundHeap.data() : foundHere;
+    float* d = capacity > kOnStack ? dHeap.data() : dHere;
+    const int count = static_cast<int>(_impl->nearest(p, capacity, radius, found, d));
     indices.setLength(count, false);
     distances.setLength(count, false);
     for (int i = 0; i < count; ++i) {

@@ -14,6 +14,7 @@
 #endif
 
 #include "KBitMask.h"
+#include "KThreads.h"
 
 namespace Kavrin {
 
@@ -325,12 +326,12 @@ struct KTriMeshDistTree::Prim {
 KTriMeshDistTree::KTriMeshDistTree(int leafSize, int maxDepth)
     : _leafSize(leafSize < 1 ? 10 : leafSize), _maxDepth(maxDepth < 1 ? 32 : maxDepth) {}
 
-KTriMeshDistTree::KTriMeshDistTree(const KTriMesh& mesh, int leafSize, int maxDepth)
+KTriMeshDistTree::KTriMeshDistTree(const KTriMesh& mesh, int leafSize, int maxDepth, int threads)
     : KTriMeshDistTree(leafSize, maxDepth) {
-    set(mesh);
+    set(mesh, threads);
 }
 
-void KTriMeshDistTree::set(const KTriMesh& mesh) {
+void KTriMeshDistTree::set(const KTriMesh& mesh, int threads) {
     _corners.clear();
     _order.clear();
     _nodes.clear();
@@ -339,58 +340,71 @@ void KTriMeshDistTree::set(const KTriMesh& mesh) {
     _slotOf.clear();
     _extent = 0.0f;
 
-    // One centre (twice the box centre, to spare the halving) per usable triangle, and the
-    // boxes of all triangles by triangle index.
+    // The boxes of all triangles by triangle index, and which are kept; then one centre (twice the
+    // box centre, to spare the halving) per kept triangle, in index order.
     const int nv = mesh.numVertices();
     const int nt = mesh.numTriangles();
-    std::vector<Prim> prims;
-    prims.reserve(static_cast<size_t>(nt));
-    std::vector<float> boxes(6 * static_cast<size_t>(nt));
+    Array<float> boxes(6 * static_cast<size_t>(nt));
+    Array<Prim> prims(static_cast<size_t>(nt));
+    const KVector* points = mesh.points.data();
+    const KInt3* triangles = mesh.triangles.data();
+    int left = 0;  // triangles left out
+#pragma omp parallel for schedule(static) num_threads(TeamFor(threads, nt)) reduction(+ : left)
     for (int i = 0; i < nt; ++i) {
-        const KInt3& t = mesh.triangles[i];
+        const KInt3& t = triangles[i];
         bool ok = true;
         // Guard (behaviour note "KTriMeshDistTree: bad triangles").
-        for (int k = 0; k < 3 && ok; ++k) ok = t[k] >= 0 && t[k] < nv && Finite(mesh.points[t[k]]);
-        if (!ok) continue;
-        Prim prim;
+        for (int k = 0; k < 3 && ok; ++k) ok = t[k] >= 0 && t[k] < nv && Finite(points[t[k]]);
+        Prim& prim = prims[static_cast<size_t>(i)];
+        prim.tri = ok ? i : -1;
+        if (!ok) {
+            ++left;
+            continue;
+        }
         float* box = &boxes[6 * static_cast<size_t>(i)];
         for (int a = 0; a < 3; ++a) {
-            const float c0 = mesh.points[t[0]][a], c1 = mesh.points[t[1]][a], c2 = mesh.points[t[2]][a];
+            const float c0 = points[t[0]][a], c1 = points[t[1]][a], c2 = points[t[2]][a];
             box[a] = std::min(c0, std::min(c1, c2));
             box[3 + a] = std::max(c0, std::max(c1, c2));
             prim.c[a] = box[a] + box[3 + a];
         }
-        prim.tri = i;
-        prims.push_back(prim);
     }
+    if (left > 0)
+        prims.erase(std::remove_if(prims.begin(), prims.end(), [](const Prim& p) { return p.tri < 0; }), prims.end());
     if (prims.empty()) return;
 
     const int count = static_cast<int>(prims.size());
-    _nodes.reserve(static_cast<size_t>(count / _leafSize + 1));
     float rootBox[6];
-    _build(prims.data(), boxes.data(), 0, count, 0, rootBox);
+    _buildRoot(prims.data(), boxes.data(), count, threads, rootBox);
     _extent = 0.0f;
     for (int k = 0; k < 6; ++k) _extent = std::max(_extent, std::fabs(rootBox[k]));
 
     // The build only permutes prims inside each node's range, so the final order is leaf order.
     _order.resize(prims.size());
     _corners.resize(3 * prims.size());
-    _slotOf.assign(static_cast<size_t>(nt), -1);
+    _slotOf.resize(static_cast<size_t>(nt));
+    int* slotOf = _slotOf.data();
+    if (left > 0) std::fill(_slotOf.begin(), _slotOf.end(), -1);
+    const Prim* sorted = prims.data();
+    int* order = _order.data();
+    KVector* corners = _corners.data();
+#pragma omp parallel for schedule(static) num_threads(TeamFor(threads, count))
     for (int s = 0; s < count; ++s) {
-        const KInt3& t = mesh.triangles[prims[s].tri];
-        _order[s] = prims[s].tri;
-        _slotOf[static_cast<size_t>(prims[s].tri)] = s;
-        for (int k = 0; k < 3; ++k) _corners[3 * s + k] = mesh.points[t[k]];
+        const int tri = sorted[s].tri;
+        const KInt3& t = triangles[tri];
+        order[s] = tri;
+        slotOf[tri] = s;
+        for (int k = 0; k < 3; ++k) corners[3 * static_cast<size_t>(s) + k] = points[t[k]];
     }
-    _fillSlotBoxes();
+    _fillSlotBoxes(threads);
 
     _triangles = mesh.triangles;
     _numVertices = nv;
     _allKept = count == nt;
-    _builtSurface = _refitBoxes();
+    _builtSurface = _surface();
 }
 
-bool KTriMeshDistTree::update(const KTriMesh& mesh) {
+bool KTriMeshDistTree::update(const KTriMesh& mesh, int threads) {
     const int nt = mesh.numTriangles();
     const bool same = _allKept && !_nodes.empty() && mesh.numVertices() == _numVertices &&
                       nt == _triangles.length() &&
@@ -409,7 +423,7 @@ bool KTriMeshDistTree::update(const KTriMesh& mesh) {
         }
         // Decision (behaviour note "KTriMeshDistTree::update"): a refit that has loosened the
         // boxes to twice a build's surface is replaced by a build.
-        _fillSlotBoxes();
+        _fillSlotBoxes(threads);
         if (finite && _refitBoxes() <= 2.0 * _builtSurface) {
             // The scale of float rounding the ray queries use follows the moved corners.
             _extent = 0.0f;
@@ -418,7 +432,7 @@ bool KTriMeshDistTree::update(const KTriMesh& mesh) {
             return true;
         }
     }
-    set(mesh);
+    set(mesh, threads);
     return false;
 }
 
@@ -555,21 +569,21 @@ void FillPlanes(const KVector* const (&c)[4], Planes& out) {
 
 }  // namespace
 
-void KTriMeshDistTree::_fillSlotBoxes() {
+void KTriMeshDistTree::_fillSlotBoxes(int threads) {
     const size_t slots = _order.size();
-    _slotBoxes.resize((slots + 3) / 4);
-    _slotPlanes.resize((slots + 3) / 4);
+    const int blocks = static_cast<int>((slots + 3) / 4);
+    _slotBoxes.resize(static_cast<size_t>(blocks));
+    _slotPlanes.resize(static_cast<size_t>(blocks));
     static const KVector kPoint[3];  // the corners of the empty lanes past the last slot
-    for (size_t b = 0; b < _slotPlanes.size(); ++b) {
+#pragma omp parallel for schedule(static) num_threads(TeamFor(threads, blocks))
+    for (int b = 0; b < blocks; ++b) {
         const KVector* corners[4];
         for (size_t lane = 0; lane < 4; ++lane)
-            corners[lane] = 4 * b + lane < slots ? &_corners[3 * (4 * b + lane)] : kPoint;
-        FillPlanes(corners, _slotPlanes[b]);
-    }
-    for (size_t b = 0; b < _slotBoxes.size(); ++b) {
-        SlotBoxes& block = _slotBoxes[b];
+            corners[lane] = 4 * static_cast<size_t>(b) + lane < slots ? &_corners[3 * (4 * static_cast<size_t>(b) + lane)] : kPoint;
+        FillPlanes(corners, _slotPlanes[static_cast<size_t>(b)]);
+        SlotBoxes& block = _slotBoxes[static_cast<size_t>(b)];
         for (size_t lane = 0; lane < 4; ++lane) {
-            const size_t s = 4 * b + lane;
+            const size_t s = 4 * static_cast<size_t>(b) + lane;
             for (int a = 0; a < 3; ++a) {
                 if (s >= slots) {
                     block.lo[a][lane] = std::numeric_limits<float>::infinity();
@@ -584,14 +598,18 @@ void KTriMeshDistTree::_fillSlotBoxes() {
     }
 }
 
+namespace {
+
+// Box half-surface dx*dy + dy*dz + dz*dx of (lo, hi).
+inline double HalfSurface(const float* lo, const float* hi) {
+    const double dx = double(hi[0]) - lo[0], dy = double(hi[1]) - lo[1], dz = double(hi[2]) - lo[2];
+    return dx * dy + dy * dz + dz * dx;
+}
+
+}  // namespace
+
 double KTriMeshDistTree::_refitBoxes() {
     if (_nodes.empty()) return 0.0;
-    // Box half-surface dx*dy + dy*dz + dz*dx of (lo, hi).
-    auto surface = [](const float* lo, const float* hi) {
-        const double dx = double(hi[0]) - lo[0], dy = double(hi[1]) - lo[1], dz = double(hi[2]) - lo[2];
-        return dx * dy + dy * dz + dz * dx;
-    };
-    double total = 0.0;
     // Nodes are numbered in depth-first order, so every child comes after its parent.
     for (int n = static_cast<int>(_nodes.size()) - 1; n >= 0; --n) {
         Node& node = _nodes[static_cast<size_t>(n)];
@@ -618,7 +636,21 @@ double KTriMeshDistTree::_refitBoxes() {
                 node.lo[a][c] = lo[a];
                 node.hi[a][c] = hi[a];
             }
-            total += surface(lo, hi);
+        }
+    }
+    return _surface();
+}
+
+double KTriMeshDistTree::_surface() const {
+    if (_nodes.empty()) return 0.0;
+    double total = 0.0;
+    for (int n = static_cast<int>(_nodes.size()) - 1; n >= 0; --n) {
+        const Node& node = _nodes[static_cast<size_t>(n)];
+        for (int c = 0; c < 4; ++c) {
+            if (node.count[c] < 0) continue;
+            const float lo[3] = {node.lo[0][c], node.lo[1][c], node.lo[2][c]};
+            const float hi[3] = {node.hi[0][c], node.hi[1][c], node.hi[2][c]};
+            total += HalfSurface(lo, hi);
         }
     }
     const Node& root = _nodes[0];
@@ -627,15 +659,12 @@ double KTriMeshDistTree::_refitBoxes() {
         lo[a] = std::min(std::min(root.lo[a][0], root.lo[a][1]), std::min(root.lo[a][2], root.lo[a][3]));
         hi[a] = std::max(std::max(root.hi[a][0], root.hi[a][1]), std::max(root.hi[a][2], root.hi[a][3]));
     }
-    const double whole = surface(lo, hi);
+    const double whole = HalfSurface(lo, hi);
     return whole > 0.0 ? total / whole : total;
 }
 
-int KTriMeshDistTree::_build(Prim* prims, const float* boxes, int begin, int end, int depth, float* box) {
-    // Splits [b, e) in two at the median centre along the longest side of the centres' bounds.
-    struct Range {
-        int begin, end;
-    };
+int KTriMeshDistTree::_split(Prim* prims, int begin, int end, Range (&parts)[4]) const {
+    // Splits a range in two at the median centre along the longest side of the centres' bounds.
     auto split = [prims](const Range& r, Range& left, Range& right) {
         float lo[3] = {FLT_MAX, FLT_MAX, FLT_MAX}, hi[3] = {-FLT_MAX, -FLT_MAX, -FLT_MAX};
         for (int i = r.begin; i < r.end; ++i)
@@ -653,14 +682,9 @@ int KTriMeshDistTree::_build(Prim* prims, const float* boxes, int begin, int end
         left.end = right.begin = mid;
         right.end = r.end;
     };
-
-    const int index = static_cast<int>(_nodes.size());
-    _nodes.push_back(Node());
-
-    // Up to four child ranges: one when the whole range fits a leaf (a small root), else the two
-    // halves, each halved again when it is still larger than a leaf.
+    // One part when the whole range fits a leaf (a small root), else the two halves, each halved
+    // again when it is still larger than a leaf.
     const Range whole = {begin, end};
-    Range parts[4];
     int count = 0;
     if (end - begin <= _leafSize) {
         parts[count++] = whole;
@@ -676,7 +700,14 @@ int KTriMeshDistTree::_build(Prim* prims, const float* boxes, int begin, int end
             }
         }
     }
+    return count;
+}
 
+namespace {
+
+// A node with no children yet: empty boxes, every child missing.
+template <class Node>
+Node EmptyNode() {
     Node node;
     for (int c = 0; c < 4; ++c) {
         for (int a = 0; a < 3; ++a) {
@@ -686,6 +717,27 @@ int KTriMeshDistTree::_build(Prim* prims, const float* boxes, int begin, int end
         node.first[c] = 0;
         node.count[c] = -1;
     }
+    return node;
+}
+
+// The bounds (lo then hi) of a node's child boxes.
+template <class Node>
+void NodeBox(const Node& node, float* box) {
+    for (int a = 0; a < 3; ++a) {
+        box[a] = std::min(std::min(node.lo[a][0], node.lo[a][1]), std::min(node.lo[a][2], node.lo[a][3]));
+        box[3 + a] = std::max(std::max(node.hi[a][0], node.hi[a][1]), std::max(node.hi[a][2], node.hi[a][3]));
+    }
+}
+
+}  // namespace
+
+int KTriMeshDistTree::_build(std::vector<Node>& nodes, Prim* prims, const float* boxes, int begin, int end, int depth,
+                             float* box) const {
+    const int index = static_cast<int>(nodes.size());
+    nodes.push_back(Node());
+    Range parts[4];
+    const int count = _split(prims, begin, end, parts);
+    Node node = EmptyNode<Node>();
     for (int c = 0; c < count; ++c) {
         const Range& r = parts[c];
         float childBox[6];
@@ -704,7 +756,7 @@ int KTriMeshDistTree::_build(Prim* prims, const float* boxes, int begin, int end
             node.first[c] = r.begin;
             node.count[c] = r.end - r.begin;
         } else {
-            node.first[c] = _build(prims, boxes, r.begin, r.end, depth + 1, childBox);
+            node.first[c] = _build(nodes, prims, boxes, r.begin, r.end, depth + 1, childBox);
             node.count[c] = 0;
         }
         for (int a = 0; a < 3; ++a) {
@@ -712,12 +764,57 @@ int KTriMeshDistTree::_build(Prim* prims, const float* boxes, int begin, int end
             node.hi[a][c] = childBox[3 + a];
         }
     }
-    for (int a = 0; a < 3; ++a) {
-        box[a] = std::min(std::min(node.lo[a][0], node.lo[a][1]), std::min(node.lo[a][2], node.lo[a][3]));
-        box[3 + a] = std::max(std::max(node.hi[a][0], node.hi[a][1]), std::max(node.hi[a][2], node.hi[a][3]));
-    }
-    _nodes[index] = node;
+    NodeBox(node, box);
+    nodes[static_cast<size_t>(index)] = node;
     return index;
+}
+
+void KTriMeshDistTree::_buildRoot(Prim* prims, const float* boxes, int count, int threads, float* box) {
+    _nodes.reserve(static_cast<size_t>(count / _leafSize + 1));
+    // Below this many triangles a build is too quick to share.
+    const int kParallelBuild = 65536;
+    // Shared only when the root gets four children that are not leaves (each holds at least a
+    // quarter of the triangles, rounded down).
+    if (count <= kParallelBuild || ResolveThreads(threads) < 2 || count / 4 <= _leafSize ||
+        std::min(_maxDepth, kDepthLimit) < 2) {
+        _build(_nodes, prims, boxes, 0, count, 0, box);
+        return;
+    }
+    Range parts[4];
+    const int numParts = _split(prims, 0, count, parts);
+    // Decision (behaviour note "KTriMeshDistTree: parallel build"). The root's children as the
+    // serial build splits them; each child's subtree built on its own into its own nodes, then
+    // appended in child order, which is the serial build's depth-first numbering.
+    std::vector<Node> subtrees[4];
+    float childBoxes[4][6];
+#pragma omp parallel for schedule(static) num_threads(std::min(ResolveThreads(threads), numParts))
+    for (int c = 0; c < numParts; ++c) {
+        const Range& r = parts[c];
+        subtrees[c].reserve(static_cast<size_t>((r.end - r.begin) / _leafSize + 1));
+        _build(subtrees[c], prims, boxes, r.begin, r.end, 1, childBoxes[c]);
+    }
+    Node root = EmptyNode<Node>();
+    size_t total = 1;
+    for (int c = 0; c < numParts; ++c) total += subtrees[c].size();
+    _nodes.resize(total);
+    int at = 1;
+    for (int c = 0; c < numParts; ++c) {
+        for (size_t n = 0; n < subtrees[c].size(); ++n) {
+            Node node = subtrees[c][n];
+            for (int k = 0; k < 4; ++k)
+                if (node.count[k] == 0) node.first[k] += at;
+            _nodes[static_cast<size_t>(at) + n] = node;
+        }
+        root.first[c] = at;
+        root.count[c] = 0;
+        for (int a = 0; a < 3; ++a) {
+            root.lo[a][c] = childBoxes[c][a];
+            root.hi[a][c] = childBoxes[c][3 + a];
+        }
+        at += static_cast<int>(subtrees[c].size());
+    }
+    NodeBox(root, box);
+    _nodes[0] = root;
 }
 
 bool KTriMeshDistTree::empty() const { return _nodes.empty(); }

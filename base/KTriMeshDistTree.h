@@ -8,7 +8,8 @@
 // the longest extent of those centres, so each level quarters the triangle count; a child becomes
 // a leaf when it holds at most leafSize triangles or lies at maxDepth. Leaves therefore hold at
 // most leafSize triangles for meshes of up to leafSize * 4^maxDepth triangles. Building costs
-// O(n log n) and reuses the tree's storage.
+// O(n log n) and reuses the tree's storage; the subtrees of the root's children are built on the
+// parallel team, into the same tree whatever the team.
 //
 // Closest points are exact (computed in double precision from the stored float corners);
 // degenerate triangles are handled as the union of their edges. Triangles with a vertex index out
@@ -16,6 +17,8 @@
 // exactly the same computed distance the lowest triangle index wins, so a query at a vertex
 // position returns that vertex on the lowest-indexed triangle using it.
 
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "KTriMesh.h"
@@ -27,9 +30,10 @@ public:
     // leafSize: most triangles kept in a leaf; maxDepth: deepest level the hierarchy splits to
     // (values below 1 fall back to 10 and 32; levels past 20 are never needed).
     KTriMeshDistTree(int leafSize, int maxDepth);
-    KTriMeshDistTree(const KTriMesh& mesh, int leafSize, int maxDepth);
+    KTriMeshDistTree(const KTriMesh& mesh, int leafSize, int maxDepth, int threads = 1);
 
-    void set(const KTriMesh& mesh);
+    // threads: team size of the build's parallel loops (0: the OpenMP default).
+    void set(const KTriMesh& mesh, int threads = 1);
     // The same tree as set(mesh) gives, for a mesh that may be the last one moved (an animated
     // mesh): when mesh has the vertex count and the triangles of the mesh of the last set() or
     // update(), every triangle was kept then and every corner is finite now, the hierarchy is kept
@@ -38,7 +42,7 @@ public:
     // hierarchy. Otherwise, or when the refitted boxes have grown to more than twice the surface
     // of a fresh build's (relative to the whole mesh's box), the tree is built anew. Returns true
     // when it refitted.
-    bool update(const KTriMesh& mesh);
+    bool update(const KTriMesh& mesh, int threads = 1);
     bool empty() const;
 
     // Closest point of the surface to p within maxDistance (inclusive), and its triangle. Returns
@@ -114,6 +118,28 @@ private:
         float off[3][4];
     };
     struct Prim;  // build-time centre of one triangle
+    // Leaves plain values uninitialised when an array grows, so that the build's parallel loops,
+    // which write every element, are the first to touch the memory (and share its page faults).
+    template <class T>
+    struct Uninitialised : std::allocator<T> {
+        template <class U>
+        struct rebind {
+            typedef Uninitialised<U> other;
+        };
+        Uninitialised() = default;
+        template <class U>
+        Uninitialised(const Uninitialised<U>&) {}
+        template <class U>
+        void construct(U* p) {
+            ::new (static_cast<void*>(p)) U;
+        }
+        template <class U, class... Args>
+        void construct(U* p, Args&&... args) {
+            ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+        }
+    };
+    template <class T>
+    using Array = std::vector<T, Uninitialised<T> >;
 
     // allIntersections, over the given leaves instead of the tree's traversal when leaves is set.
     int _rayHits(const KVector& source, const KVector& direction, float maxDistance, float tolerance,
@@ -123,22 +149,33 @@ private:
     bool _search(const KVector& p, float maxDistance, int hint, int& triangle, float& u, float& v,
                  KVector& closest) const;
     // Fills _slotBoxes and _slotPlanes from _corners.
-    void _fillSlotBoxes();
-    // Builds the node over prims[begin, end) (boxes: six floats per triangle index); returns its
-    // index and puts its bounds (lo then hi) into box.
-    int _build(Prim* prims, const float* boxes, int begin, int end, int depth, float* box);
-    // Recomputes every node's child boxes from the corners, children before parents; returns the
-    // boxes' total surface over the root box's surface.
+    void _fillSlotBoxes(int threads);
+    // Splits prims[begin, end) into the ranges of a node's up to four children; returns their number.
+    struct Range {
+        int begin, end;
+    };
+    int _split(Prim* prims, int begin, int end, Range (&parts)[4]) const;
+    // Builds the node over prims[begin, end) (boxes: six floats per triangle index) at the end of
+    // nodes, its subtree after it in depth-first order; returns its index and puts its bounds (lo
+    // then hi) into box.
+    int _build(std::vector<Node>& nodes, Prim* prims, const float* boxes, int begin, int end, int depth,
+               float* box) const;
+    // The whole hierarchy over prims[0, count) into _nodes, the root's subtrees on the team.
+    void _buildRoot(Prim* prims, const float* boxes, int count, int threads, float* box);
+    // Recomputes every node's child boxes from the corners, children before parents; returns
+    // _surface().
     double _refitBoxes();
+    // The nodes' child boxes' total surface over the root box's surface.
+    double _surface() const;
 
     int _leafSize;
     int _maxDepth;
     std::vector<KVector> _corners;  // three per slot, in leaf order
-    std::vector<int> _order;        // triangle index of each slot, grouped by leaf
+    Array<int> _order;              // triangle index of each slot, grouped by leaf
     std::vector<Node> _nodes;       // node 0 is the root
-    std::vector<SlotBoxes> _slotBoxes;  // the box of every slot; lanes past the last slot are empty
-    std::vector<SlotPlanes> _slotPlanes;
-    std::vector<int> _slotOf;       // slot of each triangle index, -1 for a triangle left out
+    Array<SlotBoxes> _slotBoxes;    // the box of every slot; lanes past the last slot are empty
+    Array<SlotPlanes> _slotPlanes;
+    Array<int> _slotOf;             // slot of each triangle index, -1 for a triangle left out
     // What update() compares against: the triangles and vertex count of the last build, whether
     // it kept every triangle, and its relative box surface.
     KInt3Array _triangles;

@@ -1,10 +1,15 @@
-// Relaxation: one evaluation of a bound 316 x 316 sheet (99,856 vertices, 10 x 10 wide, bent),
-// 10 passes, scale-safe on; without a collider, and with one closed collider colliding after every
-// pass: a ball of radius 5 (5,120 triangles) pressed up into the sheet from below, its cross-section
-// with the sheet's plane covering a third of the sheet.
+// Relaxation on n x n sheets (316: 99,856 vertices; 1000: 1,000,000), 10 x 10 wide:
+//   BM_RelaxationBind      binding the rest sheet (the host's neighbour rings given), with the
+//                          bytes per vertex the bound engine holds;
+//   BM_VertexRings         the neighbour rings in cyclic order, as the command line makes them;
+//   BM_RelaxationEvaluate  one evaluation of the bound sheet bent, 10 passes, scale-safe on;
+//   BM_RelaxationCollide   the same with one closed collider colliding after every pass: a ball of
+//                          radius 5 (5,120 triangles) pressed up into the sheet from below, its
+//                          cross-section with the sheet's plane covering a third of the sheet.
 
 #include <benchmark/benchmark.h>
 
+#include "HeapCounter.h"
 #include "KRelaxationSolver.h"
 #include "KVertexRings.h"
 #include "MeshGenerators.h"
@@ -83,5 +88,51 @@ void Run(benchmark::State& state, bool collide) {
 
 static void BM_RelaxationEvaluate(benchmark::State& state) { Run(state, false); }
 static void BM_RelaxationCollide(benchmark::State& state) { Run(state, true); }
-BENCHMARK(BM_RelaxationEvaluate)->Arg(316)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_RelaxationCollide)->Arg(316)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_RelaxationEvaluate)->Arg(316)->Arg(1000)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_RelaxationCollide)->Arg(316)->Arg(1000)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+static void BM_RelaxationBind(benchmark::State& state) {
+    const KPolyMesh rest = MakeDetailedGrid(static_cast<int>(state.range(0)), 10.0f);
+    KVertexNeighbours rings;
+    VertexRings(rest, rings);
+    KArray<KDouble3> points;
+    for (const KVector& p : rest.points) points.push_back(KDouble3{p.x, p.y, p.z});
+    KRelaxationInput in;
+    in.points = points.data();
+    in.count = points.length();
+    in.rings = &rings;
+    in.iterations = 0;
+    std::size_t peak = 0;
+    for (auto _ : state) {
+        const std::size_t before = HeapLiveBytes();
+        ResetHeapPeak();
+        KRelaxationSolver solver;
+        const KRelaxationResult r = solver.evaluate(in);
+        peak = HeapPeakBytes() - before;
+        benchmark::DoNotOptimize(r.outcome.status);
+    }
+    // What a bound engine holds once it has also evaluated (10 passes: both working arrays), and
+    // the most the bind held at once.
+    const std::size_t before = HeapLiveBytes();
+    KRelaxationSolver solver;
+    solver.evaluate(in);
+    KRelaxationInput pose = in;
+    pose.iterations = 10;
+    pose.stiffness = &solver.stiffness();
+    solver.evaluate(pose);
+    state.counters["bound_bytes_per_vertex"] = static_cast<double>(HeapLiveBytes() - before) / points.length();
+    state.counters["peak_bytes_per_vertex"] = static_cast<double>(peak) / points.length();
+    state.counters["vertices"] = points.length();
+}
+BENCHMARK(BM_RelaxationBind)->Arg(316)->Arg(1000)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+static void BM_VertexRings(benchmark::State& state) {
+    const KPolyMesh rest = MakeDetailedGrid(static_cast<int>(state.range(0)), 10.0f);
+    KVertexNeighbours rings;
+    for (auto _ : state) {
+        VertexRings(rest, rings, 0);
+        benchmark::DoNotOptimize(rings.indices.data());
+    }
+    state.counters["vertices"] = rest.numVertices();
+}
+BENCHMARK(BM_VertexRings)->Arg(316)->Arg(1000)->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -1,18 +1,22 @@
 // Deformation transfer on the cat and lion meshes (7,207 -> 5,000 vertices, 55 markers) when the
-// shared data is present, else on generated spheres of similar size. The second argument picks
-// the target: 0 the lion, 1 the lion with every triangle split into four (19,998 vertices), to see
-// how each stage grows with the target.
+// shared data is present, else on generated spheres of similar size. The second argument is how
+// many times every target triangle is split into four: 0 the lion, 1 (19,994 vertices) to see how
+// each stage grows with the target, 3 (319,874 vertices) a production-size target.
+//   BM_TransferBuild           the whole recalculation (correspondence search, then building and
+//                              factoring the transfer system), as the node runs it;
 //   BM_TransferCorrespondence  the correspondence search (fit with 5 iterations, then pairing);
 //   BM_TransferFactor          building and factoring the transfer system;
 //   BM_TransferSolvePose       one transfer pass for a new source pose, as the node runs it.
-// The first argument is the thread count.
-
+// The first argument is the thread count. The heap's peak during the stage (and the sparse
+// library's own, which the heap counter does not see) is reported in bytes per target vertex.
 #include <benchmark/benchmark.h>
 
+#include <map>
 #include <memory>
 #include <string>
 #include <sys/stat.h>
 
+#include "HeapCounter.h"
 #include "KDeformationTransferSolver.h"
 #include "KTransferSystem.h"
 #include "MarkerFile.h"
@@ -34,35 +38,44 @@ bool Exists(const std::string& path) {
     return stat(path.c_str(), &st) == 0;
 }
 
-TransferData LoadData(bool larger) {
+// The target with every triangle split into four, levels times.
+KPolyMesh Split(KPolyMesh mesh, int levels) {
+    for (int i = 0; i < levels; ++i) mesh = SplitIntoFour(mesh);
+    return mesh;
+}
+
+TransferData LoadData(int levels) {
     TransferData d;
     const std::string dir = std::string(KAVRIN_DATA_DIR) + "/cat-lion/";
+    const std::string times = levels > 0 ? " x" + std::to_string(1 << (2 * levels)) : "";
     if (Exists(dir + "markers.txt")) {
         const KPolyMesh lion = ReadObj(dir + "lion-reference.obj");
         d.source = Triangulated(ReadObj(dir + "cat-reference.obj"));
-        d.target = Triangulated(larger ? SplitIntoFour(lion) : lion);
+        d.target = Triangulated(Split(lion, levels));
         d.pose = Triangulated(ReadObj(dir + "cat-05.obj"));
         // Split meshes keep the original vertices' indices, so the markers hold.
         d.markers = ReadMarkers(dir + "markers.txt", d.source.numVertices(), lion.numVertices());
-        d.origin = larger ? "cat-lion x4" : "cat-lion";
+        d.origin = "cat-lion" + times;
         return d;
     }
     // Generated: a bumpy sphere of 10,242 vertices onto a stretched sphere of 2,562 vertices
-    // (10,242 when larger), the same order of size as the cat and the lion.
-    KPolyMesh target = MakeIcosphere(larger ? 5 : 4);
+    // (split as the lion is), the same order of size as the cat and the lion.
+    KPolyMesh target = MakeIcosphere(4);
     ScalePoints(target, 1.4f, 0.8f, 1.0f);
     d.source = TriangulatedIcosphere(5, 0.03f, 1);
-    d.target = Triangulated(target);
+    d.target = Triangulated(Split(target, levels));
     d.pose = d.source;
     for (KVector& p : d.pose.points) p = KVector(p.x, p.y + 0.3f * p.x * p.x, p.z);
     for (int i = 0; i < 12; ++i) d.markers.insert(d.markers.end(), {i, i});
-    d.origin = larger ? "generated x4" : "generated";
+    d.origin = "generated" + times;
     return d;
 }
 
-const TransferData& Data(int64_t larger) {
-    static const TransferData data[2] = {LoadData(false), LoadData(true)};
-    return data[larger ? 1 : 0];
+const TransferData& Data(int64_t levels) {
+    static std::map<int64_t, TransferData> data;
+    auto it = data.find(levels);
+    if (it == data.end()) it = data.emplace(levels, LoadData(static_cast<int>(levels))).first;
+    return it->second;
 }
 
 KDeformationTransferInput Input(const TransferData& d, bool recalc, short aim, int threads) {
@@ -87,7 +100,28 @@ void Label(benchmark::State& state, const TransferData& d) {
     state.counters["trgVerts"] = d.target.numVertices();
 }
 
+// The heap's peak since `before` was taken (with ResetHeapPeak), per target vertex.
+void HeapPeak(benchmark::State& state, const TransferData& d, std::size_t before) {
+    state.counters["peak_bytes_per_vertex"] = static_cast<double>(HeapPeakBytes() - before) / d.target.numVertices();
+}
+
 }  // namespace
+
+static void BM_TransferBuild(benchmark::State& state) {
+    const TransferData& d = Data(state.range(1));
+    const KDeformationTransferInput in = Input(d, true, 2, int(state.range(0)));
+    const std::size_t before = HeapLiveBytes();
+    ResetHeapPeak();
+    for (auto _ : state) {
+        KDeformationTransferSolver solver;
+        KRecordingSink sink;
+        const KDeformationTransferResult r = solver.compute(in, sink);
+        if (r.outcome.failed()) state.SkipWithError(r.outcome.message.c_str());
+    }
+    HeapPeak(state, d, before);
+    Label(state, d);
+}
+BENCHMARK(BM_TransferBuild)->Args({2, 3})->Unit(benchmark::kSecond)->UseRealTime()->Iterations(1);
 
 // The "Wrap Deformer" aim runs the correspondence search with the pairing and builds nothing.
 static void BM_TransferCorrespondence(benchmark::State& state) {
@@ -104,6 +138,7 @@ static void BM_TransferCorrespondence(benchmark::State& state) {
 BENCHMARK(BM_TransferCorrespondence)
     ->Args({2, 0})
     ->Args({2, 1})
+    ->Args({2, 3})
     ->Unit(benchmark::kSecond)
     ->UseRealTime()
     ->Iterations(1);
@@ -114,14 +149,31 @@ static void BM_TransferFactor(benchmark::State& state) {
     KRecordingSink sink;
     solver.compute(Input(d, true, 3, int(state.range(0))), sink);
     const KInt4Array pairing = solver.triCorres();
+    const std::size_t before = HeapLiveBytes();
+    ResetHeapPeak();
+    std::size_t held = 0, libraryHeld = 0, libraryPeak = 0;
     for (auto _ : state) {
         KTransferSystem system;
         if (!system.build(d.source, d.target, pairing, int(state.range(0))))
             state.SkipWithError(system.failure().c_str());
+        held = HeapLiveBytes() - before;
+        libraryHeld = system.libraryBytes();
+        libraryPeak = system.libraryPeakBytes();
     }
+    // What the built system holds on the heap and in the sparse library, and the most of each.
+    const double nv = d.target.numVertices();
+    HeapPeak(state, d, before);
+    state.counters["bound_bytes_per_vertex"] = static_cast<double>(held) / nv;
+    state.counters["library_bytes_per_vertex"] = static_cast<double>(libraryHeld) / nv;
+    state.counters["library_peak_bytes_per_vertex"] = static_cast<double>(libraryPeak) / nv;
     Label(state, d);
 }
-BENCHMARK(BM_TransferFactor)->Args({2, 0})->Args({2, 1})->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_TransferFactor)
+    ->Args({2, 0})
+    ->Args({2, 1})
+    ->Args({2, 3})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 static void BM_TransferSolvePose(benchmark::State& state) {
     const TransferData& d = Data(state.range(1));
@@ -142,6 +194,7 @@ BENCHMARK(BM_TransferSolvePose)
     ->Args({2, 0})
     ->Args({1, 1})
     ->Args({2, 1})
+    ->Args({2, 3})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 

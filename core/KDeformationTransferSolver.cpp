@@ -152,14 +152,26 @@ bool KDeformationTransferSolver::_recalculate(const KDeformationTransferInput& i
     for (int i = 0; i < n; ++i) next.vertCorres.push_back(KInt2{input.vertCorres[2 * i], input.vertCorres[2 * i + 1]});
 
     if (_aim == kTransfer) {
+        std::unique_ptr<KTransferSystem> system(new KTransferSystem);
         if (input.storedTriCorres) {
             if (!_restoreCorrespondence(input, next)) return false;
         } else {
+            // Decision (behaviour note "Deformation transfer: the target's system factored beside the
+            // search"): with a second thread, the target's factorisation runs beside the search (its
+            // messages stay on the calling thread, thread 0 of the team).
+            bool found = true;
+            KTransferSystem* prepared = system.get();
+#pragma omp parallel num_threads(2) if (ResolveThreads(_threads) > 1)
+            {
+                if (OmpThreadNum() == 0)
+                    found = _findTriangleCorrespondence(input, next, fitted);
+                else
+                    prepared->prepareTarget(input.targetMesh, 1);
+            }
             // Kept on purpose (behaviour note "Deformation transfer: a failed search still builds").
-            if (!_findTriangleCorrespondence(input, next, fitted)) return false;
+            if (!found) return false;
         }
         _progress(kDtBuildingMatrix);
-        std::unique_ptr<KTransferSystem> system(new KTransferSystem);
         if (!system->build(next.refSrcMesh, input.targetMesh, next.triCorres, _threads))
             return _abort(system->failure(), system->libraryReport());
         next.system = std::move(system);

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "KRingNormal.h"
+#include "KThreads.h"
 
 namespace Kavrin {
 
@@ -37,12 +38,6 @@ inline void Normalise(double v[3]) {
         for (int j = 0; j < 3; ++j) v[j] /= len;
 }
 
-template <typename T>
-const std::vector<T>& ListAt(const std::vector<std::vector<T> >& lists, int v) {
-    static const std::vector<T> kEmpty;
-    return v < static_cast<int>(lists.size()) ? lists[v] : kEmpty;
-}
-
 }  // namespace
 
 void KRelaxationBindingData::clear() {
@@ -51,15 +46,6 @@ void KRelaxationBindingData::clear() {
     b.clear();
     bScalable.clear();
     meanValueWeight.clear();
-}
-
-void KRelaxationCaches::clear() {
-    offsets.clear();
-    connVrtIds.clear();
-    nrmOrderIds.clear();
-    scalableRatios.clear();
-    meanValWeights.clear();
-    heightCache.clear();
     idLimit = 0;
 }
 
@@ -75,10 +61,13 @@ double PolarAngle(double u, double w) {
     return 0.0;
 }
 
+namespace {
+
+// PolarCoordinates with the caller's scratch for the ring.
 void PolarCoordinates(const KDouble3* points, int i, const int* ids, int n, std::vector<KPolarCoords>& polar,
-                      double N[3], double c[3]) {
+                      std::vector<KDouble3>& ring, double N[3], double c[3]) {
     // The ring normal of the neighbours in the host's order, from their exact positions.
-    std::vector<KDouble3> ring(static_cast<size_t>(n));
+    ring.resize(static_cast<size_t>(n));
     for (int k = 0; k < n; ++k) ring[k] = points[ids[k]];
     const KDouble3 ringNormal = RingNormal(ring.data(), n);
     for (int j = 0; j < 3; ++j) N[j] = ringNormal[j];
@@ -129,7 +118,16 @@ void PolarCoordinates(const KDouble3* points, int i, const int* ids, int n, std:
     for (int k = 1; k < n; ++k) polar[k].deltaTheta = polar[k].theta - polar[k - 1].theta;
 }
 
-KOutcome BindRelaxation(const KDouble3* points, int count, const KVertexNeighbours& rings, KRelaxationBindingData& out) {
+}  // namespace
+
+void PolarCoordinates(const KDouble3* points, int i, const int* ids, int n, std::vector<KPolarCoords>& polar,
+                      double N[3], double c[3]) {
+    std::vector<KDouble3> ring;
+    PolarCoordinates(points, i, ids, n, polar, ring, N, c);
+}
+
+KOutcome BindRelaxation(const KDouble3* points, int count, const KVertexNeighbours& rings, KRelaxationBindingData& out,
+                        int threads) {
     // Guard (behaviour note "Relaxation: neighbour lists outside the mesh").
     if (count > 0 && (!points || rings.numVertices() < count)) return KOutcome::Failed(kRelaxBindBadRings);
     for (int i = 0; i < count; ++i)
@@ -137,94 +135,141 @@ KOutcome BindRelaxation(const KDouble3* points, int count, const KVertexNeighbou
             if (*id < 0 || *id >= count) return KOutcome::Failed(kRelaxBindBadRings);
 
     out.clear();
-    out.connVrtId.reserve(static_cast<size_t>(count));
-    out.connVrtIdNrmOrder.reserve(static_cast<size_t>(count));
-    out.b.reserve(static_cast<size_t>(count));
-    out.bScalable.reserve(static_cast<size_t>(count));
-    out.meanValueWeight.reserve(static_cast<size_t>(count));
+    if (count <= 0) return KOutcome::Deformed();
 
-    std::vector<KPolarCoords> polar;
-    for (int i = 0; i < count; ++i) {
-        const int* ids = rings.begin(i);
-        const int n = rings.count(i);
-        if (n < 1) {
-            // Decision (behaviour note "Relaxation: vertices without neighbours").
-            out.connVrtId.push_back(std::vector<int>());
-            out.connVrtIdNrmOrder.push_back(std::vector<int>());
-            out.meanValueWeight.push_back(std::vector<double>());
-            out.b.push_back(0.0);
-            out.bScalable.push_back(std::vector<double>());
-            continue;
+    // The vertices before the first with too many neighbours are bound completely; that vertex
+    // gets its two neighbour lists only.
+    int complete = 0;
+    while (complete < count && rings.count(complete) <= kRelaxMaxNeighbours) ++complete;
+    const int listed = complete < count ? complete + 1 : count;
+
+    // Every list of a vertex is as long as its ring, so the offsets are the rings' (to `listed`
+    // for the neighbour lists, to `complete` for the others).
+    const int* ringStart = rings.offsets.data();
+    KIntArray& offsets = out.connVrtId.offsets;
+    offsets.setLength(listed + 1, false);
+    for (int v = 0; v <= listed; ++v) offsets[v] = ringStart[v] - ringStart[0];
+    out.connVrtIdNrmOrder.offsets = offsets;
+    out.connVrtId.values.setLength(offsets[listed], false);
+    out.connVrtIdNrmOrder.values.setLength(offsets[listed], false);
+    out.bScalable.offsets.assign(offsets.begin(), offsets.begin() + complete + 1);
+    out.meanValueWeight.offsets = out.bScalable.offsets;
+    out.bScalable.values.setLength(offsets[complete], false);
+    out.meanValueWeight.values.setLength(offsets[complete], false);
+    out.b.setLength(complete, false);
+
+    int* sortedIds = out.connVrtId.values.data();
+    int* orderIds = out.connVrtIdNrmOrder.values.data();
+    double* heights = out.b.data();
+    double* ratios = out.bScalable.values.data();
+    double* weights = out.meanValueWeight.values.data();
+    int idLimit = 0;
+    // Decision (behaviour note "Relaxation: parallel bind"): every vertex writes only its own
+    // lists, computed as they always were.
+#pragma omp parallel num_threads(TeamFor(threads, complete)) reduction(max : idLimit)
+    {
+        std::vector<KPolarCoords> polar;
+        std::vector<KDouble3> ring;
+        polar.reserve(static_cast<size_t>(kRelaxMaxNeighbours));
+        ring.reserve(static_cast<size_t>(kRelaxMaxNeighbours));
+#pragma omp for schedule(static)
+        for (int i = 0; i < complete; ++i) {
+            const int* ids = rings.begin(i);
+            const int n = rings.count(i);
+            const int at = offsets[i];
+            if (n < 1) {
+                // Decision (behaviour note "Relaxation: vertices without neighbours").
+                heights[i] = 0.0;
+                continue;
+            }
+            double N[3], c[3];
+            PolarCoordinates(points, i, ids, n, polar, ring, N, c);
+            for (int k = 0; k < n; ++k) {
+                sortedIds[at + k] = polar[k].vertexId;
+                orderIds[at + k] = ids[k];
+                idLimit = std::max(idLimit, ids[k] + 1);
+            }
+
+            // Each gap's half-angle tangent once (into the ratios' place, written below), shared by
+            // the weights of the two neighbours beside it.
+            double* w = weights + at;
+            double* halfTan = ratios + at;
+            for (int k = 0; k < n; ++k) halfTan[k] = std::tan(polar[k].deltaTheta / 2.0);
+            double total = 0.0;
+            for (int k = 0; k < n; ++k) {
+                w[k] = (halfTan[k] + halfTan[(k + 1) % n]) / polar[k].radius;
+                total += w[k];
+            }
+            for (int k = 0; k < n; ++k) w[k] /= total;
+
+            const double P[3] = {Round(points[i][0]), Round(points[i][1]), Round(points[i][2])};
+            const double e[3] = {P[0] - c[0], P[1] - c[1], P[2] - c[2]};
+            double h = std::sqrt(Dot(e, e));
+            if (Dot(N, e) < 0.0) h = -h;
+            heights[i] = h;
+
+            // Kept on purpose (behaviour note "Relaxation: zero and vertical edges").
+            for (int k = 0; k < n; ++k) {
+                const KDouble3& q = points[polar[k].vertexId];
+                const double edge[3] = {P[0] - q[0], P[1] - q[1], P[2] - q[2]};
+                const double cosine = Dot(N, edge) / std::sqrt(Dot(edge, edge));
+                ratios[at + k] = cosine / std::sqrt(1.0 - cosine * cosine);
+            }
         }
-        double N[3], c[3];
-        PolarCoordinates(points, i, ids, n, polar, N, c);
-
-        // The two neighbour lists are written before the limit is checked.
-        std::vector<int> sorted(static_cast<size_t>(n));
-        for (int k = 0; k < n; ++k) sorted[k] = polar[k].vertexId;
-        out.connVrtId.push_back(sorted);
-        out.connVrtIdNrmOrder.push_back(std::vector<int>(ids, ids + n));
-        // Kept on purpose (behaviour note "Relaxation: the 128-neighbour message").
-        if (n > kRelaxMaxNeighbours) return KOutcome::Failed(kRelaxTooManyNeighbours);
-
-        std::vector<double> weights(static_cast<size_t>(n));
-        double total = 0.0;
-        for (int k = 0; k < n; ++k) {
-            weights[k] =
-                (std::tan(polar[k].deltaTheta / 2.0) + std::tan(polar[(k + 1) % n].deltaTheta / 2.0)) / polar[k].radius;
-            total += weights[k];
-        }
-        for (double& w : weights) w /= total;
-        out.meanValueWeight.push_back(weights);
-
-        const double P[3] = {Round(points[i][0]), Round(points[i][1]), Round(points[i][2])};
-        const double e[3] = {P[0] - c[0], P[1] - c[1], P[2] - c[2]};
-        double h = std::sqrt(Dot(e, e));
-        if (Dot(N, e) < 0.0) h = -h;
-        out.b.push_back(h);
-
-        // Kept on purpose (behaviour note "Relaxation: zero and vertical edges").
-        std::vector<double> ratios(static_cast<size_t>(n));
-        for (int k = 0; k < n; ++k) {
-            const KDouble3& q = points[polar[k].vertexId];
-            const double edge[3] = {P[0] - q[0], P[1] - q[1], P[2] - q[2]};
-            const double cosine = Dot(N, edge) / std::sqrt(Dot(edge, edge));
-            ratios[k] = cosine / std::sqrt(1.0 - cosine * cosine);
-        }
-        out.bScalable.push_back(ratios);
     }
-    return KOutcome::Deformed();
+    out.idLimit = idLimit;
+    if (complete == count) return KOutcome::Deformed();
+
+    // The two neighbour lists are written before the limit is checked.
+    const int* ids = rings.begin(complete);
+    const int n = rings.count(complete);
+    std::vector<KPolarCoords> polar;
+    double N[3], c[3];
+    PolarCoordinates(points, complete, ids, n, polar, N, c);
+    for (int k = 0; k < n; ++k) {
+        sortedIds[offsets[complete] + k] = polar[k].vertexId;
+        orderIds[offsets[complete] + k] = ids[k];
+    }
+    // Kept on purpose (behaviour note "Relaxation: the 128-neighbour message").
+    return KOutcome::Failed(kRelaxTooManyNeighbours);
 }
 
-KOutcome LoadRelaxationCaches(const KRelaxationBindingData& stored, int count, KRelaxationCaches& caches) {
-    KRelaxationCaches loaded;
-    loaded.offsets.reserve(static_cast<size_t>(count > 0 ? count + 1 : 1));
-    loaded.offsets.push_back(0);
-    loaded.heightCache.reserve(static_cast<size_t>(count > 0 ? count : 0));
+KOutcome LoadRelaxationCaches(const KRelaxationBindingData& stored, int count, KRelaxationBindingData& caches) {
+    count = std::max(count, 0);
+    // The lengths and ids first, vertex by vertex; then one copy into arrays of their final size.
+    KIntArray offsets;
+    offsets.setLength(count + 1, false);
+    offsets[0] = 0;
     int idLimit = 0;
     for (int v = 0; v < count; ++v) {
-        const std::vector<int>& sorted = ListAt(stored.connVrtId, v);
-        const std::vector<int>& order = ListAt(stored.connVrtIdNrmOrder, v);
-        const std::vector<double>& ratios = ListAt(stored.bScalable, v);
-        const std::vector<double>& weights = ListAt(stored.meanValueWeight, v);
-        if (order.size() != sorted.size()) return KOutcome::Failed(kRelaxBadNrmOrder);
-        loaded.heightCache.push_back(
-            static_cast<float>(v < static_cast<int>(stored.b.size()) ? stored.b[static_cast<size_t>(v)] : 0.0));
-        if (ratios.size() != sorted.size()) return KOutcome::Failed(kRelaxBadBScalable);
-        if (weights.size() != sorted.size()) return KOutcome::Failed(kRelaxBadMeanValWgt);
+        const int n = stored.connVrtId.count(v);
+        if (stored.connVrtIdNrmOrder.count(v) != n) return KOutcome::Failed(kRelaxBadNrmOrder);
+        if (stored.bScalable.count(v) != n) return KOutcome::Failed(kRelaxBadBScalable);
+        if (stored.meanValueWeight.count(v) != n) return KOutcome::Failed(kRelaxBadMeanValWgt);
         // Guard (behaviour note "Relaxation: stored binding that does not fit").
-        if (sorted.size() > static_cast<size_t>(kRelaxMaxNeighbours)) return KOutcome::Failed(kRelaxLoadTooLong);
-        for (size_t k = 0; k < sorted.size(); ++k) {
+        if (n > kRelaxMaxNeighbours) return KOutcome::Failed(kRelaxLoadTooLong);
+        const int* sorted = stored.connVrtId.begin(v);
+        const int* order = stored.connVrtIdNrmOrder.begin(v);
+        for (int k = 0; k < n; ++k) {
             if (sorted[k] < 0 || order[k] < 0) return KOutcome::Failed(kRelaxLoadBadIds);
             idLimit = std::max(idLimit, std::max(sorted[k], order[k]) + 1);
         }
-        loaded.connVrtIds.insert(loaded.connVrtIds.end(), sorted.begin(), sorted.end());
-        loaded.nrmOrderIds.insert(loaded.nrmOrderIds.end(), order.begin(), order.end());
-        loaded.scalableRatios.insert(loaded.scalableRatios.end(), ratios.begin(), ratios.end());
-        loaded.meanValWeights.insert(loaded.meanValWeights.end(), weights.begin(), weights.end());
-        loaded.offsets.push_back(loaded.connVrtIds.length());
+        offsets[v + 1] = offsets[v] + n;
     }
+
+    KRelaxationBindingData loaded;
     loaded.idLimit = idLimit;
+    auto copy = [count, &offsets](const auto& from, auto& to) {
+        to.offsets = offsets;
+        to.values.setLength(offsets[count], false);
+        for (int v = 0; v < count; ++v) std::copy(from.begin(v), from.end(v), to.values.data() + offsets[v]);
+    };
+    copy(stored.connVrtId, loaded.connVrtId);
+    copy(stored.connVrtIdNrmOrder, loaded.connVrtIdNrmOrder);
+    copy(stored.bScalable, loaded.bScalable);
+    copy(stored.meanValueWeight, loaded.meanValueWeight);
+    loaded.b.setLength(count, true);
+    std::copy(stored.b.begin(), stored.b.begin() + std::min(count, stored.b.length()), loaded.b.begin());
     std::swap(caches, loaded);
     return KOutcome::Deformed();
 }

@@ -6,9 +6,9 @@
 // ring normal, and sorted by their polar angle in the vertex's tangent plane), the normalised
 // mean-value weights of the sorted neighbours, the vertex's signed height above the plane of its
 // neighbours and, per sorted neighbour, the cotangent of the angle between the ring normal and
-// the edge (the scale-free height ratio). KRelaxationBindingData is that binding as the node stores
-// it in its hidden compound-array attributes; KRelaxationCaches is the compact form the solve
-// reads, filled by the loader.
+// the edge (the scale-free height ratio). KRelaxationBindingData holds that binding in flat
+// arrays, as the node stores it in its hidden compound-array attributes and as the solve reads it
+// (the loader checks a stored binding and copies it into the form the solve reads).
 
 #include <vector>
 
@@ -30,16 +30,49 @@ extern const char* const kRelaxBindBadRings;       // guard: host neighbour list
 extern const char* const kRelaxLoadBadIds;         // guard: stored neighbours that are not vertices
 extern const char* const kRelaxLoadTooLong;        // guard: a stored list longer than the solve's scratch
 
-// The binding as stored with the node, one entry per vertex in geometry-iterator order. A list
-// missing at the end (the vectors shorter than the vertex count) reads as empty, a missing height
-// as 0.
-struct KRelaxationBindingData {
-    std::vector<std::vector<int> > connVrtId;          // "connVrtIdList": neighbours sorted by polar angle
-    std::vector<std::vector<int> > connVrtIdNrmOrder;  // "connVrtIdNrmOrderList": the host's order
-    std::vector<double> b;                             // "b": signed height above the neighbour plane
-    std::vector<std::vector<double> > bScalable;       // "bScalableList": ratio per sorted neighbour
-    std::vector<std::vector<double> > meanValueWeight; // "meanValueWeightList": weight per sorted neighbour
+// One list per vertex in compressed form: list v is values[offsets[v] .. offsets[v + 1]).
+template <typename T>
+struct KRelaxationLists {
+    KIntArray offsets;  // size() + 1 entries (none while there are no lists)
+    KArray<T> values;
 
+    int size() const { return offsets.length() > 0 ? offsets.length() - 1 : 0; }
+    // List v; a list past size() reads as empty.
+    int count(int v) const { return v < size() ? offsets[v + 1] - offsets[v] : 0; }
+    const T* begin(int v) const { return values.data() + (v < size() ? offsets[v] : 0); }
+    const T* end(int v) const { return begin(v) + count(v); }
+    std::vector<T> list(int v) const { return std::vector<T>(begin(v), end(v)); }
+
+    // Appends one list.
+    void append(const T* first, int n) {
+        if (offsets.empty()) offsets.push_back(0);
+        values.insert(values.end(), first, first + n);
+        offsets.push_back(values.length());
+    }
+    // Replaces the lists with the given ones.
+    void assign(const std::vector<std::vector<T> >& lists) {
+        clear();
+        for (const std::vector<T>& l : lists) append(l.data(), static_cast<int>(l.size()));
+    }
+    void clear() {
+        offsets.clear();
+        values.clear();
+    }
+};
+
+// The binding, one entry per vertex in geometry-iterator order. As stored with the node a list
+// may be missing at the end (fewer lists than vertices; it reads as empty) and a height too (it
+// reads as 0); bound or loaded, every vertex has its four lists, all of one length.
+struct KRelaxationBindingData {
+    KRelaxationLists<int> connVrtId;            // "connVrtIdList": neighbours sorted by polar angle
+    KRelaxationLists<int> connVrtIdNrmOrder;    // "connVrtIdNrmOrderList": the host's order
+    KArray<double> b;                           // "b": signed height above the neighbour plane
+    KRelaxationLists<double> bScalable;         // "bScalableList": ratio per sorted neighbour
+    KRelaxationLists<double> meanValueWeight;   // "meanValueWeightList": weight per sorted neighbour
+    int idLimit = 0;  // bound or loaded: one more than the largest neighbour id (0 without neighbours)
+
+    // Bound or loaded: true when the binding covers count vertices and names no vertex past them.
+    bool fits(int count) const { return connVrtId.size() >= count && b.length() >= count && idLimit <= count; }
     void clear();
 };
 
@@ -71,29 +104,14 @@ void PolarCoordinates(const KDouble3* points, int i, const int* ids, int n, std:
 // more than kRelaxMaxNeighbours neighbours ends the bind with kRelaxTooManyNeighbours once its two
 // neighbour lists are in out (the vertices before it are complete). A vertex without neighbours
 // gets empty lists and height 0, and never moves. Lists naming a vertex outside [0, count) fail
-// with kRelaxBindBadRings before anything is written to out.
-KOutcome BindRelaxation(const KDouble3* points, int count, const KVertexNeighbours& rings, KRelaxationBindingData& out);
+// with kRelaxBindBadRings before anything is written to out. threads: team size of the parallel
+// loop over the vertices (0: the OpenMP default); the result does not depend on it.
+KOutcome BindRelaxation(const KDouble3* points, int count, const KVertexNeighbours& rings, KRelaxationBindingData& out,
+                        int threads = 1);
 
-// The per-vertex caches the solve reads: the lists of vertex v are [offsets[v], offsets[v + 1])
-// of each array (all four lists of a vertex have the same length).
-struct KRelaxationCaches {
-    KIntArray offsets;
-    KIntArray connVrtIds;      // sorted order
-    KIntArray nrmOrderIds;     // the host's order
-    KArray<double> scalableRatios;
-    KArray<double> meanValWeights;
-    KFloatArray heightCache;
-    int idLimit = 0;  // one more than the largest neighbour id (0 without neighbours)
-
-    int numVertices() const { return offsets.length() > 0 ? offsets.length() - 1 : 0; }
-    // True when the caches cover count vertices and name no vertex past them.
-    bool fits(int count) const { return numVertices() >= count && idLimit <= count; }
-    void clear();
-};
-
-// Loads the stored binding of count vertices into caches, vertex by vertex, checking that the
-// four lists of each vertex agree in length (kRelaxBadNrmOrder, kRelaxBadBScalable,
-// kRelaxBadMeanValWgt). On a failure caches are left as they were.
-KOutcome LoadRelaxationCaches(const KRelaxationBindingData& stored, int count, KRelaxationCaches& caches);
+// Loads the stored binding of count vertices into the form the solve reads, vertex by vertex,
+// checking that the four lists of each vertex agree in length (kRelaxBadNrmOrder,
+// kRelaxBadBScalable, kRelaxBadMeanValWgt). On a failure loaded is left as it was.
+KOutcome LoadRelaxationCaches(const KRelaxationBindingData& stored, int count, KRelaxationBindingData& loaded);
 
 }  // namespace Kavrin

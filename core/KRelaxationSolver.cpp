@@ -77,38 +77,51 @@ KRelaxationResult KRelaxationSolver::evaluate(const KRelaxationInput& in) {
         in.multipliers->size() != static_cast<size_t>(count) * static_cast<size_t>(in.numColliders))
         return KRelaxationResult{KOutcome::Failed(kRelaxBadMultipliers), false, false};
 
-    // The input in world space, then the deformer weights.
-    _input.setLength(count, false);
+    // Decision (behaviour note "Relaxation: two working arrays"). The input in world space goes
+    // into the working array that does not hold the last result, which a failure below leaves as
+    // it was.
+    const int first = 1 - _result;
+    KArray<KDouble3>& world = _work[first];
+    world.setLength(count, false);
     const KDouble3* points = in.points;
-    KDouble3* input = _input.data();
+    KDouble3* input = world.data();
 #pragma omp parallel for schedule(static) num_threads(TeamFor(in.threads, count))
     for (int i = 0; i < count; ++i) ToWorld(points[i], in.worldMatrix, input[i]);
-    _weights.setLength(count, false);
-    for (int i = 0; i < count; ++i) _weights[i] = in.weights ? in.weights[i] : 1.0f;
+    const float* weights = in.weights;  // null: all 1
 
     // A "stiffness" array that does not fit the mesh (none on a new node) binds it.
     const bool bind = bindingDue(in);
     if (bind) {
         // Guard (behaviour note "Relaxation: neighbour lists outside the mesh").
         if (!in.rings) return KRelaxationResult{KOutcome::Failed(kRelaxNoRings), false, false};
-        const KOutcome bound = BindRelaxation(_input.data(), count, *in.rings, _bound);
-        if (bound.failed()) {
+        KRelaxationBindingData bound;
+        const KOutcome outcome = BindRelaxation(input, count, *in.rings, bound, in.threads);
+        if (outcome.failed()) {
             // The lists written before the stop are kept, as they always were; a guard wrote none.
-            const bool partial = bound.message == kRelaxTooManyNeighbours;
-            return KRelaxationResult{bound, partial, false};
+            const bool partial = outcome.message == kRelaxTooManyNeighbours;
+            if (partial) {
+                _rebound = std::move(bound);
+                _lastBindInCaches = false;
+            }
+            return KRelaxationResult{outcome, partial, false};
         }
         result.writeBinding = true;
         _stiffness.setLengthWithValue(count, kRelaxDefaultStiffness);
         result.writeStiffness = true;
-    } else {
-        _stiffness = *in.stiffness;
-    }
-
-    // Kept on purpose (behaviour note "Relaxation: caches loaded once").
-    if (_firstRun) {
-        const KRelaxationBindingData* stored = bind ? &_bound : in.stored;
+        // Kept on purpose (behaviour note "Relaxation: caches loaded once"): only the first run's
+        // bind is what the solve reads; a later one is held for the write-back alone.
+        if (_firstRun) {
+            _caches = std::move(bound);
+            _rebound.clear();
+            _lastBindInCaches = true;
+            _firstRun = false;
+        } else {
+            _rebound = std::move(bound);
+            _lastBindInCaches = false;
+        }
+    } else if (_firstRun) {
         static const KRelaxationBindingData kNone;
-        const KOutcome loaded = LoadRelaxationCaches(stored ? *stored : kNone, count, _caches);
+        const KOutcome loaded = LoadRelaxationCaches(in.stored ? *in.stored : kNone, count, _caches);
         if (loaded.failed()) {
             result.outcome = loaded;
             return result;
@@ -120,15 +133,17 @@ KRelaxationResult KRelaxationSolver::evaluate(const KRelaxationInput& in) {
         result.outcome = KOutcome::Failed(kRelaxCachesDoNotFit);
         return result;
     }
+    // The stiffness the bind set, or the node's (read where it is).
+    const double* stiffness = bind ? _stiffness.data() : in.stiffness->data();
 
     if (collisions) {
-        _collisions.prepare(_input.data(), count, in.colliders, in.numColliders);
+        _collisions.prepare(input, count, in.colliders, in.numColliders);
         // Decision (behaviour note "Relaxation: inverse-transpose normals"). Push directions: the
         // normals by the inverse transpose of the world matrix (a direction ignores the
         // translation), unit length; a zero normal stays zero.
         _worldNormals.setLength(count, false);
         const KVector* normals = in.normals;
-        KVector* world = _worldNormals.data();
+        KVector* worldNormals = _worldNormals.data();
         const double(&inv)[4][4] = in.inverseWorldMatrix;
 #pragma omp parallel for schedule(static) num_threads(TeamFor(in.threads, count))
         for (int i = 0; i < count; ++i) {
@@ -138,41 +153,42 @@ KRelaxationResult KRelaxationSolver::evaluate(const KRelaxationInput& in) {
             const double len = std::sqrt(w[0] * w[0] + w[1] * w[1] + w[2] * w[2]);
             if (len > 0.0)
                 for (double& c : w) c /= len;
-            world[i] = KVector(static_cast<float>(w[0]), static_cast<float>(w[1]), static_cast<float>(w[2]));
+            worldNormals[i] = KVector(static_cast<float>(w[0]), static_cast<float>(w[1]), static_cast<float>(w[2]));
         }
     }
 
     // Decision (behaviour note "Relaxation: ping-pong arrays"). The passes, ping-ponging between
-    // two arrays: a pass reads the points of the one before and writes every vertex (moved or
+    // the two arrays: a pass reads the points of the one before and writes every vertex (moved or
     // not) of the other.
-    _prev = _input;
-    _cur.setLength(count, false);
-    KArray<KDouble3>* from = &_prev;
-    KArray<KDouble3>* to = &_cur;
+    int from = first;
+    if (in.iterations > 0) _work[1 - first].setLength(count, false);
     for (int pass = 0; pass < in.iterations; ++pass) {
-        _relaxPass(*from, *to, in.enableScaleSafe, in.threads);
+        KArray<KDouble3>& to = _work[1 - from];
+        _relaxPass(_work[from], to, weights, stiffness, in.enableScaleSafe, in.threads);
         if (collisions && CollisionDue(pass, in.iterations, in.collisionSteps)) {
-            _collisions.collide(to->data(), count, _weights.data(), in.multipliers ? in.multipliers->data() : nullptr,
+            _collisions.collide(to.data(), count, weights, in.multipliers ? in.multipliers->data() : nullptr,
                                 _worldNormals.data(), in.threads);
             _collisionPasses.push_back(pass);
         }
-        std::swap(from, to);
+        from = 1 - from;
     }
 
-    // Final blend by weight and envelope, then back to object space.
-    _out.setLength(count, false);
-    const KDouble3* relaxed = from->data();
-    const float* weights = _weights.data();
+    // Final blend by weight and envelope with the input (in world space again), then back to
+    // object space, in place.
+    KDouble3* out = _work[from].data();
     const float envelope = in.envelope;
-    KDouble3* out = _out.data();
 #pragma omp parallel for schedule(static) num_threads(TeamFor(in.threads, count))
     for (int i = 0; i < count; ++i) {
-        KDouble3 p = relaxed[i];
-        const float f = weights[i] * envelope;
-        if (f != 1.0f)
-            for (int a = 0; a < 3; ++a) p[a] = input[i][a] + (p[a] - input[i][a]) * static_cast<double>(f);
+        KDouble3 p = out[i];
+        const float f = (weights ? weights[i] : 1.0f) * envelope;
+        if (f != 1.0f) {
+            KDouble3 x;
+            ToWorld(points[i], in.worldMatrix, x);
+            for (int a = 0; a < 3; ++a) p[a] = x[a] + (p[a] - x[a]) * static_cast<double>(f);
+        }
         ToWorld(p, in.inverseWorldMatrix, out[i]);
     }
+    _result = from;
     result.outcome = KOutcome::Deformed();
     return result;
 }
@@ -186,7 +202,7 @@ struct RelaxTables {
     const int* order;
     const double* ratios;
     const double* mvw;
-    const float* heights;
+    const double* heights;  // the stored heights, used rounded to single precision
 };
 
 // The relaxed target of vertex i, whose n neighbours start at begin; false when the vertex stays
@@ -277,7 +293,7 @@ inline bool RelaxTarget(const RelaxTables& in, int i, int begin, int dynamicN, b
             lift += w[k] * (ratio[k] * l + s[k]);
         }
     } else {
-        lift = static_cast<double>(in.heights[i]);
+        lift = static_cast<double>(static_cast<float>(in.heights[i]));
     }
     t[0] = e0 + N0 * lift;
     t[1] = e1 + N1 * lift;
@@ -378,7 +394,9 @@ inline void RelaxTargetPair(const RelaxTables& in, int a, int b, int beginA, int
             lift = _mm_add_pd(lift, _mm_mul_pd(w[k], _mm_add_pd(_mm_mul_pd(pair(ra[k], rb[k]), l), s[k])));
         }
     } else {
-        lift = pair(static_cast<double>(in.heights[a]), static_cast<double>(in.heights[b]));
+        // Rounded to single precision by the vector conversions: GCC 12 folds away the rounding of
+        // static_cast<double>(static_cast<float>(x)) when the results are packed into a pair.
+        lift = _mm_cvtps_pd(_mm_cvtpd_ps(pair(in.heights[a], in.heights[b])));
     }
     double lo[2], hi[2];
     for (int x = 0; x < 3; ++x) {
@@ -392,23 +410,23 @@ inline void RelaxTargetPair(const RelaxTables& in, int a, int b, int beginA, int
 
 }  // namespace
 
-void KRelaxationSolver::_relaxPass(const KArray<KDouble3>& prevPoints, KArray<KDouble3>& curPoints, bool scaleSafe,
-                                   int threads) const {
+void KRelaxationSolver::_relaxPass(const KArray<KDouble3>& prevPoints, KArray<KDouble3>& curPoints,
+                                   const float* weights, const double* stiffness, bool scaleSafe, int threads) const {
     const int count = prevPoints.length();
     const KDouble3* p = prevPoints.data();
     KDouble3* cur = curPoints.data();
-    const float* weights = _weights.data();
-    const double* stiffness = _stiffness.data();
-    const int* offsets = _caches.offsets.data();
+    // Every list of a vertex has the length of its sorted list.
+    const int* offsets = _caches.connVrtId.offsets.data();
     const RelaxTables tables = {p,
-                                _caches.connVrtIds.data(),
-                                _caches.nrmOrderIds.data(),
-                                _caches.scalableRatios.data(),
-                                _caches.meanValWeights.data(),
-                                _caches.heightCache.data()};
+                                _caches.connVrtId.values.data(),
+                                _caches.connVrtIdNrmOrder.values.data(),
+                                _caches.bScalable.values.data(),
+                                _caches.meanValueWeight.values.data(),
+                                _caches.b.data()};
+    auto moving = [weights](int i) { return !((weights ? weights[i] : 1.0f) <= 0.001f); };
     // The target of vertex i (false: it stays), and the stiffness blend of a target into cur[i].
     auto target = [&](int i, double t[3]) {
-        if (weights[i] <= 0.001f) return false;
+        if (!moving(i)) return false;
         const int begin = offsets[i];
         const int n = offsets[i + 1] - begin;
         if (n < 1) return false;
@@ -439,7 +457,7 @@ void KRelaxationSolver::_relaxPass(const KArray<KDouble3>& prevPoints, KArray<KD
         cur[i] = p[i];
         if (j < count) cur[j] = p[j];
 #if defined(__SSE2__)
-        if (j < count && weights[i] > 0.001f && weights[j] > 0.001f) {
+        if (j < count && moving(i) && moving(j)) {
             const int n = offsets[i + 1] - offsets[i];
             if (n == offsets[j + 1] - offsets[j] && n >= 3 && n <= 6) {
                 double ti[3], tj[3];

@@ -91,11 +91,10 @@ public:
     KRelaxationResult evaluate(const KRelaxationInput& input);
 
     // The result in object space, one point per geometry index.
-    const KArray<KDouble3>& points() const { return _out; }
+    const KArray<KDouble3>& points() const { return _work[_result]; }
     // The binding of the last bind and the stiffness it set, for the write-backs.
-    const KRelaxationBindingData& binding() const { return _bound; }
+    const KRelaxationBindingData& binding() const { return _lastBindInCaches ? _caches : _rebound; }
     const KArray<double>& stiffness() const { return _stiffness; }
-    const KRelaxationCaches& caches() const { return _caches; }
     bool firstRun() const { return _firstRun; }
     // The passes after which the last evaluation ran collisions.
     const KIntArray& collisionPasses() const { return _collisionPasses; }
@@ -104,17 +103,21 @@ public:
     static bool CollisionDue(int pass, int iterations, int steps);
 
 private:
-    void _relaxPass(const KArray<KDouble3>& prev, KArray<KDouble3>& cur, bool scaleSafe, int threads) const;
+    void _relaxPass(const KArray<KDouble3>& prev, KArray<KDouble3>& cur, const float* weights, const double* stiffness,
+                    bool scaleSafe, int threads) const;
 
     bool _firstRun = true;
-    KRelaxationCaches _caches;
-    KRelaxationBindingData _bound;
-    KArray<double> _stiffness;  // stiffnessCache
-    KArray<KDouble3> _input;    // inputPoints
-    KArray<KDouble3> _prev;     // prevPoints
-    KArray<KDouble3> _cur;      // curPoints
-    KArray<KDouble3> _out;
-    KFloatArray _weights;       // weightCache
+    // What the solve reads: the first evaluation's bind, or the stored binding it loaded.
+    KRelaxationBindingData _caches;
+    // A bind that the solve does not read (a later one, or one stopped by too many neighbours),
+    // held for the write-back.
+    KRelaxationBindingData _rebound;
+    bool _lastBindInCaches = false;
+    KArray<double> _stiffness;  // the stiffness of the last bind
+    // The two working arrays: an evaluation starts with the world-space input in the one that does
+    // not hold the last result, ping-pongs between them and leaves its result in _work[_result].
+    KArray<KDouble3> _work[2];
+    int _result = 0;
     KVectorArray _worldNormals;  // the push directions of this evaluation
     KIntArray _collisionPasses;
     KRelaxationCollisions _collisions;

@@ -273,7 +273,7 @@ bool KSourceFitting::solve() {
 }
 
 void KSourceFitting::findClosestPoints(const KTriMesh& target) {
-    KTriMeshDistTree tree(target, 10, 10);
+    const KTriMeshDistTree tree(target, 10, 10, _threads);
     const int nSV = _points.length();
     _closest.setLength(nSV, false);
     const KVector* src = _points.data();

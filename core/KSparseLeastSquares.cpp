@@ -85,6 +85,10 @@ KSparseLeastSquares::~KSparseLeastSquares() {
 
 long KSparseLeastSquares::libraryObjects() const { return static_cast<long>(_lib->cm.malloc_count); }
 
+size_t KSparseLeastSquares::libraryBytes() const { return _lib->cm.memory_inuse; }
+
+size_t KSparseLeastSquares::libraryPeakBytes() const { return _lib->cm.memory_usage; }
+
 void KSparseLeastSquares::libraryError(int status, const char* file, int line, const char* message) {
     // "Not positive definite" is the library's warning for a singular matrix; the status says so.
     if (status == CHOLMOD_NOT_POSDEF) return;
@@ -120,7 +124,8 @@ KSparseStatus KSparseLeastSquares::analyse(int cols, const KIntArray& rowStart, 
     _threads = threads;
     _rowStart = rowStart;
     _colIndex = colIndex;
-    const int nRows = rows();
+    _rows = rowStart.empty() ? 0 : rowStart.length() - 1;
+    const int nRows = _rows;
     const int nnz = _colIndex.length();
 
     // A by columns; within a column the rows come in increasing order.
@@ -244,8 +249,19 @@ KSparseStatus KSparseLeastSquares::factor(const double* values) {
         s.report = "cholmod error: the normal equations were not analysed\n";
         return s;
     }
+    if (!_lib->normal) {
+        KSparseStatus s;
+        s.code = KSparseStatus::kLibraryError;
+        s.report = "cholmod error: the normal equations were kept for solves only\n";
+        return s;
+    }
     std::copy(values, values + _valueCopy.size(), _valueCopy.begin());
-    for (size_t p = 0; p < _colValue.size(); ++p) _colValue[p] = _valueCopy[_colPos[p]];
+    const int nnz = static_cast<int>(_colValue.size());
+    const double* byRows = _valueCopy.data();
+    const int* position = _colPos.data();
+    double* byColumns = _colValue.data();
+#pragma omp parallel for schedule(static) num_threads(TeamFor(_threads, nnz))
+    for (int p = 0; p < nnz; ++p) byColumns[p] = byRows[position[p]];
     _formNormalMatrix();
     cholmod_common* cm = &_lib->cm;
     const int ok = cholmod_factorize(_lib->normal, _lib->factor, cm);
@@ -269,7 +285,7 @@ KSparseStatus KSparseLeastSquares::factor(const double* values) {
 void KSparseLeastSquares::multiplyTransposed(const double* b, int nrhs, double* atb) const {
     // A product is a few operations per entry: a thread takes at least 65,536 entries.
     // Decision (behaviour note "Deformation transfer: light per-pose loops stay on one thread").
-    const int team = TeamFor(_threads, _colIndex.length(), 65536);
+    const int team = TeamFor(_threads, static_cast<int>(_colValue.size()), 65536);
     const size_t nRows = static_cast<size_t>(rows());
     const int* cs = _colStart.data();
     const int* cr = _colRow.data();
@@ -305,6 +321,16 @@ void KSparseLeastSquares::multiplyTransposed(const double* b, int nrhs, double* 
             atb[c * stride + j] = s;
         }
     }
+}
+
+void KSparseLeastSquares::keepSolvesOnly() {
+    ActiveScope scope(this);
+    cholmod_free_sparse(&_lib->normal, &_lib->cm);
+    KIntArray().swap(_rowStart);
+    KIntArray().swap(_colIndex);
+    KIntArray().swap(_colPos);
+    std::vector<double>().swap(_valueCopy);
+    std::vector<std::vector<double>>().swap(_work);
 }
 
 KSparseStatus KSparseLeastSquares::solveNormal(const double* atb, int nrhs, double* x) {

@@ -54,6 +54,11 @@ public:
     // Factors A^T A for the values of A, one per pattern entry (in colIndex order).
     KSparseStatus factor(const double* values);
 
+    // Frees what only factor() needs (A by rows, the normal matrix, its assembly's work space),
+    // for a factor kept for solves alone: multiplyTransposed, solveNormal and solve go on working
+    // with the last factorisation; factor() fails until the next analyse().
+    void keepSolvesOnly();
+
     // A^T B for nrhs right-hand sides (B: rows() x nrhs, column-major; result cols() x nrhs), with
     // the values of the last factor().
     void multiplyTransposed(const double* b, int nrhs, double* atb) const;
@@ -64,12 +69,16 @@ public:
     // X minimising |A X - B|: multiplyTransposed, then solveNormal.
     KSparseStatus solve(const double* b, int nrhs, double* x);
 
-    int rows() const { return _rowStart.empty() ? 0 : _rowStart.length() - 1; }
+    int rows() const { return _rows; }
     int cols() const { return _cols; }
     bool factored() const { return _factored; }
 
     // Memory blocks the sparse-library context holds (a leak check for tests).
     long libraryObjects() const;
+    // Bytes the sparse-library context holds now, and the most it has held (its own allocations,
+    // which do not go through operator new).
+    size_t libraryBytes() const;
+    size_t libraryPeakBytes() const;
 
     // Called by the sparse library's error handler on the thread of the running call.
     void libraryError(int status, const char* file, int line, const char* message);
@@ -81,6 +90,7 @@ private:
 
     std::unique_ptr<Library> _lib;
     int _cols = 0;
+    int _rows = 0;
     int _threads = 0;
     bool _factored = false;
     // A by rows (the caller's pattern) and by columns (row and value position per entry).

@@ -29,6 +29,14 @@ public:
     // fit, a triangle spans no frame, or the system is singular; the object is then empty.
     bool build(const KTriMesh& restSource, const KTriMesh& target, const KInt4Array& triCorres, int threads);
 
+    // The target's part of build() made beforehand: the anchors, the system's matrix and its
+    // factorisation depend on the target alone when every triangle gives one block (every pairing
+    // KTrianglePairing makes), so this may run beside the correspondence search. The next build()
+    // with the same target and such a pairing adds only the source's part and reports what went
+    // wrong here in its usual order; any other build() ignores it. False when the target could not
+    // be factored (or its triangles name missing vertices: nothing is made then).
+    bool prepareTarget(const KTriMesh& target, int threads);
+
     // Solves for the source pose (points of the rest source's vertices) and writes one point per
     // target vertex. target is this evaluation's target, which must still be the one built for.
     bool solve(const KVectorArray& posedSource, const KTriMesh& target, KVectorArray& targetPoints);
@@ -44,10 +52,23 @@ public:
     const std::string& failure() const { return _failure; }
     const std::string& libraryReport() const { return _report; }
     long libraryObjects() const { return _ls.libraryObjects(); }
+    // Bytes the sparse library holds for the factored system, and the most it held while building.
+    size_t libraryBytes() const { return _ls.libraryBytes(); }
+    size_t libraryPeakBytes() const { return _ls.libraryPeakBytes(); }
 
 private:
     bool _fail(const std::string& message);
     bool _sparseFailed(const KSparseStatus& status);
+    // Whether a triangle spans no frame (the failure is then set).
+    bool _unusable(const char* mesh, const KVector* p, const KInt3& t, int index);
+    bool _targetUnusable(const KTriMesh& target);
+    // The target's part: anchors, rows (one block per triangle without a pairing), the matrix and
+    // its factorisation.
+    bool _factorTarget(const KTriMesh& target, const KInt4Array* triCorres, int threads);
+
+    enum Prepared { kNotPrepared, kFactored, kUnusableTarget, kSingularTarget };
+    Prepared _prepared = kNotPrepared;
+    KInt3Array _preparedTriangles;  // the triangles prepareTarget() was given, until build()
 
     bool _built = false;
     int _threads = 0;
@@ -59,7 +80,12 @@ private:
     KIntArray _column;   // per target vertex; -1 for an anchor
     KIntArray _anchors;
     KIntArray _firstRow;  // per target triangle, its first scalar row
-    std::vector<double> _anchorRhs;  // the anchors' share of each row, moved to the right-hand side
+    // The anchors' share of a row, moved to the right-hand side; rows in increasing order.
+    struct AnchorRow {
+        int row;
+        double value[3];
+    };
+    std::vector<AnchorRow> _anchorRows;
     std::vector<double> _rhs, _atb, _x;
     KSparseLeastSquares _ls{KSparseLeastSquares::kSimplicial};
     std::string _failure, _report;

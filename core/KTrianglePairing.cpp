@@ -61,37 +61,41 @@ bool PairTriangles(const KTriMesh& fittedSource, const KTriMesh& target, short c
     const KVector* tc = trgCenters.data();
     KInt4* corres = triCorres.data();
     const bool same = calcMode == 1;
-#pragma omp parallel for schedule(static) num_threads(ResolveThreads(threads))
-    for (int i = 0; i < nTT; ++i) {
+#pragma omp parallel num_threads(ResolveThreads(threads))
+    {
+        // The search's results, kept by the thread from one triangle to the next.
         KIntArray ids;
         KFloatArray distances;
-        // Guard (behaviour note "Deformation transfer: pairing search without a hit").
-        centers.findNPoints(tc[i], 1, radius, ids, distances);
-        const KVector nT = Normal(tp[tt[i][0]], tp[tt[i][1]], tp[tt[i][2]], true);
-        int first = -1;
-        for (int j = 0; j < ids.length() && first < 0; ++j) {
-            // Both modes compare against the nearest centre's triangle; "Same Topology" then
-            // pairs the target's own index.
-            const KInt3& s = st[ids[j]];
-            const KVector a = sp[s[0]];
-            const KVector e1 = sp[s[1]] - a;
-            const KVector e2 = sp[s[2]] - a;
-            KVector nS = e1.cross(e2);
-            nS *= FastInvSqrt(nS.x * nS.x + nS.y * nS.y + nS.z * nS.z + 1e-30f);
-            if (AngleDegrees(nT, nS) <= 90.0f) first = ids[j];
-        }
-        if (same) {
-            if (first < 0) {
-                corres[i][3] += 1;
+#pragma omp for schedule(static)
+        for (int i = 0; i < nTT; ++i) {
+            // Guard (behaviour note "Deformation transfer: pairing search without a hit").
+            centers.findNPoints(tc[i], 1, radius, ids, distances);
+            const KVector nT = Normal(tp[tt[i][0]], tp[tt[i][1]], tp[tt[i][2]], true);
+            int first = -1;
+            for (int j = 0; j < ids.length() && first < 0; ++j) {
+                // Both modes compare against the nearest centre's triangle; "Same Topology" then
+                // pairs the target's own index.
+                const KInt3& s = st[ids[j]];
+                const KVector a = sp[s[0]];
+                const KVector e1 = sp[s[1]] - a;
+                const KVector e2 = sp[s[2]] - a;
+                KVector nS = e1.cross(e2);
+                nS *= FastInvSqrt(nS.x * nS.x + nS.y * nS.y + nS.z * nS.z + 1e-30f);
+                if (AngleDegrees(nT, nS) <= 90.0f) first = ids[j];
+            }
+            if (same) {
+                if (first < 0) {
+                    corres[i][3] += 1;
+                } else {
+                    corres[i][0] = i;
+                    corres[i][3] = 1;
+                }
+            } else if (first < 0) {
+                corres[i][3] = 0;
             } else {
-                corres[i][0] = i;
+                corres[i][0] = first;
                 corres[i][3] = 1;
             }
-        } else if (first < 0) {
-            corres[i][3] = 0;
-        } else {
-            corres[i][0] = first;
-            corres[i][3] = 1;
         }
     }
     return true;

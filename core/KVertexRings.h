@@ -11,6 +11,8 @@ namespace Kavrin {
 // that the ring normal of KRingNormal.h points to the side the faces face. A border vertex starts
 // at its border edge; neighbours that no fan of faces reaches (non-manifold vertices) follow in
 // the order the faces first reach them. The faces must be valid for the mesh (KPolyMesh::valid).
-void VertexRings(const KPolyMesh& mesh, KVertexNeighbours& rings);
+// threads: team size of the loops over the vertices (0: the OpenMP default); the rings do not
+// depend on it.
+void VertexRings(const KPolyMesh& mesh, KVertexNeighbours& rings, int threads = 1);
 
 }  // namespace Kavrin

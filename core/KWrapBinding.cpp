@@ -78,7 +78,7 @@ KOutcome KWrapBinding::_bind(const KTriMesh& driver, const KWrapBindingInput& in
     // Decision (behaviour note "Wrap: the tree is built only to bind"). The tree and the new
     // binding live only as long as the bind: the binding is taken over when every point has
     // found its triangle.
-    const KTriMeshDistTree tree(driver, 10, 10);
+    const KTriMeshDistTree tree(driver, 10, 10, in.threads);
     // Guard (behaviour note "Wrap: a driver without triangles")
     if (tree.empty()) return KOutcome::Failed(kWrapDriverNoTriangles);
 
@@ -91,17 +91,24 @@ KOutcome KWrapBinding::_bind(const KTriMesh& driver, const KWrapBindingInput& in
     const KVector* P = driver.points.data();
     const KInt3* T = driver.triangles.data();
     // Decision (behaviour note "Wrap: parallel loops").
-#pragma omp parallel for schedule(static) num_threads(TeamFor(in.threads, count, kQueriesPerThread))
-    for (int i = 0; i < count; ++i) {
-        const KVector x = WorldPoint(points + 4 * static_cast<size_t>(i), in.localToWorld);
-        int t = -1;
-        float u = 0.0f, v = 0.0f;
-        tree.getClosestPoint(x, t, u, v, kBindSearchRadius);
-        triangles[i] = t;
-        if (t < 0) continue;
-        // Decision (behaviour note "Wrap: the offset is measured from the plane projection")
-        const KInt3& c = T[t];
-        offsets[i] = x - PlaneProjection(P[c[0]], P[c[1]], P[c[2]], x);
+#pragma omp parallel num_threads(TeamFor(in.threads, count, kQueriesPerThread))
+    {
+        // The triangle found for the thread's previous point: the hint of the next search, which
+        // then starts with a tight bound (the answer does not depend on it).
+        int previous = -1;
+#pragma omp for schedule(static)
+        for (int i = 0; i < count; ++i) {
+            const KVector x = WorldPoint(points + 4 * static_cast<size_t>(i), in.localToWorld);
+            int t = -1;
+            float u = 0.0f, v = 0.0f;
+            tree.getClosestPoint(x, t, u, v, kBindSearchRadius, previous);
+            triangles[i] = t;
+            if (t < 0) continue;
+            previous = t;
+            // Decision (behaviour note "Wrap: the offset is measured from the plane projection")
+            const KInt3& c = T[t];
+            offsets[i] = x - PlaneProjection(P[c[0]], P[c[1]], P[c[2]], x);
+        }
     }
 
     // Guard (behaviour note "Wrap: points the bind cannot place")

@@ -65,15 +65,13 @@ public:
         std::vector<int> neighbours, ring;
         std::vector<double> heights(static_cast<size_t>(nv), 0.0), ratios, weights;
         for (int v = 0; v < nv; ++v) {
-            const size_t i = static_cast<size_t>(v);
-            const bool has = i < d.connVrtId.size();
-            counts.mutable_at(v) = has ? static_cast<int>(d.connVrtId[i].size()) : 0;
-            if (i < d.b.size()) heights[i] = d.b[i];
-            if (!has) continue;
-            neighbours.insert(neighbours.end(), d.connVrtId[i].begin(), d.connVrtId[i].end());
-            ring.insert(ring.end(), d.connVrtIdNrmOrder[i].begin(), d.connVrtIdNrmOrder[i].end());
-            ratios.insert(ratios.end(), d.bScalable[i].begin(), d.bScalable[i].end());
-            weights.insert(weights.end(), d.meanValueWeight[i].begin(), d.meanValueWeight[i].end());
+            // Lists past the stored ones read as empty, heights past them as 0.
+            counts.mutable_at(v) = d.connVrtId.count(v);
+            if (v < d.b.length()) heights[static_cast<size_t>(v)] = d.b[v];
+            neighbours.insert(neighbours.end(), d.connVrtId.begin(v), d.connVrtId.end(v));
+            ring.insert(ring.end(), d.connVrtIdNrmOrder.begin(v), d.connVrtIdNrmOrder.end(v));
+            ratios.insert(ratios.end(), d.bScalable.begin(v), d.bScalable.end(v));
+            weights.insert(weights.end(), d.meanValueWeight.begin(v), d.meanValueWeight.end(v));
         }
         py::dict b = NewBinding("relax");
         b["counts"] = counts;
@@ -122,13 +120,13 @@ private:
         KRelaxationBindingData d;
         size_t at = 0;
         for (int v = 0; v < nv; ++v) {
-            const size_t n = static_cast<size_t>(counts.at(v));
-            d.connVrtId.emplace_back(neighbours.data() + at, neighbours.data() + at + n);
-            d.connVrtIdNrmOrder.emplace_back(ring.data() + at, ring.data() + at + n);
-            d.bScalable.emplace_back(ratios.data() + at, ratios.data() + at + n);
-            d.meanValueWeight.emplace_back(weights.data() + at, weights.data() + at + n);
+            const int n = counts.at(v);
+            d.connVrtId.append(neighbours.data() + at, n);
+            d.connVrtIdNrmOrder.append(ring.data() + at, n);
+            d.bScalable.append(ratios.data() + at, n);
+            d.meanValueWeight.append(weights.data() + at, n);
             d.b.push_back(heights.at(v));
-            at += n;
+            at += static_cast<size_t>(n);
         }
         return d;
     }

@@ -29,11 +29,13 @@ void ReadChild(MArrayDataHandle& list, const MObject& child, std::vector<T>& val
     }
 }
 
-// Reads element v (logical) of a compound array of arrays into lists[v] for v < count.
+// Reads element v (logical) of a compound array of arrays into list v of out for v < count.
 template <typename T, typename Get>
 void ReadLists(MDataBlock& block, const MObject& list, const MObject& child, int count,
-               std::vector<std::vector<T> >& lists, Get get) {
-    lists.assign(static_cast<size_t>(count > 0 ? count : 0), std::vector<T>());
+               Kavrin::KRelaxationLists<T>& out, Get get) {
+    // The elements come by physical index: gathered per vertex first, then packed.
+    std::vector<std::vector<T> > lists(static_cast<size_t>(count > 0 ? count : 0));
+    out.assign(lists);
     MStatus status;
     MArrayDataHandle handle = block.inputArrayValue(list, &status);
     if (!status) return;
@@ -44,25 +46,28 @@ void ReadLists(MDataBlock& block, const MObject& list, const MObject& child, int
         if (v >= lists.size()) continue;
         ReadChild(handle, child, lists[v], get);
     }
+    out.assign(lists);
 }
 
 // Decision (behaviour note "Relaxation: list writes through builders").
 template <typename T, typename Set>
-void WriteLists(MDataBlock& block, const MObject& list, const MObject& child, const std::vector<std::vector<T> >& lists,
+void WriteLists(MDataBlock& block, const MObject& list, const MObject& child, const Kavrin::KRelaxationLists<T>& lists,
                 Set set) {
     MStatus status;
     MArrayDataHandle handle = block.outputArrayValue(list, &status);
     if (!status) return;
     MArrayDataBuilder builder(&block, list, static_cast<unsigned int>(lists.size()), &status);
     if (!status) return;
-    for (size_t v = 0; v < lists.size(); ++v) {
+    for (int v = 0; v < lists.size(); ++v) {
         MDataHandle element = builder.addElement(static_cast<unsigned int>(v), &status);
         if (!status) continue;
         MArrayDataHandle array(element.child(child), &status);
         if (!status) continue;
-        MArrayDataBuilder values(&block, child, static_cast<unsigned int>(lists[v].size()), &status);
+        const int n = lists.count(v);
+        MArrayDataBuilder values(&block, child, static_cast<unsigned int>(n), &status);
         if (!status) continue;
-        for (size_t k = 0; k < lists[v].size(); ++k) set(values.addElement(static_cast<unsigned int>(k)), lists[v][k]);
+        const T* list = lists.begin(v);
+        for (int k = 0; k < n; ++k) set(values.addElement(static_cast<unsigned int>(k)), list[k]);
         array.set(values);
     }
     handle.set(builder);
@@ -80,7 +85,7 @@ void ReadBinding(MDataBlock& block, int count, Kavrin::KRelaxationBindingData& b
     ReadLists(block, Node::bScalableListObj, Node::bScalableObj, count, binding.bScalable, asDouble);
     ReadLists(block, Node::meanValWgtListObj, Node::meanValWgtObj, count, binding.meanValueWeight, asDouble);
 
-    binding.b.assign(static_cast<size_t>(count > 0 ? count : 0), 0.0);
+    binding.b.setLengthWithValue(count, 0.0);
     MStatus status;
     MArrayDataHandle b = block.inputArrayValue(Node::bObj, &status);
     if (!status) return;
@@ -105,7 +110,7 @@ void WriteBinding(MDataBlock& block, const Kavrin::KRelaxationBindingData& bindi
     if (!status) return;
     MArrayDataBuilder builder(&block, Node::bObj, static_cast<unsigned int>(binding.b.size()), &status);
     if (!status) return;
-    for (size_t v = 0; v < binding.b.size(); ++v) builder.addElement(static_cast<unsigned int>(v)).setDouble(binding.b[v]);
+    for (int v = 0; v < binding.b.length(); ++v) builder.addElement(static_cast<unsigned int>(v)).setDouble(binding.b[v]);
     b.set(builder);
     b.setAllClean();
 }

@@ -28,7 +28,7 @@ RelaxRun::RelaxRun(const KPolyMesh& rest, const KRelaxationBindingData& binding,
 }
 
 void RelaxRun::_start(const KPolyMesh& rest) {
-    VertexRings(rest, _rings);
+    VertexRings(rest, _rings, _threads);
     Widen(rest.points, _points);
     KRelaxationInput in;
     in.points = _points.data();

@@ -16,6 +16,15 @@ using namespace Kavrin::relaxtest;
 
 namespace {
 
+// Changes list v of a stored binding's lists.
+template <typename T, typename F>
+void Edit(KRelaxationLists<T>& lists, int v, F edit) {
+    std::vector<std::vector<T> > nested;
+    for (int u = 0; u < lists.size(); ++u) nested.push_back(lists.list(u));
+    edit(nested[static_cast<size_t>(v)]);
+    lists.assign(nested);
+}
+
 KRelaxationBindingData Bind(const KPolyMesh& mesh, KOutcome* outcome = nullptr) {
     KVertexNeighbours rings;
     VertexRings(mesh, rings);
@@ -66,14 +75,14 @@ TEST(RelaxationBinding, GridVertexAndPyramidApexAreHandWorked) {
     EXPECT_EQ(N[2], 1.0) << "faces wound counter-clockwise from +z: the ring normal points up";
 
     const KRelaxationBindingData data = Bind(grid);
-    ASSERT_EQ(data.connVrtId.size(), 25u);
-    for (double w : data.meanValueWeight[centre]) EXPECT_NEAR(w, 0.25, 1e-7) << "up to the float angle constants";
+    ASSERT_EQ(data.connVrtId.size(), 25);
+    for (double w : data.meanValueWeight.list(centre)) EXPECT_NEAR(w, 0.25, 1e-7) << "up to the float angle constants";
     EXPECT_EQ(data.b[centre], 0.0);
-    for (double r : data.bScalable[centre]) EXPECT_EQ(r, 0.0);
+    for (double r : data.bScalable.list(centre)) EXPECT_EQ(r, 0.0);
     // The sorted list turns counter-clockwise (+x, +y, -x, -y) from the first host neighbour.
     std::vector<int> ccw{13, 17, 11, 7};
     std::rotate(ccw.begin(), std::find(ccw.begin(), ccw.end(), rings.begin(centre)[0]), ccw.end());
-    EXPECT_EQ(data.connVrtId[centre], ccw);
+    EXPECT_EQ(data.connVrtId.list(centre), ccw);
 
     // A pyramid away from the origin: apex 0.5 above four rim vertices at distance 1, height 0.5,
     // every edge's cotangent against the normal 0.5 / 1. Pointing the apex down flips both signs.
@@ -82,8 +91,8 @@ TEST(RelaxationBinding, GridVertexAndPyramidApexAreHandWorked) {
         for (KVector& p : pyramid.points) p += KVector(1, 2, 3);
         const KRelaxationBindingData apex = Bind(pyramid);
         EXPECT_NEAR(apex.b[0], h, 1e-6);
-        for (double r : apex.bScalable[0]) EXPECT_NEAR(r, h, 1e-6);
-        for (double w : apex.meanValueWeight[0]) EXPECT_NEAR(w, 0.25, 1e-7);
+        for (double r : apex.bScalable.list(0)) EXPECT_NEAR(r, h, 1e-6);
+        for (double w : apex.meanValueWeight.list(0)) EXPECT_NEAR(w, 0.25, 1e-7);
     }
 }
 
@@ -101,23 +110,23 @@ TEST(RelaxationBinding, WeightsSumToOneAndTheXNeighbourHasAngleZeroOnCurvedMeshe
                       1)
                 << "vertex " << i;
         }
-        for (const std::vector<double>& w : Bind(mesh).meanValueWeight)
-            EXPECT_NEAR(std::accumulate(w.begin(), w.end(), 0.0), 1.0, 1e-9);
+        const KRelaxationLists<double> weights = Bind(mesh).meanValueWeight;
+        for (int v = 0; v < weights.size(); ++v) EXPECT_NEAR(std::accumulate(weights.begin(v), weights.end(v), 0.0), 1.0, 1e-9);
     }
 }
 
 TEST(RelaxationBinding, NeighbourLimitStopsAfterTheListsWereWritten) {
     KOutcome outcome;
-    EXPECT_EQ(Bind(Fan(128), &outcome).meanValueWeight[0].size(), 128u);
+    EXPECT_EQ(Bind(Fan(128), &outcome).meanValueWeight.count(0), 128);
     EXPECT_TRUE(outcome.deformed());
 
     const KRelaxationBindingData stopped = Bind(Fan(129), &outcome);
     ASSERT_TRUE(outcome.failed());
     EXPECT_EQ(outcome.message, "Only supports meshes with 32 or fewer connected vertices per vertex\"");
-    ASSERT_EQ(stopped.connVrtId.size(), 1u);
-    EXPECT_EQ(stopped.connVrtId[0].size(), 129u);
-    EXPECT_EQ(stopped.connVrtIdNrmOrder[0].size(), 129u);
-    EXPECT_TRUE(stopped.b.empty() && stopped.meanValueWeight.empty() && stopped.bScalable.empty());
+    ASSERT_EQ(stopped.connVrtId.size(), 1);
+    EXPECT_EQ(stopped.connVrtId.count(0), 129);
+    EXPECT_EQ(stopped.connVrtIdNrmOrder.count(0), 129);
+    EXPECT_TRUE(stopped.b.empty() && stopped.meanValueWeight.size() == 0 && stopped.bScalable.size() == 0);
 }
 
 TEST(RelaxationBinding, IsolatedVertexAndBadRings) {
@@ -126,7 +135,7 @@ TEST(RelaxationBinding, IsolatedVertexAndBadRings) {
     KOutcome outcome;
     const KRelaxationBindingData data = Bind(mesh, &outcome);
     ASSERT_TRUE(outcome.deformed());
-    EXPECT_TRUE(data.connVrtId[9].empty());
+    EXPECT_EQ(data.connVrtId.count(9), 0);
     EXPECT_EQ(data.b[9], 0.0);
 
     KVertexNeighbours rings;
@@ -134,48 +143,57 @@ TEST(RelaxationBinding, IsolatedVertexAndBadRings) {
     const KArray<KDouble3> points = Widen(FlatGrid(2).points);
     KRelaxationBindingData untouched = data;
     EXPECT_EQ(BindRelaxation(points.data(), 2, rings, untouched).message, kRelaxBindBadRings);
-    EXPECT_EQ(untouched.connVrtId, data.connVrtId) << "a guard writes nothing";
+    EXPECT_EQ(untouched.connVrtId.values, data.connVrtId.values) << "a guard writes nothing";
+    // No vertices, no neighbour lists: an empty binding.
+    EXPECT_TRUE(BindRelaxation(nullptr, 0, KVertexNeighbours(), untouched).deformed());
+    EXPECT_TRUE(untouched.connVrtId.size() == 0 && untouched.b.empty());
 }
 
 TEST(RelaxationBinding, LoaderChecksListLengthsInOrderAndKeepsCachesOnFailure) {
     const KRelaxationBindingData good = Bind(FlatGrid(3));
-    KRelaxationCaches caches;
+    KRelaxationBindingData caches;
     ASSERT_TRUE(LoadRelaxationCaches(good, 9, caches).deformed());
-    EXPECT_EQ(caches.offsets[9], 24);
+    EXPECT_EQ(caches.connVrtId.offsets[9], 24);
     EXPECT_TRUE(caches.fits(9) && !caches.fits(8) && !caches.fits(10)) << "neighbour 8 is not a vertex of an 8-vertex mesh";
 
     const struct {
         void (*spoil)(KRelaxationBindingData&);
         const char* message;
     } cases[] = {
-        {[](KRelaxationBindingData& d) { d.connVrtIdNrmOrder[4].pop_back(); }, "Failed to get connVrtNrmOrder."},
-        {[](KRelaxationBindingData& d) { d.bScalable[4].push_back(0.0); }, "Failed to get bScalable."},
-        {[](KRelaxationBindingData& d) { d.meanValueWeight[8].clear(); }, "Failed to get meanValWgt."},
-        // The order list is checked before the others.
-        {[](KRelaxationBindingData& d) { d.meanValueWeight[2].clear(), d.connVrtIdNrmOrder[2].clear(); },
+        {[](KRelaxationBindingData& d) { Edit(d.connVrtIdNrmOrder, 4, [](auto& l) { l.pop_back(); }); },
          "Failed to get connVrtNrmOrder."},
-        {[](KRelaxationBindingData& d) { d.connVrtId[1][0] = -1; }, kRelaxLoadBadIds},
+        {[](KRelaxationBindingData& d) { Edit(d.bScalable, 4, [](auto& l) { l.push_back(0.0); }); }, "Failed to get bScalable."},
+        {[](KRelaxationBindingData& d) { Edit(d.meanValueWeight, 8, [](auto& l) { l.clear(); }); }, "Failed to get meanValWgt."},
+        // The order list is checked before the others.
         {[](KRelaxationBindingData& d) {
-             d.connVrtId[0].assign(129, 1), d.connVrtIdNrmOrder[0].assign(129, 1);
-             d.bScalable[0].assign(129, 0.0), d.meanValueWeight[0].assign(129, 0.0);
+             Edit(d.meanValueWeight, 2, [](auto& l) { l.clear(); });
+             Edit(d.connVrtIdNrmOrder, 2, [](auto& l) { l.clear(); });
+         },
+         "Failed to get connVrtNrmOrder."},
+        {[](KRelaxationBindingData& d) { Edit(d.connVrtId, 1, [](auto& l) { l[0] = -1; }); }, kRelaxLoadBadIds},
+        {[](KRelaxationBindingData& d) {
+             Edit(d.connVrtId, 0, [](auto& l) { l.assign(129, 1); });
+             Edit(d.connVrtIdNrmOrder, 0, [](auto& l) { l.assign(129, 1); });
+             Edit(d.bScalable, 0, [](auto& l) { l.assign(129, 0.0); });
+             Edit(d.meanValueWeight, 0, [](auto& l) { l.assign(129, 0.0); });
          },
          kRelaxLoadTooLong},
     };
     for (const auto& c : cases) {
         KRelaxationBindingData spoilt = good;
         c.spoil(spoilt);
-        const KRelaxationCaches before = caches;
+        const KRelaxationBindingData before = caches;
         EXPECT_EQ(LoadRelaxationCaches(spoilt, 9, caches).message, c.message);
-        EXPECT_EQ(caches.connVrtIds, before.connVrtIds);
+        EXPECT_EQ(caches.connVrtId.values, before.connVrtId.values);
     }
     // Lists missing at the end read as empty, a missing height as 0.
     KRelaxationBindingData shorter = good;
-    for (auto* lists : {&shorter.connVrtId, &shorter.connVrtIdNrmOrder}) lists->resize(8);
-    for (auto* lists : {&shorter.bScalable, &shorter.meanValueWeight}) lists->resize(8);
+    for (auto* lists : {&shorter.connVrtId, &shorter.connVrtIdNrmOrder}) lists->offsets.resize(9);
+    for (auto* lists : {&shorter.bScalable, &shorter.meanValueWeight}) lists->offsets.resize(9);
     shorter.b.resize(7);
     ASSERT_TRUE(LoadRelaxationCaches(shorter, 9, caches).deformed());
-    EXPECT_EQ(caches.offsets[9], caches.offsets[8]);
-    EXPECT_EQ(caches.heightCache[8], 0.0f);
+    EXPECT_EQ(caches.connVrtId.offsets[9], caches.connVrtId.offsets[8]);
+    EXPECT_EQ(caches.b[8], 0.0);
 }
 
 TEST(RelaxationBinding, CommandLineRingsRunAroundTheVertexWithOutwardNormals) {

@@ -80,6 +80,18 @@ TEST(SparseLeastSquares, SolvesLikeTheDenseNormalEquationsAndRefactors) {
     ASSERT_TRUE(ls.solve(p.b.data(), 2, x.data()).ok());
     EXPECT_EQ(ls.libraryObjects(), after);
     EXPECT_GE(after, held);
+
+    // Kept for solves only: the same bits from a smaller context, and no factor until analysed again.
+    ls.keepSolvesOnly();
+    EXPECT_LT(ls.libraryObjects(), after);
+    std::vector<double> kept(2 * p.cols);
+    ASSERT_TRUE(ls.solve(p.b.data(), 2, kept.data()).ok());
+    EXPECT_EQ(kept, x);
+    const KSparseStatus refused = ls.factor(p.values.data());
+    EXPECT_EQ(refused.code, KSparseStatus::kLibraryError);
+    EXPECT_EQ(refused.report, "cholmod error: the normal equations were kept for solves only\n");
+    ASSERT_TRUE(ls.analyse(p.cols, p.rowStart, p.colIndex, 2).ok());
+    EXPECT_TRUE(ls.factor(p.values.data()).ok());
 }
 
 TEST(SparseLeastSquares, ReportsTheColumnWhereASingularSystemBreaksDown) {

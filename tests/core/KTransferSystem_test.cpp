@@ -130,14 +130,17 @@ TEST(TransferSystem, RefusedBuildsAndSolvesSayWhy) {
              ", " + std::to_string(t0[2]) +
              ") is too large to compute with (its edges' cross product overflows single precision), so the transfer "
              "system cannot be formed" + kNotBuilt}};
-    for (const auto& c : cases) {
-        KTransferSystem system;
-        EXPECT_FALSE(system.build(source, *c.target, c.pairing, 1));
-        EXPECT_EQ(system.failure(), c.failure);
-        EXPECT_FALSE(system.built());
-        KVectorArray out;
-        EXPECT_FALSE(system.solve(source.points, *c.target, out));
-    }
+    // The same whether the target's part was prepared beforehand or not.
+    for (const auto& c : cases)
+        for (bool prepared : {false, true}) {
+            KTransferSystem system;
+            if (prepared) system.prepareTarget(*c.target, 2);
+            EXPECT_FALSE(system.build(source, *c.target, c.pairing, 1));
+            EXPECT_EQ(system.failure(), c.failure) << "prepared " << prepared;
+            EXPECT_FALSE(system.built());
+            KVectorArray out;
+            EXPECT_FALSE(system.solve(source.points, *c.target, out));
+        }
     // A target that changed since the build.
     KTransferSystem system;
     ASSERT_TRUE(system.build(source, target, none, 1));
