@@ -14,6 +14,7 @@ packages=(
   python3-dev python3-numpy pybind11-dev python3-pytest python3-distributed
   blender
   debootstrap
+  time
 )
 
 missing=()
