@@ -5,6 +5,14 @@
 #include <omp.h>
 #endif
 
+// An OpenMP directive in code that is also built without OpenMP (the readers' fuzzing builds), where
+// a bare #pragma omp would be an unknown pragma.
+#ifdef _OPENMP
+#define KAVRIN_OMP(directive) _Pragma(#directive)
+#else
+#define KAVRIN_OMP(directive)
+#endif
+
 namespace Kavrin {
 
 // The team size for a parallel loop: the requested count, or the OpenMP default when the

@@ -12,12 +12,6 @@
 #include "KThreads.h"
 #include "TextFields.h"
 
-#ifdef _OPENMP
-#define KAVRIN_OMP(directive) _Pragma(#directive)
-#else
-#define KAVRIN_OMP(directive)
-#endif
-
 namespace Kavrin {
 
 namespace {

@@ -14,12 +14,6 @@
 #include "ObjCommonReader.h"
 #include "TextFields.h"
 
-#ifdef _OPENMP
-#define KAVRIN_OMP(directive) _Pragma(#directive)
-#else
-#define KAVRIN_OMP(directive)
-#endif
-
 namespace Kavrin {
 
 namespace {
