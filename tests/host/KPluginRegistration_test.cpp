@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -165,11 +164,18 @@ TEST(PluginRegistration, StepsWithoutAClassAreSkippedBothWays) {
     EXPECT_TRUE(LoadPlugin(host));
     EXPECT_TRUE(UnloadPlugin(host));
     // Every call but those of the missing types, in order.
-    const std::regex skipped("register (KDTPoint|override .*|KWrapMeshDeformer|context .*)$");
+    // (Register and deregister calls alike.)
+    const auto skipped = [](const std::string& c) {
+        const auto endsWith = [&c](const std::string& tail) {
+            return c.size() >= tail.size() && c.compare(c.size() - tail.size(), tail.size(), tail) == 0;
+        };
+        return endsWith("register KDTPoint") || endsWith("register KWrapMeshDeformer") ||
+               c.find("register override ") != std::string::npos || c.find("register context ") != std::string::npos;
+    };
     std::vector<std::string> expected;
     for (const std::vector<std::string>* calls : {&kLoadCalls, &kUnloadCalls})
         std::copy_if(calls->begin(), calls->end(), std::back_inserter(expected),
-                     [&](const std::string& c) { return !std::regex_search(c, skipped); });
+                     [&](const std::string& c) { return !skipped(c); });
     EXPECT_EQ(host.calls, expected);
 }
 
