@@ -25,10 +25,11 @@ Image ReadPicture(const std::string& path) {
     Image image;
     auto in = OIIO::ImageInput::open(path);
     if (!in) return image;
-    image.width = in->spec().width;
-    image.height = in->spec().height;
+    const OIIO::ImageSpec header = in->spec_dimensions(0);
+    image.width = header.width;
+    image.height = header.height;
     image.rgb.resize(static_cast<size_t>(image.width) * image.height * 3);
-    if (in->spec().nchannels != 3 || !in->read_image(0, 0, 0, 3, OIIO::TypeDesc::UINT8, image.rgb.data()))
+    if (header.nchannels != 3 || !in->read_image(0, 0, 0, 3, OIIO::TypeDesc::UINT8, image.rgb.data()))
         image.width = image.height = 0;
     return image;
 }

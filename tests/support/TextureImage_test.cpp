@@ -74,10 +74,10 @@ TEST(TextureImage, ReadsTheRedChannelOfEveryFormatTopRowFirstAndWritesImages) {
     // reader that multiplies by alpha, as PNG readers do by default, gives 0, 0.5 and 1).
     {
         const unsigned char rgba[12] = {255, 0, 0, 0, 255, 0, 0, 128, 255, 0, 0, 255};
-        OIIO::ImageSpec spec(3, 1, 4, OIIO::TypeDesc::UINT8);
-        spec.attribute("oiio:UnassociatedAlpha", 1);  // stored exactly as given
+        OIIO::ImageSpec header(3, 1, 4, OIIO::TypeDesc::UINT8);
+        header.attribute("oiio:UnassociatedAlpha", 1);  // stored exactly as given
         auto out = OIIO::ImageOutput::create(dir.file("alpha.png"));
-        ASSERT_TRUE(out && out->open(dir.file("alpha.png"), spec) &&
+        ASSERT_TRUE(out && out->open(dir.file("alpha.png"), header) &&
                     out->write_image(OIIO::TypeDesc::UINT8, rgba) && out->close());
         const KTextureImage alpha = ReadTextureRed(dir.file("alpha.png"));
         for (int x = 0; x < 3; ++x) EXPECT_EQ(alpha.texel(x, 0), 1.0f) << "alpha " << int(rgba[4 * x + 3]);
