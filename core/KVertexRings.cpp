@@ -29,22 +29,24 @@ void VertexRings(const KPolyMesh& mesh, KVertexNeighbours& rings, int threads) {
     struct Corner {
         int next, prev;
     };
+    // visit(v, next, prev) for every face corner, in face order.
+    const auto eachCorner = [&](auto&& visit) {
+        for (int f = 0, start = 0; f < numFaces; start += faceCounts[f++]) {
+            const int c = faceCounts[f];
+            for (int k = 0; k < c; ++k)
+                visit(fv[start + k], fv[start + (k + 1) % c], fv[start + (k + c - 1) % c]);
+        }
+    };
     KIntArray cornerStart, endStart;
     cornerStart.setLength(nv + 1, true);
     endStart.setLength(nv + 1, true);
-    for (int f = 0, start = 0; f < numFaces; start += faceCounts[f++]) {
-        const int c = faceCounts[f];
-        for (int k = 0; k < c; ++k) {
-            const int v = fv[start + k];
-            const int next = fv[start + (k + 1) % c];
-            const int prev = fv[start + (k + c - 1) % c];
-            if (next != v && prev != v) ++cornerStart[v + 1];
-            if (v != next) {
-                ++endStart[v + 1];
-                ++endStart[next + 1];
-            }
+    eachCorner([&](int v, int next, int prev) {
+        if (next != v && prev != v) ++cornerStart[v + 1];
+        if (v != next) {
+            ++endStart[v + 1];
+            ++endStart[next + 1];
         }
-    }
+    });
     for (int v = 0; v < nv; ++v) {
         cornerStart[v + 1] += cornerStart[v];
         endStart[v + 1] += endStart[v];
@@ -54,19 +56,13 @@ void VertexRings(const KPolyMesh& mesh, KVertexNeighbours& rings, int threads) {
     ends.setLength(endStart[nv], false);
     {
         KIntArray cornerAt(cornerStart), endAt(endStart);
-        for (int f = 0, start = 0; f < numFaces; start += faceCounts[f++]) {
-            const int c = faceCounts[f];
-            for (int k = 0; k < c; ++k) {
-                const int v = fv[start + k];
-                const int next = fv[start + (k + 1) % c];
-                const int prev = fv[start + (k + c - 1) % c];
-                if (next != v && prev != v) corners[static_cast<size_t>(cornerAt[v]++)] = Corner{next, prev};
-                if (v != next) {
-                    ends[endAt[v]++] = next;
-                    ends[endAt[next]++] = v;
-                }
+        eachCorner([&](int v, int next, int prev) {
+            if (next != v && prev != v) corners[static_cast<size_t>(cornerAt[v]++)] = Corner{next, prev};
+            if (v != next) {
+                ends[endAt[v]++] = next;
+                ends[endAt[next]++] = v;
             }
-        }
+        });
     }
 
     // A vertex's ring holds its distinct edge ends (a corner's next and previous vertices are
