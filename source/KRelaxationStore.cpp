@@ -34,12 +34,11 @@ template <typename T, typename Get>
 void ReadLists(MDataBlock& block, const MObject& list, const MObject& child, int count,
                Kavrin::KRelaxationLists<T>& out, Get get) {
     // The elements come by physical index: gathered per vertex first, then packed.
+    // A list that cannot be read stays empty.
     std::vector<std::vector<T> > lists(static_cast<size_t>(count > 0 ? count : 0));
-    out.assign(lists);
     MStatus status;
     MArrayDataHandle handle = block.inputArrayValue(list, &status);
-    if (!status) return;
-    const unsigned int n = handle.elementCount();
+    const unsigned int n = status ? handle.elementCount() : 0;
     for (unsigned int e = 0; e < n; ++e) {
         if (!handle.jumpToArrayElement(e)) break;
         const unsigned int v = handle.elementIndex();
