@@ -79,6 +79,7 @@ bool Encode(const std::string& path, int width, int height, int channels, const 
 // The module's only exported symbols.
 #define KAVRIN_EXPORT __attribute__((visibility("default")))
 
+// Guard (behaviour note "Image files: the module that reads them"): nothing is thrown across the edge.
 extern "C" KAVRIN_EXPORT bool KavrinImagesReadRed(const char* path, int* width, int* height,
                                                   std::vector<float>* texels, std::string* error) {
     try {
@@ -88,6 +89,7 @@ extern "C" KAVRIN_EXPORT bool KavrinImagesReadRed(const char* path, int* width, 
     }
 }
 
+// Guard (behaviour note "Image files: the module that reads them")
 extern "C" KAVRIN_EXPORT bool KavrinImagesEncode(const char* path, int width, int height, int channels,
                                                  const float* pixels, int bits, std::string* bytes,
                                                  std::string* error) {
