@@ -148,14 +148,15 @@ struct ResultOutputs {
 ResultOutputs OutputPaths(const std::string& out, const PoseSequence& poses,
                           const std::vector<std::string>& otherInputs = {}, const std::string& resultOf = std::string());
 
-// The command's main loop: for each pose i, deform(i) makes the result mesh, which is written to
-// its output (an OBJ with the pose's texture coordinates when withCorners, or the next frame of
-// the cache, written once all are made), then one line "[i/n] <pose> -> <output> (<ms> ms)"
-// reports it (the time of deform(i) alone). A result with a point that is not finite is a RunError
-// naming the pose and the first such vertices; resultOf names the mesh the result is a deformed
-// copy of when that is not the pose (as for OutputPaths).
-void DeformEach(const PoseSequence& poses, const ResultOutputs& outputs, const std::function<KPolyMesh(size_t)>& deform,
-                bool withCorners = false, const std::string& resultOf = std::string());
+// The command's main loop: for each pose i, deform(i, pose) returns the points of its result, a
+// copy of the pose (of onto, when given) with those points, which is written to its output (an OBJ
+// with the pose's texture coordinates when withCorners, or the next frame of the cache, written
+// once all are made), then one line "[i/n] <pose> -> <output> (<ms> ms)" reports it (the time of
+// deform alone). A result with a point that is not finite is a RunError naming the pose and the
+// first such vertices; resultOf names onto's file (as for OutputPaths).
+void DeformEach(const PoseSequence& poses, const ResultOutputs& outputs,
+                const std::function<KVectorArray(size_t, const KPolyMesh&)>& deform, bool withCorners = false,
+                const std::string& resultOf = std::string(), const KPolyMesh* onto = nullptr);
 
 // OutputPaths for OBJ results named after poses (file names).
 std::vector<std::string> OutputFilePaths(const std::string& out, const std::vector<std::string>& poses,

@@ -118,13 +118,17 @@ ResultOutputs OutputPaths(const std::string& out, const PoseSequence& poses, con
     return r;
 }
 
-void DeformEach(const PoseSequence& poses, const ResultOutputs& outputs, const std::function<KPolyMesh(size_t)>& deform,
-                bool withCorners, const std::string& resultOf) {
+void DeformEach(const PoseSequence& poses, const ResultOutputs& outputs,
+                const std::function<KVectorArray(size_t, const KPolyMesh&)>& deform, bool withCorners,
+                const std::string& resultOf, const KPolyMesh* onto) {
     KPointCache cache = outputs.timing;
     for (size_t i = 0; i < poses.size(); ++i) {
+        KPolyMesh result = poses.mesh(i);
         const auto start = std::chrono::steady_clock::now();
-        const KPolyMesh result = deform(i);
+        KVectorArray points = deform(i, result);
         const double ms = MillisecondsSince(start);
+        if (onto) result = *onto;
+        result.points = std::move(points);
         const std::string& name = poses.names[i];
         RequireFiniteResult(result.points, name, resultOf, "; nothing was written");
         if (outputs.cache.empty()) {

@@ -35,11 +35,7 @@ void AddDeltaMushCommand(CLI::App& app, std::vector<Command>& commands) {
         const ResultOutputs outputs = OutputPaths(options->out, poses, {options->rest});
 
         DeltaMushRun run(rest, options->iterations, options->threads);
-        DeformEach(poses, outputs, [&](size_t i) {
-            KPolyMesh result = poses.mesh(i);
-            result.points = run.deform(result, options->envelope);
-            return result;
-        });
+        DeformEach(poses, outputs, [&](size_t, const KPolyMesh& pose) { return run.deform(pose, options->envelope); });
     }});
 }
 

@@ -85,11 +85,9 @@ void AddJiggleCommand(CLI::App& app, std::vector<Command>& commands) {
                          options->topology});
 
         JiggleRun run(attributes, weights, options->threads);
-        DeformEach(frames, outputs, [&](size_t i) {
-            KPolyMesh result = frames.mesh(i);
+        DeformEach(frames, outputs, [&](size_t i, const KPolyMesh& frame) {
             // Decision (behaviour note "kavrin jiggle: cache frames are consecutive frames")
-            result.points = run.deform(result, static_cast<double>(i), options->envelope);
-            return result;
+            return run.deform(frame, static_cast<double>(i), options->envelope);
         });
     }});
 }

@@ -148,11 +148,7 @@ void AddOffsetCommand(CLI::App& app, std::vector<Command>& commands) {
         OffsetRun run(useTexture ? &image : nullptr, options->red, options->scale, options->envelope, options->threads);
         DeformEach(
             meshes, outputs,
-            [&](size_t i) {
-                KPolyMesh result = meshes.mesh(i);
-                result.points = run.deform(result, uvs[i].uvs, weights);
-                return result;
-            },
+            [&](size_t i, const KPolyMesh& pose) { return run.deform(pose, uvs[i].uvs, weights); },
             true);
     }});
 }

@@ -103,11 +103,7 @@ void AddRelaxCommand(CLI::App& app, std::vector<Command>& commands) {
         settings.collisionSteps = options->collisionSteps;
         settings.envelope = options->envelope;
         settings.weights = options->weights.empty() ? nullptr : &weights;
-        DeformEach(poses, outputs, [&](size_t i) {
-            KPolyMesh result = poses.mesh(i);
-            result.points = run.relax(result, settings);
-            return result;
-        });
+        DeformEach(poses, outputs, [&](size_t, const KPolyMesh& pose) { return run.relax(pose, settings); });
     }});
 }
 

@@ -171,13 +171,8 @@ void AddTransferCommand(CLI::App& app, std::vector<Command>& commands) {
             Progress("triangle pairing -> %s", options->pairingLog.c_str());
         }
         DeformEach(
-            poses, outputs,
-            [&](size_t i) {
-                KPolyMesh result = target;
-                result.points = run.transfer(poses.mesh(i));
-                return result;
-            },
-            false, options->target);
+            poses, outputs, [&](size_t, const KPolyMesh& pose) { return run.transfer(pose); }, false, options->target,
+            &target);
     }});
 }
 

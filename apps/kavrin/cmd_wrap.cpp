@@ -41,13 +41,8 @@ void AddWrapCommand(CLI::App& app, std::vector<Command>& commands) {
         Progress("bound %d points to %d driver triangles (%.1f ms)", run.boundPoints(), run.driverTriangles(),
                  MillisecondsSince(start));
         DeformEach(
-            poses, outputs,
-            [&](size_t i) {
-                KPolyMesh result = mesh;
-                result.points = run.deform(poses.mesh(i));
-                return result;
-            },
-            false, options->mesh);
+            poses, outputs, [&](size_t, const KPolyMesh& pose) { return run.deform(pose); }, false, options->mesh,
+            &mesh);
     }});
 }
 
