@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <numeric>
+#include <random>
 
 namespace Kavrin {
 
@@ -221,6 +223,16 @@ KPolyMesh SplitIntoFour(const KPolyMesh& mesh) {
             out.faceVertices.insert(out.faceVertices.end(), {f[0], f[1], f[2]});
         }
     }
+    return out;
+}
+
+KPolyMesh ShuffledVertices(const KPolyMesh& mesh, unsigned seed) {
+    std::vector<int> order(static_cast<size_t>(mesh.numVertices()));
+    std::iota(order.begin(), order.end(), 0);
+    std::shuffle(order.begin(), order.end(), std::mt19937(seed));
+    KPolyMesh out = mesh;
+    for (int v = 0; v < mesh.numVertices(); ++v) out.points[order[v]] = mesh.points[v];
+    for (int& v : out.faceVertices) v = order[v];
     return out;
 }
 

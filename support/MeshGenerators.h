@@ -68,4 +68,8 @@ namespace Kavrin {
 // keep their indices; the midpoints follow.
 KPolyMesh SplitIntoFour(const KPolyMesh& mesh);
 
+// The same mesh with its vertices numbered in a random order (std::shuffle driven by
+// std::mt19937(seed)), so that index ranges are scattered over the surface.
+KPolyMesh ShuffledVertices(const KPolyMesh& mesh, unsigned seed);
+
 }  // namespace Kavrin

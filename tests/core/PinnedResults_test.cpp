@@ -12,8 +12,6 @@
 #include <cmath>
 #include <cstdio>
 #include <map>
-#include <numeric>
-#include <random>
 #include <string>
 
 #include "KDeltaMushSolver.h"
@@ -73,17 +71,6 @@ KPolyMesh Mixed() {
     return out;
 }
 
-// The same mesh with its vertices numbered in a random order.
-KPolyMesh Shuffled(const KPolyMesh& mesh) {
-    std::vector<int> order(static_cast<size_t>(mesh.numVertices()));
-    std::iota(order.begin(), order.end(), 0);
-    std::shuffle(order.begin(), order.end(), std::mt19937(11));
-    KPolyMesh out = mesh;
-    for (int v = 0; v < mesh.numVertices(); ++v) out.points[order[v]] = mesh.points[v];
-    for (int& v : out.faceVertices) v = order[v];
-    return out;
-}
-
 // A smooth non-rigid deformation of a mesh's points.
 KPolyMesh Deformed(const KPolyMesh& mesh, float phase) {
     KPolyMesh out = mesh;
@@ -103,7 +90,7 @@ std::vector<Case> Meshes() {
     return {{"grid", MakeDetailedGrid(70, 7.0f)},
             {"icosphere", sphere},
             {"mixed", Mixed()},
-            {"mixed-shuffled", Shuffled(Mixed())}};
+            {"mixed-shuffled", ShuffledVertices(Mixed(), 11)}};
 }
 
 }  // namespace
